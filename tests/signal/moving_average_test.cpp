@@ -1,0 +1,81 @@
+#include "signal/moving_average.hpp"
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <random>
+
+namespace verdel {
+namespace {
+
+// Whole numbers: their sums are exact in any order, so that the comparison needs no tolerance.
+std::vector<double> whole_numbers(std::size_t length) {
+  std::mt19937 random(static_cast<unsigned>(length));
+  std::uniform_int_distribution<int> number(-1000, 1000);
+  std::vector<double> values(length);
+  for (auto& value : values) value = number(random);
+  return values;
+}
+
+double value_at(const std::vector<double>& x, std::int64_t position, EdgeMode mode) {
+  const auto n = static_cast<std::int64_t>(x.size());
+  while (position < 0 || position >= n) {
+    if (mode == EdgeMode::kNearest) {
+      position = position < 0 ? 0 : n - 1;
+    } else {
+      position = position < 0 ? -1 - position : 2 * n - 1 - position;
+    }
+  }
+  return x[static_cast<std::size_t>(position)];
+}
+
+TEST(MovingAverage, EqualsThePlainLoopOverEveryWindow) {
+  for (const EdgeMode mode : {EdgeMode::kNearest, EdgeMode::kReflect}) {
+    for (const std::size_t length : {1u, 2u, 3u, 7u, 16u, 50u}) {
+      const auto x = whole_numbers(length);
+      std::vector<double> y(length);
+      for (std::size_t size = 1; size <= 5 * length + 3; ++size) {
+        uniform_filter1d(x, size, mode, y);
+        for (std::size_t i = 0; i < length; ++i) {
+          double sum = 0.0;
+          for (std::size_t k = 0; k < size; ++k) {
+            sum += value_at(
+                x, static_cast<std::int64_t>(i + k) - static_cast<std::int64_t>(size / 2), mode);
+          }
+          ASSERT_EQ(y[i], sum / static_cast<double>(size))
+              << "length " << length << " size " << size << " sample " << i;
+        }
+      }
+    }
+  }
+}
+
+TEST(MovingAverage, AnEvenWindowLooksOneSampleFurtherBack) {
+  std::vector<double> impulse(20, 0.0), y(20);
+  impulse[10] = 4.0;
+  uniform_filter1d(impulse, 4, EdgeMode::kReflect, y);
+  for (std::size_t i = 0; i < y.size(); ++i) EXPECT_EQ(y[i], i >= 9 && i <= 12 ? 1.0 : 0.0) << i;
+}
+
+TEST(MovingAverage, HoldsNothingOfWhatHasLeftTheWindow) {
+  std::mt19937 random(1);
+  std::uniform_real_distribution<double> loud(-1.0, 1.0);
+  std::vector<double> x(4000, 0.0), y(x.size());
+  for (std::size_t i = 0; i < 1500; ++i) x[i] = loud(random);
+  for (std::size_t i = 3000; i < x.size(); ++i) x[i] = 1e-18 * loud(random);
+  for (const std::size_t size : {9u, 64u, 501u}) {
+    uniform_filter1d(x, size, EdgeMode::kReflect, y);
+    for (std::size_t i = 1500 + size; i < 3000 - size; ++i) ASSERT_EQ(y[i], 0.0);
+    for (std::size_t i = 3000 + size; i < y.size(); ++i) ASSERT_LT(std::abs(y[i]), 1e-18);
+  }
+}
+
+TEST(MovingAverage, AReflectedWindowMayBeOfAnySize) {
+  const std::vector<double> x{1.0, 2.0, 6.0};
+  std::vector<double> y(x.size());
+  uniform_filter1d(x, (std::size_t{1} << 52) + 1, EdgeMode::kReflect, y);
+  for (const double value : y) EXPECT_NEAR(value, 3.0, 1e-12);
+}
+
+}  // namespace
+}  // namespace verdel
