@@ -1,0 +1,61 @@
+#include "inputs/audio_header.hpp"
+
+#include <fmt/format.h>
+
+#include "inputs/path_text.hpp"
+#include "support/errors.hpp"
+
+namespace verdel {
+namespace {
+
+void require_mono(const AudioFile& side) {
+  if (side.header().channels == 1) return;
+  throw ValueError(fmt::format("{}: {}-channel; each .L/.R side must be mono.",
+                               basename(side.path()), side.header().channels));
+}
+
+AudioHeader pair_header(const StemInput& pair, const AudioFile& left, const AudioFile& right) {
+  require_mono(left);
+  require_mono(right);
+  if (left.header().sr != right.header().sr) {
+    throw ValueError(
+        fmt::format("{} and {} have different sample rates. Bounce both mono sides at the same "
+                    "sample rate.",
+                    basename(left.path()), basename(right.path())));
+  }
+  AudioHeader header{left.header().sr, 2, {}};
+  if (left.header().frames && right.header().frames) {
+    require_equal_lengths(pair, *left.header().frames, *right.header().frames);
+    header.frames = left.header().frames;
+  }
+  return header;
+}
+
+}  // namespace
+
+void require_equal_lengths(const StemInput& pair, std::size_t left_frames,
+                           std::size_t right_frames) {
+  if (left_frames == right_frames) return;
+  throw ValueError(
+      fmt::format("{} and {} have different lengths. Bounce both mono sides over the exact same "
+                  "range.",
+                  basename(pair.files[0]), basename(pair.files[1])));
+}
+
+AudioHeader read_audio_header(const std::string& path) {
+  return AudioFile(path).header();
+}
+
+OpenAudioInput open_audio_input(const StemInput& input) {
+  OpenAudioInput opened;
+  for (const std::string& path : input.files) opened.files.emplace_back(path);
+  opened.header = opened.files.size() == 1 ? opened.files.front().header()
+                                           : pair_header(input, opened.files[0], opened.files[1]);
+  return opened;
+}
+
+AudioHeader check_audio_input(const StemInput& input) {
+  return open_audio_input(input).header;
+}
+
+}  // namespace verdel

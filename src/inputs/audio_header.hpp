@@ -1,0 +1,31 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "inputs/audio_file.hpp"
+#include "inputs/input_planning.hpp"
+
+namespace verdel {
+
+/// The header of the audio file at `path`. Errors as those of AudioFile.
+AudioHeader read_audio_header(const std::string& path);
+
+/// The files of one input, open, and what they make together.
+struct OpenAudioInput {
+  std::vector<AudioFile> files;  ///< in the input's order
+  AudioHeader header;            ///< of a pair: two channels; frames absent if absent in either
+};
+
+/// Opens an input and holds what the headers of a pair say against each other: both sides mono, of
+/// one rate and one length, else a ValueError. Decodes nothing.
+OpenAudioInput open_audio_input(const StemInput& input);
+
+/// What an input is, by its headers alone; the tests and errors are those of open_audio_input.
+AudioHeader check_audio_input(const StemInput& input);
+
+/// Refuses sides of different lengths with the ValueError of open_audio_input.
+void require_equal_lengths(const StemInput& pair, std::size_t left_frames,
+                           std::size_t right_frames);
+
+}  // namespace verdel

@@ -1,0 +1,226 @@
+#include "inputs/audio_loading.hpp"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "support/audio_files.hpp"
+#include "support/errors.hpp"
+#include "support/temporary_folder.hpp"
+
+namespace verdel {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using testing::test_sound;
+
+constexpr int kWav = SF_FORMAT_WAV | SF_FORMAT_FLOAT;
+constexpr int kFlac = SF_FORMAT_FLAC | SF_FORMAT_PCM_16;
+
+// Turns a FLAC file into one whose header does not tell its length.
+void forget_length(const std::string& path) {
+  testing::FileBytes bytes = testing::read_bytes(path);
+  bytes[21] &= 0xF0;
+  std::fill_n(bytes.begin() + 22, 4, 0);
+  testing::write_bytes(path, bytes);
+}
+
+// Ruins a FLAC file's audio and leaves its header.
+void ruin(const std::string& path) {
+  testing::FileBytes bytes = testing::read_bytes(path);
+  std::fill(bytes.end() - 40, bytes.end(), 0);
+  testing::write_bytes(path, bytes);
+}
+
+testing::Channels rows_of(const AudioArray& audio) {
+  testing::Channels rows;
+  for (std::size_t c = 0; c < audio.rows(); ++c) {
+    rows.emplace_back(audio.row(c).begin(), audio.row(c).end());
+  }
+  return rows;
+}
+
+std::string failure_of(const std::function<void()>& action) {
+  try {
+    action();
+  } catch (const ValueError& failure) {
+    return failure.what();
+  } catch (const RuntimeError& failure) {
+    return std::string("RuntimeError: ") + failure.what();
+  }
+  return "";
+}
+
+TEST(Load, GivesChannelsAsRowsForEveryWayOfReading) {
+  const testing::TemporaryFolder folder;
+  const std::string path = folder.path("a");
+  // Several decoding blocks of three channels.
+  const testing::Channels sound = test_sound(3, 70001);
+  for (const int format : {kWav, kFlac}) {
+    testing::write_audio(path, sound, 22050, format);
+    const LoadedAudio loaded = load(path);
+    EXPECT_EQ(loaded.sr, 22050);
+    EXPECT_EQ(rows_of(loaded.audio), sound);
+  }
+  forget_length(path);
+  EXPECT_EQ(rows_of(load(path).audio), sound);
+  ruin(path);
+  EXPECT_THAT(failure_of([&] { load(path); }), HasSubstr("“" + path + "” is damaged or cut short"));
+
+  const std::atomic<bool> stopped = true;
+  EXPECT_THROW(load(path, StopToken(stopped)), Cancelled);
+}
+
+TEST(LoadAudioInput, JoinsPairsThatBelongTogether) {
+  struct Side {
+    std::size_t channels = 1, frames = 100;
+    int sr = 44100, format = kWav;
+    bool forgets_length = false;
+  };
+  struct Case {
+    Side left, right;
+    std::string failure;
+  };
+  const std::vector<Case> cases = {
+      {{}, {}, ""},
+      {{.format = kFlac}, {}, ""},
+      {{.format = kFlac, .forgets_length = true}, {.format = kFlac, .forgets_length = true}, ""},
+      {{.channels = 2, .sr = 8000},
+       {.channels = 3},
+       "x.L: 2-channel; each .L/.R side must be mono."},
+      {{}, {.channels = 3}, "x.R: 3-channel; each .L/.R side must be mono."},
+      {{.frames = 9, .sr = 8000},
+       {},
+       "x.L and x.R have different sample rates. Bounce both mono sides at the same sample rate."},
+      {{},
+       {.frames = 101},
+       "x.L and x.R have different lengths. Bounce both mono sides over the exact same range."},
+      {{.frames = 102, .format = kFlac, .forgets_length = true},
+       {},
+       "x.L and x.R have different lengths. Bounce both mono sides over the exact same range."},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(&c - cases.data());
+    const testing::TemporaryFolder folder;
+    const StemInput pair{"x", {folder.path("x.L"), folder.path("x.R")}};
+    for (const bool is_left : {true, false}) {
+      const Side& side = is_left ? c.left : c.right;
+      const std::string& path = pair.files[is_left ? 0 : 1];
+      testing::write_audio(path, test_sound(side.channels, side.frames, is_left ? 0.5 : 0.25),
+                           side.sr, side.format);
+      if (side.forgets_length) forget_length(path);
+    }
+    LoadedAudio loaded;
+    EXPECT_EQ(failure_of([&] { loaded = load_audio_input(pair); }), c.failure);
+    if (!c.failure.empty()) continue;
+    EXPECT_EQ(rows_of(loaded.audio),
+              (testing::Channels{test_sound(1, 100, 0.5)[0], test_sound(1, 100, 0.25)[0]}));
+    const AudioHeader header = check_audio_input(pair);
+    EXPECT_EQ(header.channels, 2u);
+    EXPECT_EQ(header.frames.has_value(), !c.left.forgets_length);
+  }
+}
+
+// A folder of taps for a stereo mix of 1000 frames at 1000 Hz, and what loading it gave.
+class LoadStems : public ::testing::Test {
+ protected:
+  void write(const std::string& name, std::size_t frames = 1000, int sr = 1000,
+             std::size_t channels = 2, int format = kWav) {
+    testing::write_audio(folder.path(name), test_sound(channels, frames), sr, format);
+  }
+  std::string load() {
+    loading.folder = folder.path();
+    lines.clear();
+    stems.clear();
+    return failure_of([this] {
+      stems = load_stem_inputs(loading, [this](auto line) { lines.emplace_back(line); });
+    });
+  }
+
+  testing::TemporaryFolder folder;
+  StemLoading loading{.folder = "", .mix_sr = 1000, .mix_channels = 2, .mix_frames = 1000};
+  std::vector<std::string> lines;
+  StemMap stems;
+};
+
+TEST_F(LoadStems, CutsAndExtendsToTheMix) {
+  write("b exact.wav");
+  write("A short.wav", 998);
+  write("c long.wav", 2000);
+  write("d open.flac", 500, 1000, 2, kFlac);
+  forget_length(folder.path("d open.flac"));
+  write("e.L.flac", 997, 1000, 1, kFlac);
+  write("e.R.wav", 997, 1000, 1);
+  EXPECT_EQ(load(), "");
+  // Headers first; the stream's length shows only when it is decoded.
+  EXPECT_THAT(lines, ElementsAre("  ! c long length 2.00s vs mix 1.00s - LENGTH MISMATCH",
+                                 "  ! e length 1.00s vs mix 1.00s - LENGTH MISMATCH",
+                                 "  ! d open length 0.50s vs mix 1.00s - LENGTH MISMATCH"));
+  ASSERT_EQ(stems.size(), 5u);
+  const std::vector<std::string> names = {"A short", "b exact", "c long", "d open", "e"};
+  const std::vector<std::size_t> kept = {998, 1000, 1000, 500, 997};
+  for (std::size_t s = 0; s < stems.size(); ++s) {
+    EXPECT_EQ(stems[s].name, names[s]);
+    testing::Channels expected = test_sound(s == 4 ? 1 : 2, kept[s]);
+    if (s == 4) expected.push_back(expected[0]);
+    for (auto& row : expected) row.resize(1000, 0.0);
+    EXPECT_EQ(rows_of(stems[s].audio), expected) << names[s];
+  }
+}
+
+TEST_F(LoadStems, JudgesRateThenChannelsThenLength) {
+  loading.strict_inputs = true;
+  EXPECT_EQ(load(), "no tap files found");
+  write("a.wav", 998);
+  EXPECT_EQ(load(), "");
+  EXPECT_THAT(lines, IsEmpty());
+  write("a.wav", 1003);
+  EXPECT_EQ(load(),
+            "a has a different length from the mix. Bounce every stem over the exact same range "
+            "as the mix.");
+  write("a.wav", 1003, 1000, 1);
+  EXPECT_EQ(load(),
+            "a: 1-channel but the mix is 2-channel. Bounce everything as stereo, or provide "
+            "matching mono .L and .R files.");
+  write("a.wav", 1003, 500, 1);
+  EXPECT_EQ(load(), "a: 500 Hz but mix is 1000 Hz");
+  EXPECT_THAT(stems, IsEmpty());
+
+  loading.any_channels = true;
+  write("a.wav", 1001, 1000, 1);
+  EXPECT_EQ(load(), "");
+  EXPECT_EQ(stems.front().audio.rows(), 1u);
+  EXPECT_EQ(stems.front().audio.columns(), 1000u);
+
+  write("a.flac", 900, 1000, 1, kFlac);
+  forget_length(folder.path("a.flac"));
+  std::filesystem::remove(folder.path("a.wav"));
+  EXPECT_THAT(load(), HasSubstr("a has a different length from the mix."));
+}
+
+TEST_F(LoadStems, SeesEveryHeaderBeforeItDecodesAnything) {
+  write("a.flac", 900, 1000, 2, kFlac);
+  ruin(folder.path("a.flac"));
+  write("b.wav", 1010);
+  write("z.wav", 1000, 48000);
+  EXPECT_EQ(load(), "z: 48000 Hz but mix is 1000 Hz");
+  EXPECT_THAT(lines, ElementsAre(HasSubstr("! a length 0.90s"), HasSubstr("! b length 1.01s")));
+
+  write("z.wav");
+  testing::FileBytes cut = testing::read_bytes(folder.path("z.wav"));
+  cut.pop_back();
+  testing::write_bytes(folder.path("z.wav"), cut);
+  EXPECT_THAT(load(), HasSubstr(folder.path("z.wav") + "” is cut short"));
+
+  write("z.wav");
+  EXPECT_THAT(load(), HasSubstr(folder.path("a.flac") + "” is damaged or cut short"));
+}
+
+}  // namespace
+}  // namespace verdel
