@@ -1,0 +1,57 @@
+#pragma once
+
+#include <cstddef>
+#include <span>
+#include <vector>
+
+namespace verdel {
+
+/// Overlapping frequency masks over the bins of one real transform: band centres in geometric
+/// progression from 40 Hz to the Nyquist frequency, raised-cosine crossovers between neighbours,
+/// and at every bin all masks together are 1.
+///
+/// A whole song's transform has millions of bins, so no mask is kept: each is computed anew,
+/// [bins], whenever it is asked for. Read-only once built; any number of threads may ask.
+class StreamedBandMasks {
+ public:
+  /// nfft: transform length, at least 2; sr: Hz, above 80; bands: at least 2.
+  StreamedBandMasks(std::size_t nfft, double sr, std::size_t bands);
+
+  std::size_t nfft() const { return nfft_; }
+  double sr() const { return sr_; }
+  std::span<const double> centers() const { return centers_; }          ///< Hz, rising, [bands]
+  std::span<const double> frequencies() const { return frequencies_; }  ///< Hz, [nfft / 2 + 1]
+  /// The sum of all raw masks at every bin, at least 1e-12.
+  std::span<const double> denominator() const { return denominator_; }
+
+  std::size_t size() const { return centers_.size(); }
+  /// 1 at the band's centre, falling to 0 at the centre below and to almost 0 at the one above.
+  std::vector<double> raw_mask(std::size_t band) const;
+  /// The raw mask over the denominator.
+  std::vector<double> operator[](std::size_t band) const;
+
+  /// Walks over the normalised masks in the order of the bands.
+  class Iterator {
+   public:
+    Iterator(const StreamedBandMasks& bank, std::size_t band) : bank_(&bank), band_(band) {}
+    std::vector<double> operator*() const { return (*bank_)[band_]; }
+    Iterator& operator++() {
+      ++band_;
+      return *this;
+    }
+    bool operator!=(const Iterator& other) const { return band_ != other.band_; }
+
+   private:
+    const StreamedBandMasks* bank_;
+    std::size_t band_;
+  };
+  Iterator begin() const { return {*this, 0}; }
+  Iterator end() const { return {*this, size()}; }
+
+ private:
+  std::size_t nfft_;
+  double sr_;
+  std::vector<double> centers_, frequencies_, denominator_;
+};
+
+}  // namespace verdel
