@@ -1,0 +1,112 @@
+#include "allocation/channel_render.hpp"
+
+#include <fmt/core.h>
+
+#include <algorithm>
+#include <cmath>
+#include <optional>
+
+#include "allocation/phase_runner.hpp"
+#include "allocation/worker_budgets.hpp"
+#include "support/errors.hpp"
+
+namespace verdel {
+namespace {
+
+bool all_finite(std::span<const double> values) {
+  return std::all_of(values.begin(), values.end(), [](double v) { return std::isfinite(v); });
+}
+
+/// The largest magnitude by which the stems miss models plus residual over the span, and that of
+/// the sum itself. It holds by construction; this proves it.
+void check_conservation(const ChannelJob& job, const Array2D<double>& rendered) {
+  double error = 0.0;
+  double peak = 0.0;
+  for (std::size_t i = job.start; i < job.stop; ++i) {
+    double expected = job.residual[i];
+    for (const auto& source : job.source_models) expected += source[i];
+    double sum = 0.0;
+    for (std::size_t index = 0; index < rendered.rows(); ++index) {
+      sum += rendered.row(index)[i - job.start];
+    }
+    error = std::max(error, std::abs(sum - expected));
+    peak = std::max(peak, std::abs(expected));
+  }
+  if (error > C14_CONSERVATION_TOLERANCE * std::max(1.0, peak)) {
+    throw FloatingPointError(
+        fmt::format("candidate-14 allocation failed conservation ({:g})", error));
+  }
+}
+
+std::size_t scoring_workers_of(const ChannelJob& job, const Machine& machine) {
+  const CellGrid grid(spectrum_frames(job.residual.size()));
+  return std::min(_c14_stem_worker_count(grid.cells(), job.workers, machine),
+                  RenderScratch::kMostScoringSpectra);
+}
+
+Array2D<double> render_phases(const ChannelJob& job, const Machine& machine, const StopToken& stop,
+                              RenderScratch& scratch) {
+  const SpectralTransform transform;
+  ChannelRender render(job, transform, scratch, stop);
+  PhaseRunner phases(render, scoring_workers_of(job, machine), machine);
+  phases.prepare_residual();
+  phases.score_sources();
+  phases.render_all_endpoints();
+  phases.project_stems();
+  phases.build_histories();
+  phases.build_gate_of_all();
+  return phases.blend();
+}
+
+}  // namespace
+
+ChannelRender::ChannelRender(const ChannelJob& channel_job, const SpectralTransform& shared,
+                             RenderScratch& render_scratch, const StopToken& stop_token)
+    : job(channel_job),
+      transform(shared),
+      scratch(render_scratch),
+      stop(stop_token),
+      grid(spectrum_frames(channel_job.residual.size())),
+      support_scores(scratch.support_scores),
+      scores09(scratch.scores09),
+      scores10(scratch.scores10),
+      output09(scratch.output09),
+      output10(scratch.output10),
+      histories(scratch.histories),
+      transient_histories(scratch.transient_histories) {}
+
+void check_channel_job(const ChannelJob& job, std::size_t shortest) {
+  const std::size_t samples = job.residual.size();
+  if (job.start >= job.stop || job.stop > samples || job.source_models.empty()) {
+    throw ValueError("invalid candidate-14 allocation inputs or interval");
+  }
+  if (samples < shortest) {
+    throw ValueError(fmt::format("Candidate 14 needs at least {} audio frames", shortest));
+  }
+  if (!all_finite(job.residual)) throw FloatingPointError("non-finite candidate-14 residual");
+  for (const auto& source : job.source_models) {
+    if (source.size() != samples || !all_finite(source)) {
+      throw ValueError("candidate-14 models must match the finite residual");
+    }
+  }
+}
+
+Array2D<double> _render_transient_release_tail_channel_full(const ChannelJob& job,
+                                                            const Machine& machine,
+                                                            const StopToken& stop,
+                                                            RenderScratch* scratch) {
+  check_channel_job(job, 0);
+  std::optional<RenderScratch> own;
+  if (scratch == nullptr) {
+    own.emplace(machine, job.source_models.size(), job.residual.size(),
+                scoring_workers_of(job, machine));
+    scratch = &*own;
+  }
+  auto rendered = render_phases(job, machine, stop, *scratch);
+  own.reset();
+  if (!all_finite(rendered.flat())) throw FloatingPointError("non-finite candidate-14 allocation");
+  check_conservation(job, rendered);
+  return rendered;
+}
+
+}  // namespace verdel

@@ -1,0 +1,97 @@
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <span>
+#include <vector>
+
+#include "allocation/cell_grid.hpp"
+#include "allocation/render_scratch.hpp"
+#include "allocation/spectral_transform.hpp"
+#include "signal/arrays.hpp"
+#include "signal/mapped_arrays.hpp"
+#include "support/machine.hpp"
+#include "support/stop_token.hpp"
+
+/// One render of one channel: the residual shared out among the stems over a whole signal, in six
+/// phases, with what they share between them.
+namespace verdel {
+
+/// Called with the steps finished and the steps in all, on the thread that runs the render.
+using RenderProgress = std::function<void(std::size_t done, std::size_t total)>;
+
+/// What a render is given. Spans refer to the caller's rows, all of one length.
+struct ChannelJob {
+  std::vector<std::span<const double>> source_models;  ///< one row per stem, in stem order
+  std::span<const double> residual;
+  int sr = 0;                       ///< Hz
+  std::size_t start = 0, stop = 0;  ///< the span wanted, in samples, stop excluded
+  std::size_t workers = 1;          ///< threads that this render may use inside
+  std::size_t active_channels = 1;  ///< channels rendered at the same time
+  RenderProgress progress;          ///< may be empty
+};
+
+/// What the phases of one render share: the job, and the arrays in the scratch by their meaning.
+/// Each of the first four phases writes only its own stem's rows, so that stems may be worked on at
+/// once; what a phase reads was finished before it began. "cells" are values on the grid, one a
+/// cell; the rows of a stored array may be longer than the render needs.
+struct ChannelRender {
+  ChannelRender(const ChannelJob& job, const SpectralTransform& transform, RenderScratch& scratch,
+                const StopToken& stop);
+
+  std::size_t stems() const { return job.source_models.size(); }
+  std::size_t samples() const { return job.residual.size(); }
+  /// A stem's row of output09 or output10, as long as the signal.
+  std::span<float> signal_row(MappedArray& output, std::size_t index) const {
+    return output.row(index).first(samples());
+  }
+
+  const ChannelJob& job;
+  const SpectralTransform& transform;
+  RenderScratch& scratch;
+  const StopToken& stop;
+  CellGrid grid;
+
+  MappedArray& support_scores;  ///< present support, cells. Phase 1; phases 4, 5.
+  MappedArray& scores09;        ///< claims of endpoint 09, from phase 3 on its projections, cells.
+  MappedArray& scores10;        ///< the same of endpoint 10. Phases 1, 3; phases 2, 5.
+  MappedArray& output09;        ///< model plus share under endpoint 09, samples. Phase 2; 3, 6.
+  MappedArray& output10;        ///< the same under endpoint 10. Phase 2; phases 3, 6.
+  MappedArray& histories;       ///< decaying memory of the support, cells. Phase 4; phase 5.
+  MappedArray& transient_histories;  ///< the same, of onsets alone. Phase 4; phase 5.
+
+  /// Spectrum of the residual, two values a cell; from phase 3 on of the residual that endpoint 10
+  /// allocated. Written: at the start, after phase 2. Read: phases 1 to 3.
+  std::span<float> residual_spectrum;
+  /// Moving average over frames of its squared magnitude, cells. Start; phase 1.
+  std::span<float> residual_power;
+  /// Sums over the stems of scores09 and scores10, cells. After phases 1 and 3; phases 2 and 5.
+  std::span<double> total09, total10;
+  /// Weight of each frame as an onset, [stems][frames]. Phase 4; phase 5.
+  Array2D<double> onsets;
+  /// Sum over the stems of histories, cells. After phase 4; phase 5.
+  std::span<double> history_total;
+  /// Weight in 0 .. C14_TAIL_STRENGTH that moves a cell from endpoint 10 to endpoint 09, cells.
+  /// Phase 5; phase 6.
+  std::span<double> gate;
+  /// Whether any cell of the frame has a gate above 0. Phase 5; phase 6.
+  std::vector<char> gate_opens;
+};
+
+/// Renders the whole signal and returns the stems over the job's span, [stems][stop - start]. The
+/// span selects what is returned and what the closing test covers, never a value.
+///
+/// Errors: ValueError and FloatingPointError for inputs that do not fit or are not finite, OSError
+/// from the temporary files, FloatingPointError if the stems miss the sum of models and residual by
+/// more than C14_CONSERVATION_TOLERANCE. Temporary files are gone on every road.
+/// `scratch`, if given, has room for the job; without one the render makes its own.
+Array2D<double> _render_transient_release_tail_channel_full(const ChannelJob& job,
+                                                            const Machine& machine,
+                                                            const StopToken& stop = {},
+                                                            RenderScratch* scratch = nullptr);
+
+/// The tests that inputs must pass: one length, finite, a span inside it.
+/// `shortest`: the fewest samples accepted, or 0 where that is judged elsewhere.
+void check_channel_job(const ChannelJob& job, std::size_t shortest);
+
+}  // namespace verdel

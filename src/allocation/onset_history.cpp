@@ -1,0 +1,86 @@
+#include "allocation/onset_history.hpp"
+
+#include <algorithm>
+#include <array>
+#include <cassert>
+#include <cmath>
+
+#include "allocation/c14_constants.hpp"
+#include "allocation/cell_grid.hpp"
+#include "signal/multiversion.hpp"
+
+namespace verdel {
+namespace {
+
+// One past frame and what it weighs now.
+struct Past {
+  const float* values;
+  double decay, onset;
+};
+
+VERDEL_INLINE void raise(double* __restrict peak, const double* __restrict candidate,
+                         std::size_t columns) {
+  for (std::size_t b = 0; b < columns; ++b) {
+    peak[b] = peak[b] > candidate[b] ? peak[b] : candidate[b];
+  }
+}
+
+// One frame of a tile. Most frames lie behind no onset: their product is left out.
+VERDEL_MULTIVERSION
+void history_frame(const Past* pasts, std::size_t count, std::size_t columns,
+                   float* __restrict history, float* __restrict gated_history) {
+  alignas(64) double peak[CellGrid::kTileBins] = {};
+  alignas(64) double gated_peak[CellGrid::kTileBins] = {};
+  alignas(64) double faded[CellGrid::kTileBins];
+  for (std::size_t i = 0; i < count; ++i) {
+    const float* __restrict values = pasts[i].values;
+    for (std::size_t b = 0; b < columns; ++b) {
+      faded[b] = pasts[i].decay * static_cast<double>(values[b]);
+    }
+    raise(peak, faded, columns);
+    if (pasts[i].onset == 0.0) continue;
+    for (std::size_t b = 0; b < columns; ++b) faded[b] *= pasts[i].onset;
+    raise(gated_peak, faded, columns);
+  }
+  for (std::size_t b = 0; b < columns; ++b) {
+    history[b] = static_cast<float>(peak[b]);
+    gated_history[b] = static_cast<float>(gated_peak[b]);
+  }
+}
+
+}  // namespace
+
+double history_decay(std::size_t delay, int sr) {
+  const double seconds = static_cast<double>(delay * C14_HOP) / sr;
+  return std::exp(-seconds / C14_HISTORY_TAU);
+}
+
+std::vector<double> _c14_previous_mean(std::span<const double> envelope, std::size_t frames) {
+  std::vector<double> means(envelope.size(), 0.0);
+  for (std::size_t i = 1; i < envelope.size(); ++i) {
+    const std::size_t count = std::min(i, frames);
+    double total = 0.0;
+    for (std::size_t offset = 1; offset <= count; ++offset) total += envelope[i - offset];
+    means[i] = total / static_cast<double>(count);
+  }
+  return means;
+}
+
+void _c14_history(const float* current, std::span<const double> onset, std::size_t columns, int sr,
+                  float* history, float* gated_history) {
+  assert(columns <= CellGrid::kTileBins);
+  std::array<double, C14_HISTORY_DELAYS.size()> decays{};
+  for (std::size_t i = 0; i < decays.size(); ++i)
+    decays[i] = history_decay(C14_HISTORY_DELAYS[i], sr);
+  std::array<Past, C14_HISTORY_DELAYS.size()> pasts{};
+  for (std::size_t t = 0; t < onset.size(); ++t) {
+    std::size_t count = 0;
+    for (; count < pasts.size() && C14_HISTORY_DELAYS[count] <= t; ++count) {
+      const std::size_t earlier = t - C14_HISTORY_DELAYS[count];
+      pasts[count] = {current + earlier * columns, decays[count], onset[earlier]};
+    }
+    history_frame(pasts.data(), count, columns, history + t * columns, gated_history + t * columns);
+  }
+}
+
+}  // namespace verdel

@@ -1,0 +1,158 @@
+#include "allocation/phase_runner.hpp"
+
+#include <algorithm>
+#include <memory>
+
+#include "allocation/ordered_prefetch.hpp"
+#include "allocation/phases.hpp"
+#include "allocation/scratch_pool.hpp"
+#include "allocation/worker_budgets.hpp"
+#include "signal/multiversion.hpp"
+
+namespace verdel {
+namespace {
+
+VERDEL_MULTIVERSION
+void add_cells(const float* __restrict stored, std::size_t count, double* __restrict totals) {
+  for (std::size_t i = 0; i < count; ++i) totals[i] += static_cast<double>(stored[i]);
+}
+
+}  // namespace
+
+PhaseRunner::PhaseRunner(ChannelRender& render, std::size_t scoring_workers, const Machine& machine)
+    : render_(render),
+      scoring_workers_(scoring_workers),
+      projection_workers_(_c14_projection_worker_count(render.stems(), render.grid.cells(),
+                                                       render.job.workers, machine)),
+      stem_workers_(std::min(std::max<std::size_t>(1, render.job.workers), render.stems())) {
+  if (render.job.workers > 1) rows_.emplace(render.job.workers, "verdel-c14-row");
+}
+
+void PhaseRunner::report() {
+  if (render_.job.progress) render_.job.progress(finished_, render_.stems() * C14_STEPS_PER_STEM);
+}
+
+void PhaseRunner::for_each_stem(std::size_t workers, const char* thread_prefix,
+                                const std::function<void(std::size_t)>& work) {
+  auto results = _ordered_prefetch(
+      [&](std::size_t index) {
+        work(index);
+        return index;
+      },
+      render_.stems(), workers, thread_prefix);
+  while (results.next()) {
+    ++finished_;
+    report();
+  }
+}
+
+void PhaseRunner::for_each_tile(const std::function<void(std::size_t)>& work) {
+  run_indexed(rows_ ? &*rows_ : nullptr, CellGrid::kTiles, [&](std::size_t tile) {
+    render_.stop.check();
+    work(tile);
+  });
+}
+
+void PhaseRunner::sum_stems(const MappedArray& stored, std::span<double> totals) {
+  for_each_tile([&](std::size_t tile) {
+    const std::size_t at = render_.grid.offset(tile, 0);
+    const std::size_t count = render_.grid.frames() * CellGrid::columns(tile);
+    std::fill_n(totals.data() + at, count, 0.0);
+    for (std::size_t index = 0; index < render_.stems(); ++index) {
+      add_cells(stored.row(index).data() + at, count, totals.data() + at);
+    }
+  });
+}
+
+void PhaseRunner::prepare_residual() {
+  render_.residual_spectrum = render_.scratch.residual_then_gate.as<float>(2 * cells());
+  render_.residual_power = render_.scratch.power_then_total09.as<float>(cells());
+  _c14_transform(render_.transform, render_.job.residual, render_.grid, render_.residual_spectrum,
+                 render_.stop);
+  report();
+  for_each_tile([&](std::size_t tile) {
+    smooth_power(render_.grid, tile, render_.residual_spectrum.data(),
+                 render_.residual_power.data());
+  });
+}
+
+void PhaseRunner::score_sources() {
+  ScratchPool<std::span<float>> spectra([&, worker = std::size_t{0}]() mutable {
+    return std::make_unique<std::span<float>>(
+        render_.scratch.scoring_spectrum(worker++).as<float>(2 * cells()));
+  });
+  for_each_stem(scoring_workers_, "verdel-energy", [&](std::size_t index) {
+    const auto spectrum = spectra.lease();
+    score_source(render_, index, *spectrum);
+  });
+  render_.support_scores.flush();
+  render_.scores09.flush();
+  render_.scores10.flush();
+}
+
+void PhaseRunner::render_all_endpoints() {
+  render_.total09 = render_.scratch.power_then_total09.as<double>(cells());
+  render_.total10 = render_.scratch.spectrum_then_total10.as<double>(cells());
+  sum_stems(render_.scores09, render_.total09);
+  sum_stems(render_.scores10, render_.total10);
+  for_each_stem(stem_workers_, "verdel-c14-endpoint",
+                [&](std::size_t index) { render_endpoints(render_, index); });
+  render_.output09.flush();
+  render_.output10.flush();
+  measure_allocated_residual(render_);
+}
+
+void PhaseRunner::project_stems() {
+  for_each_stem(projection_workers_, "verdel-c14-project",
+                [&](std::size_t index) { project_stem(render_, index); });
+  render_.scores09.flush();
+  render_.scores10.flush();
+  sum_stems(render_.scores09, render_.total09);
+  sum_stems(render_.scores10, render_.total10);
+}
+
+void PhaseRunner::build_histories() {
+  render_.onsets = Array2D<double>::zeros(render_.stems(), render_.grid.frames());
+  for_each_stem(stem_workers_, "verdel-c14-history",
+                [&](std::size_t index) { build_history(render_, index); });
+  render_.histories.flush();
+  render_.transient_histories.flush();
+}
+
+void PhaseRunner::build_gate_of_all() {
+  render_.history_total = render_.scratch.spectrum_then_history.as<double>(cells());
+  sum_stems(render_.histories, render_.history_total);
+  render_.gate = render_.scratch.residual_then_gate.as<double>(cells());
+  std::fill(render_.gate.begin(), render_.gate.end(), 0.0);
+  // One gate serves all stems, so they take turns, and each turn is spread over the tiles.
+  for_each_stem(1, "", [&](std::size_t index) {
+    for_each_tile([&](std::size_t tile) { build_gate(render_, index, tile); });
+  });
+  finish_gate();
+}
+
+void PhaseRunner::finish_gate() {
+  render_.gate_opens.assign(render_.grid.frames(), 0);
+  for (std::size_t tile = 0; tile < CellGrid::kTiles; ++tile) {
+    const std::size_t columns = CellGrid::columns(tile);
+    for (std::size_t frame = 0; frame < render_.grid.frames(); ++frame) {
+      double* row = render_.gate.data() + render_.grid.offset(tile, frame);
+      double sum = 0.0;
+      for (std::size_t b = 0; b < columns; ++b) {
+        row[b] *= C14_TAIL_STRENGTH;
+        sum += row[b];
+      }
+      if (sum > 0.0) render_.gate_opens[frame] = 1;
+    }
+  }
+}
+
+Array2D<double> PhaseRunner::blend() {
+  auto rendered =
+      Array2D<double>::uninitialised(render_.stems(), render_.job.stop - render_.job.start);
+  for_each_stem(stem_workers_, "verdel-c14-blend",
+                [&](std::size_t index) { blend_stem(render_, index, rendered.row(index)); });
+  return rendered;
+}
+
+}  // namespace verdel

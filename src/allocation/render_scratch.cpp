@@ -1,0 +1,43 @@
+#include "allocation/render_scratch.hpp"
+
+#include <cassert>
+
+#include "allocation/spectral_transform.hpp"
+
+namespace verdel {
+namespace {
+
+std::size_t stored_cells(std::size_t samples) {
+  return CellGrid(spectrum_frames(samples)).stored_cells();
+}
+
+}  // namespace
+
+RenderScratch::RenderScratch(const Machine& machine, std::size_t stems, std::size_t samples,
+                             std::size_t scoring_workers)
+    : directory_(machine.temporary_folder(), "verdel-c14-"),
+      support_scores(directory_.path() + "/support.dat", stems, stored_cells(samples)),
+      scores09(directory_.path() + "/lagged.dat", stems, stored_cells(samples)),
+      scores10(directory_.path() + "/persistent.dat", stems, stored_cells(samples)),
+      output09(directory_.path() + "/endpoint-09.dat", stems, samples),
+      output10(directory_.path() + "/endpoint-10.dat", stems, samples),
+      histories(directory_.path() + "/history.dat", stems, stored_cells(samples)),
+      transient_histories(directory_.path() + "/transient-history.dat", stems,
+                          stored_cells(samples)),
+      residual_then_gate(stored_cells(samples)),
+      spectrum_then_history(stored_cells(samples)),
+      power_then_total09(stored_cells(samples)),
+      spectrum_then_total10(stored_cells(samples)) {
+  assert(scoring_workers <= kMostScoringSpectra);
+  for (std::size_t worker = 2; worker < scoring_workers; ++worker) {
+    further_spectra_.emplace_back(stored_cells(samples));
+  }
+}
+
+CellBuffer& RenderScratch::scoring_spectrum(std::size_t worker) {
+  if (worker == 0) return spectrum_then_history;
+  if (worker == 1) return spectrum_then_total10;
+  return further_spectra_[worker - 2];
+}
+
+}  // namespace verdel

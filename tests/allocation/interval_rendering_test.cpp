@@ -1,0 +1,121 @@
+#include "allocation/interval_rendering.hpp"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <mutex>
+#include <vector>
+
+#include "support/errors.hpp"
+#include "test_song.hpp"
+
+namespace verdel {
+namespace {
+
+using testing::test_song;
+using testing::TestSong;
+
+Machine machine_with(std::size_t processors) {
+  Machine machine = system_machine();
+  machine.processors = [processors] { return processors; };
+  machine.physical_memory = [] { return std::uint64_t{64} << 30U; };
+  machine.temporary_space = [] { return std::uint64_t{64} << 30U; };
+  return machine;
+}
+
+bool same_bits(const Array2D<double>& a, const Array2D<double>& b) {
+  return std::equal(a.flat().begin(), a.flat().end(), b.flat().begin(), b.flat().end());
+}
+
+TEST(Intervals, AbutBitForBitAsOneRender) {
+  const int sr = 8000;
+  const TestSong song = test_song(static_cast<std::size_t>(sr) * 100 + 77, sr);
+  ChannelJob job = song.job();
+  const auto whole = _render_transient_release_tail_channel_full(job, machine_with(1));
+  for (const std::size_t processors : {1U, 2U, 4U, 8U}) {
+    job.workers = processors;
+    EXPECT_TRUE(
+        same_bits(render_transient_release_tail_channel(job, machine_with(processors)), whole))
+        << processors << " processors";
+  }
+}
+
+TEST(Intervals, AnExcerptIsTheWholeRendersCut) {
+  const TestSong song = test_song(400000, 8000);
+  const auto whole = _render_transient_release_tail_channel_full(song.job(), machine_with(1));
+  for (const auto& [start, stop] :
+       {std::pair<std::size_t, std::size_t>{0, 3000}, {150001, 171234}, {399990, 400000}}) {
+    ChannelJob job = song.job();
+    job.start = start;
+    job.stop = stop;
+    const auto part = render_transient_release_tail_channel(job, machine_with(2));
+    for (std::size_t s = 0; s < part.rows(); ++s) {
+      const auto expected = whole.row(s).subspan(start, stop - start);
+      EXPECT_TRUE(std::equal(expected.begin(), expected.end(), part.row(s).begin())) << start;
+    }
+  }
+}
+
+struct Counts {
+  std::mutex lock;
+  std::vector<std::size_t> seen;
+};
+
+Counts& count_into(Counts& counts, ChannelJob& job) {
+  job.progress = [&counts](std::size_t done, std::size_t total) {
+    const std::lock_guard guard(counts.lock);
+    counts.seen.push_back(done);
+    EXPECT_EQ(total, 18U);
+  };
+  return counts;
+}
+
+// The shortest span that is split has exactly a minute.
+TEST(Intervals, SplitFromAMinuteOn) {
+  const int sr = 1000;
+  const TestSong song = test_song(60001, sr);
+  for (const auto& [length, reports] :
+       {std::pair<std::size_t, std::size_t>{59999, 19}, {60000, 3 * 19 + 1}, {60001, 4 * 19 + 1}}) {
+    for (const std::size_t processors : {1U, 4U}) {
+      ChannelJob job = song.job();
+      job.start = 60001 - length;
+      Counts counts;
+      count_into(counts, job);
+      render_transient_release_tail_channel(job, machine_with(processors));
+      EXPECT_EQ(counts.seen.size(), reports) << length;
+      EXPECT_TRUE(std::is_sorted(counts.seen.begin(), counts.seen.end()));
+      EXPECT_EQ(counts.seen.front(), 0U);
+      EXPECT_EQ(counts.seen.back(), 18U);
+    }
+  }
+}
+
+TEST(Intervals, RefusesASignalShorterThanAFrame) {
+  const TestSong song = test_song(2047, 44100);
+  try {
+    render_transient_release_tail_channel(song.job(), machine_with(1));
+    FAIL() << "accepted";
+  } catch (const ValueError& error) {
+    EXPECT_STREQ(error.what(), "Candidate 14 needs at least 2048 audio frames");
+  }
+}
+
+TEST(Intervals, AFailureOrAStopEndsAllOfThem) {
+  const TestSong song = test_song(62000, 1000);
+  for (const std::size_t processors : {1U, 4U}) {
+    ChannelJob job = song.job();
+    job.progress = [](std::size_t done, std::size_t) {
+      if (done == 5) throw RuntimeError("stop here");
+    };
+    EXPECT_THROW(render_transient_release_tail_channel(job, machine_with(processors)),
+                 RuntimeError);
+    std::atomic<bool> stopped{false};
+    job.progress = [&](std::size_t done, std::size_t) { stopped = done >= 2; };
+    EXPECT_THROW(
+        render_transient_release_tail_channel(job, machine_with(processors), StopToken(stopped)),
+        Cancelled);
+  }
+}
+
+}  // namespace
+}  // namespace verdel

@@ -1,0 +1,63 @@
+#include "allocation/ordered_prefetch.hpp"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+namespace verdel {
+namespace {
+
+TEST(OrderedPrefetch, KeepsOrderAndNeverHoldsMoreThanItsWorkers) {
+  for (const std::size_t workers : {1U, 2U, 3U, 9U}) {
+    std::size_t taken = 0;
+    std::size_t handed_over = 0;
+    auto items = [&]() -> std::optional<std::size_t> {
+      EXPECT_LE(taken - handed_over, workers) << "items are taken on demand";
+      if (taken == 6) return std::nullopt;
+      return taken++;
+    };
+    OrderedPrefetch sequence(
+        [](std::size_t i) {
+          std::this_thread::sleep_for(std::chrono::milliseconds(2 * (6 - i)));
+          return 10 * i;
+        },
+        items, workers);
+    EXPECT_EQ(taken, 0U) << "nothing happens before the first request";
+    for (std::size_t i = 0; i < 6; ++i) {
+      EXPECT_EQ(sequence.next(), 10 * i);
+      ++handed_over;
+    }
+    EXPECT_EQ(sequence.next(), std::nullopt);
+    EXPECT_EQ(sequence.next(), std::nullopt);
+  }
+}
+
+TEST(OrderedPrefetch, OneWorkerIsTheConsumer) {
+  auto sequence = _ordered_prefetch([](std::size_t) { return std::this_thread::get_id(); }, 2, 1);
+  EXPECT_EQ(sequence.next(), std::this_thread::get_id());
+}
+
+TEST(OrderedPrefetch, AFailureComesAtItsTurnAndEndsTheSequence) {
+  for (const std::size_t workers : {1U, 3U}) {
+    std::atomic<int> begun{0};
+    auto sequence = _ordered_prefetch(
+        [&](std::size_t i) {
+          ++begun;
+          if (i == 1) throw std::runtime_error("one");
+          return i;
+        },
+        100, workers);
+    EXPECT_EQ(sequence.next(), 0U);
+    EXPECT_THROW(sequence.next(), std::runtime_error);
+    EXPECT_LE(begun, 5);
+  }
+  auto empty = _ordered_prefetch([](std::size_t i) { return i; }, 0, 4);
+  EXPECT_EQ(empty.next(), std::nullopt);
+}
+
+}  // namespace
+}  // namespace verdel
