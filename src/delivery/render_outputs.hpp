@@ -1,0 +1,41 @@
+#pragma once
+
+#include <functional>
+#include <string>
+
+#include "signal/arrays.hpp"
+#include "support/line_sink.hpp"
+#include "support/stop_token.hpp"
+
+namespace verdel {
+
+/// What a render delivers. All audio is [channels][samples] of one shape: the range that is put
+/// out, which may be an excerpt.
+struct RenderOutputs {
+  std::string out;          ///< the folder to write to
+  bool write_null = false;  ///< also write what is left of the mix
+  StemViews est;            ///< the stems as rendered, in stem order
+  StemViews taps;           ///< the aligned taps under the same names
+  int sr = 0;               ///< Hz
+  AudioView mix;
+  double null_threshold = -100.0;  ///< dB
+};
+
+struct DeliveryVerdict {
+  double null_peak;  ///< dB; -999 for an exact null, NaN if the files hold something not a number
+  bool passed;       ///< null_peak < threshold
+};
+
+/// Writes one 32-bit float file per stem into the folder (made with its parents if need be), each
+/// under its own name only once it is complete, then reads all of them back and measures what the
+/// mix has beyond their sum. A line per stem and the verdict go to `line`; `report`, which may be
+/// empty, is called between the two. Complete files stay whatever happens afterwards.
+///
+/// Errors: OSError naming the file or folder that cannot be written; those of
+/// _coordinated_float32_delivery before any file is written; those of written_residual.
+/// A null that is too shallow is no error but a verdict.
+DeliveryVerdict write_render_outputs(const RenderOutputs& outputs, const LineSink& line,
+                                     const std::function<void()>& report,
+                                     const StopToken& stop = {});
+
+}  // namespace verdel
