@@ -1,0 +1,75 @@
+#include "driver/entry.hpp"
+
+#include <functional>
+#include <new>
+
+#include "driver/option_parser.hpp"
+#include "driver/option_table.hpp"
+#include "driver/run.hpp"
+#include "driver/shipping.hpp"
+#include "support/errors.hpp"
+
+namespace verdel {
+namespace {
+
+constexpr const char* kShippingProgram = "VERDEL Engine";
+
+/// What was printed so far goes out before the failure's text, whatever becomes of it; where it
+/// cannot go out, the failure at hand is still the one to report.
+int report_failure(const RunContext& context, const char* text, int status) {
+  std::fflush(context.out);
+  std::fprintf(context.err, "%s\n", text);
+  std::fflush(context.err);
+  return status;
+}
+
+/// Runs the body and turns its outcome into the exit status.
+int exit_status_of(RunContext& context, const std::function<void(OutputLines&)>& body) {
+  try {
+    OutputLines lines(context.out);
+    body(lines);
+    lines.flush();
+    return 0;
+  } catch (const UsageError& error) {
+    return report_failure(context, error.what(), kExitUsage);
+  } catch (const Cancelled& cancelled) {
+    return report_failure(context, cancelled.what(), kExitCancelled);
+  } catch (const std::bad_alloc&) {
+    return report_failure(context,
+                          "the machine has not enough free memory for this render; use fewer stems "
+                          "or a shorter bounce",
+                          kExitFailure);
+  } catch (const std::exception& failure) {
+    return report_failure(context, failure.what(), kExitFailure);
+  }
+}
+
+void run_arguments(const std::vector<std::string>& arguments, RunContext& context,
+                   OutputLines& lines) {
+  const CommandLine command_line(context.program_name, entries_of(option_table()));
+  auto options = parse_record(command_line, option_table(), arguments);
+  if (!options) return lines.write(command_line.help());
+  run_engine({.options = std::move(*options),
+              .command_line = command_line,
+              .machine = context.machine,
+              .stop = context.stop,
+              .lines = lines});
+}
+
+}  // namespace
+
+int main(const std::vector<std::string>& arguments, RunContext& context) {
+  return exit_status_of(context,
+                        [&](OutputLines& lines) { run_arguments(arguments, context, lines); });
+}
+
+int shipping_main(const std::vector<std::string>& arguments, RunContext& context) {
+  return exit_status_of(context, [&](OutputLines& lines) {
+    const CommandLine command_line(kShippingProgram, entries_of(shipping_option_table()));
+    const auto options = parse_record(command_line, shipping_option_table(), arguments);
+    if (!options) return lines.write(command_line.help());
+    run_arguments(shipping_arguments(*options, command_line), context, lines);
+  });
+}
+
+}  // namespace verdel

@@ -1,0 +1,24 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "driver/run_context.hpp"
+
+/// The two command lines. Both take the arguments without the program's name, print on the
+/// context's streams, let no exception out, and return the exit status: 0 at the end of the road, 1
+/// for a run that was stopped by a failure, 2 for a command line that cannot be followed.
+namespace verdel {
+
+inline constexpr int kExitFailure = 1;
+inline constexpr int kExitUsage = 2;
+inline constexpr int kExitCancelled = 130;  ///< as a shell reports an interrupted program
+
+/// The full command line.
+int main(const std::vector<std::string>& arguments, RunContext& context);
+
+/// The parent application's entry: nine options, checked and handed to main with the fixed
+/// processing profile.
+int shipping_main(const std::vector<std::string>& arguments, RunContext& context);
+
+}  // namespace verdel

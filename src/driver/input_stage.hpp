@@ -1,0 +1,41 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "driver/run_context.hpp"
+#include "inputs/input_planning.hpp"
+#include "signal/arrays.hpp"
+
+namespace verdel {
+
+/// The finished mix, whole length.
+struct Mix {
+  StemInput input;
+  AudioArray audio;  ///< [channels][frames]
+  int sr = 0;        ///< Hz
+
+  std::size_t channels() const { return audio.rows(); }
+  std::size_t frames() const { return audio.columns(); }
+};
+
+/// Completes the paths of the options and prints them. Throws ValueError.
+void resolve_paths(Options& options, OutputLines& lines);
+
+/// Reads the mix, prints its line, and refuses one that is not stereo unless told otherwise.
+Mix read_mix(const Run& run);
+
+/// Refuses a mix that is too short or a render that is too large for the machine, before a tap is
+/// opened. Throws ValueError.
+void check_preflight(const Run& run, const Mix& mix, std::size_t stem_count);
+
+/// Reads the taps, all of the mix's length, in stem order.
+StemMap read_taps(const Run& run, const Mix& mix);
+
+std::vector<std::string> names_of(const StemMap& stems);
+
+/// The part of the source that is delivered; prints the excerpt lines if that was asked for. Throws
+/// ValueError for an excerpt length that reaches beyond all numbers.
+OutputRange choose_output_range(const Run& run, const Mix& mix);
+
+}  // namespace verdel

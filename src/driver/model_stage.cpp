@@ -1,0 +1,58 @@
+#include "driver/model_stage.hpp"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+
+#include "driver/differences.hpp"
+#include "gain/shared_gain.hpp"
+#include "support/number_text.hpp"
+
+namespace verdel {
+namespace {
+
+void print_model_lines(const Run& run, const StemMap& taps) {
+  const Options& options = run.options;
+  run.lines.print(
+      fmt::format("single-band shared gain: {} ms measurement, {} ms smoothing; transient "
+                  "release-tail allocation",
+                  general(options.gain_window), general(*options.gain_smooth)));
+  if (options.low_resolution.empty()) return;
+  std::vector<std::string> chosen = names_of(taps);
+  std::erase_if(chosen, [&](const std::string& name) {
+    return std::ranges::find(options.low_resolution, name) == options.low_resolution.end();
+  });
+  run.lines.print(fmt::format("32-band allocation: {}", fmt::join(chosen, ", ")));
+}
+
+}  // namespace
+
+std::vector<AppliedLag> align_taps(const Run& run, const Mix& mix, StemMap& taps) {
+  auto lags = align_taps_to_mix(mix.audio.view(), taps, mix.sr, run.machine, run.stop);
+  for (const AppliedLag& moved : lags) run.lines.print(alignment_line(moved.name, moved.lag));
+  return lags;
+}
+
+void print_raw_difference(const Run& run, const Mix& mix, const StemMap& taps, double mix_rms) {
+  const AudioArray difference =
+      difference_from(mix.audio.view(), sum_of(taps, mix.channels(), mix.frames()));
+  run.lines.print(fmt::format("raw difference (taps summed vs mix): {}",
+                              level_against(difference.view(), mix_rms)));
+  run.lines.print("");
+}
+
+Model fit_model(const Run& run, const Mix& mix, const StemMap& taps, double mix_rms) {
+  print_model_lines(run, taps);
+  const ProgressLines progress(run.lines, run.options.progress_json);
+  progress.emit_progress("render", 0, mix.channels() + 1);
+  SharedGainModel fitted = shared_single_band_model(
+      mix.audio.view(), taps, mix.sr, run.options.gain_window, *run.options.gain_smooth, run.stop);
+  fitted.gain = {};
+  Model model{.sources = std::move(fitted.models),
+              .residual = difference_from(mix.audio.view(), std::move(fitted.model_sum))};
+  run.lines.print(fmt::format("after single-band gain: {} left to allocate",
+                              level_against(model.residual.view(), mix_rms)));
+  return model;
+}
+
+}  // namespace verdel

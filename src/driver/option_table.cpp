@@ -1,0 +1,263 @@
+#include "driver/option_table.hpp"
+
+#include <algorithm>
+#include <cctype>
+
+#include "support/number_text.hpp"
+
+namespace verdel {
+namespace {
+
+/// The word that help puts in the place of a value: the option's name in capitals.
+std::string metavar_from(std::string_view name) {
+  std::string text(name.substr(2));
+  std::transform(text.begin(), text.end(), text.begin(), [](char c) {
+    return c == '-' ? '_' : static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+  });
+  return text;
+}
+
+std::vector<std::string_view> split_choices(std::string_view joined) {
+  std::vector<std::string_view> choices;
+  while (!joined.empty()) {
+    const std::size_t end = std::min(joined.find(','), joined.size());
+    choices.push_back(joined.substr(0, end));
+    joined.remove_prefix(std::min(end + 1, joined.size()));
+  }
+  return choices;
+}
+
+OptionKind kind_of(bool) {
+  return OptionKind::kFlag;
+}
+OptionKind kind_of(const std::string&) {
+  return OptionKind::kText;
+}
+OptionKind kind_of(std::int64_t) {
+  return OptionKind::kWhole;
+}
+OptionKind kind_of(double) {
+  return OptionKind::kReal;
+}
+OptionKind kind_of(const std::vector<std::string>&) {
+  return OptionKind::kList;
+}
+template <class Value>
+OptionKind kind_of(const std::optional<Value>&) {
+  return kind_of(Value{});
+}
+
+std::string default_text_of(bool) {
+  return {};
+}
+std::string default_text_of(const std::string& value) {
+  return value;
+}
+std::string default_text_of(double value) {
+  return shortest_float64(value);
+}
+std::string default_text_of(const std::vector<std::string>&) {
+  return {};
+}
+template <class Value>
+std::string default_text_of(const std::optional<Value>&) {
+  return {};
+}
+
+template <class Record>
+std::vector<OptionEntry> entries_of_table(const OptionTable<Record>& table) {
+  const Record defaults;
+  std::vector<OptionEntry> entries;
+  entries.reserve(table.size());
+  for (const Option<Record>& option : table) {
+    std::visit(
+        [&](auto field) {
+          const auto& initial = defaults.*field;
+          const OptionKind kind = kind_of(initial);
+          std::string metavar(option.metavar);
+          if (metavar.empty() && kind != OptionKind::kFlag) metavar = metavar_from(option.name);
+          entries.push_back({.name = option.name,
+                             .kind = kind,
+                             .choices = split_choices(option.choices),
+                             .default_text = default_text_of(initial),
+                             .metavar = std::move(metavar),
+                             .hidden = option.hidden,
+                             .required = option.required,
+                             .help = option.help});
+        },
+        option.field);
+  }
+  return entries;
+}
+
+OptionTable<Options> make_option_table() {
+  return {
+      {.name = "--mix",
+       .field = &Options::mix,
+       .help = "the finished mix. Found automatically if there is exactly one audio file in the "
+               "mix folder."},
+      {.name = "--taps", .field = &Options::taps, .help = "folder of taps. Found automatically."},
+      {.name = "--out",
+       .field = &Options::out,
+       .help = "where the stems go. Defaults to <project>/out."},
+      {.name = "--project",
+       .field = &Options::project,
+       .help = "folder holding your mix and taps folders"},
+      {.name = "--gain-model",
+       .field = &Options::gain_model,
+       .help = "shared gain model (legacy default: multiband)",
+       .choices = "multiband,single-band"},
+      {.name = "--bands",
+       .field = &Options::bands,
+       .help = "allocation bands; default32 for legacy,128 for single-band"},
+      {.name = "--allocation",
+       .field = &Options::allocation,
+       .choices = "fixed,candidate14",
+       .hidden = true},
+      {.name = "--low-resolution",
+       .field = &Options::low_resolution,
+       .help =
+           "exact tap basename to allocate with32-band evidence in single-band mode; repeatable",
+       .metavar = "NAME"},
+      {.name = "--gain-window",
+       .field = &Options::gain_window,
+       .help = "ms over which each band's gain is measured. Smaller tracks the chain more closely "
+               "but can start to distort. Try 0.5 to 5."},
+      {.name = "--gain-smooth",
+       .field = &Options::gain_smooth,
+       .help = "ms of smoothing on the gain curve itself. This is what stops crackle. 0 disables. "
+               "Ignored when --gain-attack and --gain-release are both set."},
+      {.name = "--gain-attack",
+       .field = &Options::gain_attack,
+       .help = "ms attack for log-gain ballistics. 0 keeps the v0.1 box smoother. Fast when G is "
+               "falling."},
+      {.name = "--gain-release",
+       .field = &Options::gain_release,
+       .help = "ms release for log-gain ballistics. 0 keeps the v0.1 box smoother. Slow when G is "
+               "rising."},
+      {.name = "--gain-lookahead",
+       .field = &Options::gain_lookahead,
+       .help = "ms look-ahead for ballistics. -1 = attack time, 0 = causal / no shift."},
+      {.name = "--stereo-link",
+       .field = &Options::stereo_link,
+       .help = "off: independent L/R gains (v0.1). mid: one G from the mid signal, applied to "
+               "both. max: per-channel G, then the more reduced wins.",
+       .choices = "off,mid,max"},
+      {.name = "--band-couple",
+       .field = &Options::band_couple,
+       .help = "0..1 mix of each band's G with its neighbours. 0 is v0.1 (independent bands)."},
+      {.name = "--rule",
+       .field = &Options::rule,
+       .help =
+           "how the leftover is allocated. tail = experimental last-transient owns soft leftover",
+       .choices = "energy,sharp,corr,scorr,lsq,tail"},
+      {.name = "--sharpness", .field = &Options::sharpness},
+      {.name = "--tilt", .field = &Options::tilt},
+      {.name = "--bound", .field = &Options::bound},
+      {.name = "--tail-strength",
+       .field = &Options::tail_strength,
+       .help = "for --rule tail: 0 = pure energy, 1 = full last-owner on detected tails (default "
+               "0.85)"},
+      {.name = "--tail-hold",
+       .field = &Options::tail_hold,
+       .help = "for --rule tail: ms a hit keeps ownership (default 400)"},
+      {.name = "--quiet-gate",
+       .field = &Options::quiet_gate,
+       .help = "experimental: stems far below the loudest tap get zero leftover weight (keeps "
+               "silent sections silent)"},
+      {.name = "--quiet-gate-db",
+       .field = &Options::quiet_gate_db,
+       .help = "with --quiet-gate: dB below the loudest tap to treat as silent (default -40)"},
+      {.name = "--tap-gain",
+       .field = &Options::tap_gain,
+       .help = "shared: one gain for all taps (legacy). per/hybrid: regress mix onto each tap "
+               "(measured: worse). sidechain: remap each tap through the shared gain curve using "
+               "that tap's own level as detector (solo-dynamics correction). joint: experimental "
+               "regularised multivariate gain fit.",
+       .choices = "shared,per,hybrid,sidechain,joint"},
+      {.name = "--tap-bound",
+       .field = &Options::tap_bound,
+       .help = "for hybrid/sidechain: max correction ratio"},
+      {.name = "--joint-ridge",
+       .field = &Options::joint_ridge,
+       .help = "for joint tap-gain: strength of the shared-gain prior"},
+      {.name = "--joint-hop",
+       .field = &Options::joint_hop,
+       .help = "for joint tap-gain: control-rate hop in ms"},
+      {.name = "--excerpt-start",
+       .field = &Options::excerpt_start,
+       .help = "demo mode: start of the printed excerpt in seconds"},
+      {.name = "--excerpt-len",
+       .field = &Options::excerpt_len,
+       .help = "demo mode: length of the printed excerpt in seconds. Adds up to 2 s of pre-roll so "
+               "the gain model is warmed up, then trims it before writing."},
+      {.name = "--any-channels",
+       .field = &Options::any_channels,
+       .help = "allow non-stereo input (surround is untested)"},
+      {.name = "--strict-inputs", .field = &Options::strict_inputs, .hidden = true},
+      {.name = "--suggest-excerpt",
+       .field = &Options::suggest_excerpt,
+       .help = "analyse the mix only: print a musical excerpt of about this many seconds (whole "
+               "bars) and exit"},
+      {.name = "--write-null",
+       .field = &Options::write_null,
+       .help = "also write _NULL_RESIDUAL.wav next to the stems. Diagnostic only — the app does "
+               "not ship it."},
+      {.name = "--no-report",
+       .field = &Options::no_report,
+       .help = "skip the contamination report"},
+      {.name = "--progress-json", .field = &Options::progress_json, .hidden = true},
+      {.name = "--alloc-window",
+       .field = &Options::alloc_window,
+       .help = "ms over which the leftover is shared out"},
+      {.name = "--priority",
+       .field = &Options::priority,
+       .help =
+           "tap name (or unique substring) to protect: gets less leftover so soloing it stays "
+           "cleaner. Repeatable for a duet. Other stems (or --sink) absorb what heroes refuse."},
+      {.name = "--priority-share",
+       .field = &Options::priority_share,
+       .help = "fraction of each hero's normal leftover weight to keep (0 = none / cleanest solo, "
+               "1 = no priority). Default 0. The fixer app uses 0.25."},
+      {.name = "--sink",
+       .field = &Options::sink,
+       .help = "tap name/substring that may absorb leftover the hero stem(s) refuse. Repeatable. "
+               "If omitted, all non-hero stems share it."},
+  };
+}
+
+OptionTable<ShippingOptions> make_shipping_option_table() {
+  return {
+      {.name = "--mix", .field = &ShippingOptions::mix, .required = true},
+      {.name = "--taps", .field = &ShippingOptions::taps},
+      {.name = "--out", .field = &ShippingOptions::out},
+      {.name = "--excerpt-start", .field = &ShippingOptions::excerpt_start},
+      {.name = "--excerpt-len", .field = &ShippingOptions::excerpt_len},
+      {.name = "--suggest-excerpt", .field = &ShippingOptions::suggest_excerpt},
+      {.name = "--strict-inputs", .field = &ShippingOptions::strict_inputs},
+      {.name = "--no-report", .field = &ShippingOptions::no_report},
+      {.name = "--progress-json", .field = &ShippingOptions::progress_json},
+  };
+}
+
+}  // namespace
+
+const OptionTable<Options>& option_table() {
+  static const OptionTable<Options> table = make_option_table();
+  return table;
+}
+
+const OptionTable<ShippingOptions>& shipping_option_table() {
+  static const OptionTable<ShippingOptions> table = make_shipping_option_table();
+  return table;
+}
+
+std::vector<OptionEntry> entries_of(const OptionTable<Options>& table) {
+  return entries_of_table(table);
+}
+
+std::vector<OptionEntry> entries_of(const OptionTable<ShippingOptions>& table) {
+  return entries_of_table(table);
+}
+
+}  // namespace verdel

@@ -1,0 +1,57 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace verdel {
+
+/// What the full command line asks for; the meaning of each field is its option's help text. The
+/// values here are the defaults of the options. Many fields belong to ways of working that the
+/// engine does not offer: apply_option_rules refuses them, or nothing reads them.
+struct Options {
+  std::optional<std::string> mix, taps, out;  ///< completed by project resolution
+  std::string project = ".";
+  std::string gain_model = "multiband";
+  std::optional<std::int64_t> bands;  ///< completed by apply_option_rules
+  std::string allocation = "fixed";
+  std::vector<std::string> low_resolution;
+  double gain_window = 30.0;          ///< ms
+  std::optional<double> gain_smooth;  ///< ms; completed by apply_option_rules
+  double gain_attack = 0.0, gain_release = 0.0, gain_lookahead = -1.0;  ///< ms
+  std::string stereo_link = "off";
+  double band_couple = 0.0;
+  std::string rule = "energy";
+  double sharpness = 1.0, tilt = 1.0, bound = 1.0;
+  double tail_strength = 0.85;
+  double tail_hold = 400.0;  ///< ms
+  bool quiet_gate = false;
+  double quiet_gate_db = -40.0;
+  std::string tap_gain = "shared";
+  double tap_bound = 4.0, joint_ridge = 1.0;
+  double joint_hop = 5.0;                            ///< ms
+  std::optional<double> excerpt_start, excerpt_len;  ///< s
+  bool any_channels = false;
+  bool strict_inputs = false;
+  double suggest_excerpt = 0.0;  ///< s; above 0 asks for a suggestion instead of a render
+  bool write_null = false;
+  bool no_report = false;
+  bool progress_json = false;
+  double alloc_window = 5.0;  ///< ms
+  std::vector<std::string> priority;
+  double priority_share = 0.0;
+  std::vector<std::string> sink;
+};
+
+/// What the parent application may ask for.
+struct ShippingOptions {
+  std::optional<std::string> mix, taps, out;
+  std::optional<double> excerpt_start, excerpt_len;  ///< s
+  double suggest_excerpt = 0.0;                      ///< s
+  bool strict_inputs = false;
+  bool no_report = false;
+  bool progress_json = false;
+};
+
+}  // namespace verdel

@@ -1,0 +1,85 @@
+#include "driver/output_lines.hpp"
+
+#include <fmt/format.h>
+
+#include <cerrno>
+
+#include "support/errors.hpp"
+
+namespace verdel {
+namespace {
+
+[[noreturn]] void fail_to_write() {
+  throw OSError("cannot write to standard output", errno);
+}
+
+}  // namespace
+
+void OutputLines::print(std::string_view line) {
+  write(std::string(line) + "\n");
+}
+
+void OutputLines::write(std::string_view text) {
+  if (std::fwrite(text.data(), 1, text.size(), stream_) != text.size()) fail_to_write();
+}
+
+void OutputLines::flush() {
+  if (std::fflush(stream_) != 0) fail_to_write();
+}
+
+void ProgressLines::emit_progress(std::string_view phase, std::size_t completed,
+                                  std::size_t total) const {
+  if (!enabled_) return;
+  lines_.print(
+      fmt::format(R"(verdel-progress-json: {{"v":1,"phase":"{}","completed":{},"total":{}}})",
+                  phase, completed, total));
+  lines_.flush();
+}
+
+std::string json_string(std::string_view text) {
+  std::string json = "\"";
+  for (const char c : text) {
+    switch (c) {
+      case '"':
+        json += "\\\"";
+        break;
+      case '\\':
+        json += "\\\\";
+        break;
+      case '\n':
+        json += "\\n";
+        break;
+      case '\r':
+        json += "\\r";
+        break;
+      case '\t':
+        json += "\\t";
+        break;
+      default:
+        if (static_cast<unsigned char>(c) < 0x20) {
+          json += fmt::format("\\u{:04x}", static_cast<unsigned>(c));
+        } else {
+          json += c;
+        }
+    }
+  }
+  return json + "\"";
+}
+
+std::string alignment_line(std::string_view name, std::ptrdiff_t lag) {
+  return fmt::format(R"(alignment-json: {{"name": {}, "lag": {}}})", json_string(name), lag);
+}
+
+std::string excerpt_start_line(std::size_t start, int sr) {
+  return fmt::format("excerpt-start-sample: {} of {}", start, sr);
+}
+
+std::string suggestion_line(std::size_t start, std::size_t length, int sr, double bpm, int bars,
+                            double confidence) {
+  return fmt::format(
+      "excerpt-suggest: start-sample {} length-samples {} rate {} bpm {:.2f} bars {} confidence "
+      "{:.2f}",
+      start, length, sr, bpm, bars, confidence);
+}
+
+}  // namespace verdel

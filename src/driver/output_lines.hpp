@@ -1,0 +1,48 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdio>
+#include <string>
+#include <string_view>
+
+namespace verdel {
+
+/// Standard output, one line at a time. A write that the system refuses is an OSError at once or
+/// at the next flush, so that a run whose reader is gone does not go on unseen.
+class OutputLines {
+ public:
+  explicit OutputLines(std::FILE* stream) : stream_(stream) {}
+
+  void print(std::string_view line);
+  /// Text that brings its own line breaks.
+  void write(std::string_view text);
+  void flush();
+
+ private:
+  std::FILE* stream_;
+};
+
+/// Writes the progress lines of one run, if the run was asked for them.
+class ProgressLines {
+ public:
+  ProgressLines(OutputLines& lines, bool enabled) : lines_(lines), enabled_(enabled) {}
+
+  /// One line, flushed at once. Threads: calls must not overlap.
+  void emit_progress(std::string_view phase, std::size_t completed, std::size_t total) const;
+
+ private:
+  OutputLines& lines_;
+  bool enabled_;
+};
+
+/// The text as a JSON string with its quotation marks: quotes, backslashes and control characters
+/// escaped, everything beyond ASCII as it is.
+std::string json_string(std::string_view text);
+
+/// The lines that the parent application reads, besides progress.
+std::string alignment_line(std::string_view name, std::ptrdiff_t lag);
+std::string excerpt_start_line(std::size_t start, int sr);
+std::string suggestion_line(std::size_t start, std::size_t length, int sr, double bpm, int bars,
+                            double confidence);
+
+}  // namespace verdel

@@ -1,0 +1,11 @@
+#pragma once
+
+#include "driver/run_context.hpp"
+
+namespace verdel {
+
+/// One run from its options to its end: a render, or the suggestion of an excerpt. Fills in what
+/// the options leave open. Throws what stops it: UsageError, the four kinds of failure, Cancelled.
+void run_engine(Run run);
+
+}  // namespace verdel

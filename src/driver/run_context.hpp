@@ -1,0 +1,44 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdio>
+#include <string>
+
+#include "driver/option_parser.hpp"
+#include "driver/options.hpp"
+#include "driver/output_lines.hpp"
+#include "support/machine.hpp"
+#include "support/stop_token.hpp"
+
+namespace verdel {
+
+/// The surroundings of a run: what a process has, and what tests replace. The streams belong to the
+/// caller.
+struct RunContext {
+  Machine machine;
+  std::FILE* out = nullptr;
+  std::FILE* err = nullptr;
+  StopToken stop = {};
+  std::string program_name = "verdel";  ///< what usage and errors call the full command line
+};
+
+/// What the stages of one run share. Only the first steps of the walk write `options`; from the
+/// input stage on everything here is read, and `lines` is written.
+struct Run {
+  Options options;
+  const CommandLine& command_line;
+  const Machine& machine;
+  StopToken stop;
+  OutputLines& lines;
+};
+
+/// The samples of the full source that are delivered: start included, stop excluded.
+struct OutputRange {
+  std::size_t start = 0;
+  std::size_t stop = 0;
+
+  std::size_t length() const { return stop - start; }
+  bool is_whole(std::size_t frames) const { return start == 0 && stop == frames; }
+};
+
+}  // namespace verdel

@@ -1,0 +1,18 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "driver/option_parser.hpp"
+#include "driver/options.hpp"
+
+namespace verdel {
+
+/// The argument list that stands for the parent application's request on the full command line:
+/// its own options and the fixed processing profile. Numbers are written so that they read back as
+/// the same value, and a text that would be taken for an option is tied to its option by "=".
+/// Throws the UsageError of `command_line` if a render lacks its folders.
+std::vector<std::string> shipping_arguments(const ShippingOptions& options,
+                                            const CommandLine& command_line);
+
+}  // namespace verdel

@@ -1,0 +1,21 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "alignment/tap_alignment.hpp"
+#include "driver/input_stage.hpp"
+#include "signal/arrays.hpp"
+
+namespace verdel {
+
+/// Which file the gain model cannot take, and why: the first sample of it that is not a finite
+/// number, or its channel count. The mix is looked at first, then the taps in order; nothing if all
+/// are in order. `plan` has one entry per tap; `lags` are the moves that the taps have been
+/// through, so that positions are those of the files.
+std::optional<std::string> unfit_input(const Mix& mix, const StemMap& taps,
+                                       const std::vector<StemInput>& plan,
+                                       const std::vector<AppliedLag>& lags);
+
+}  // namespace verdel

@@ -1,0 +1,116 @@
+#pragma once
+
+#include <unistd.h>
+
+#include <cmath>
+#include <cstdio>
+#include <filesystem>
+#include <memory>
+#include <numbers>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "driver/entry.hpp"
+#include "driver/process.hpp"
+#include "support/audio_files.hpp"
+#include "support/temporary_folder.hpp"
+
+namespace verdel::testing {
+
+struct RunResult {
+  int status = 0;
+  std::string out, err;
+};
+
+/// Runs an entry inside the test, on whatever machine the test plays.
+inline RunResult run_entry(Entry entry, const std::vector<std::string>& arguments,
+                           const Machine& machine = system_machine(), StopToken stop = {}) {
+  const auto close = [](std::FILE* file) { std::fclose(file); };
+  const std::unique_ptr<std::FILE, decltype(close)> out(std::tmpfile(), close);
+  const std::unique_ptr<std::FILE, decltype(close)> err(std::tmpfile(), close);
+  const auto text_of = [](std::FILE* file) {
+    std::fflush(file);
+    std::rewind(file);
+    std::string text;
+    for (int c = std::fgetc(file); c != EOF; c = std::fgetc(file)) text += static_cast<char>(c);
+    return text;
+  };
+  RunContext context{.machine = machine, .out = out.get(), .err = err.get(), .stop = stop};
+  const int status = entry(arguments, context);
+  return {status, text_of(out.get()), text_of(err.get())};
+}
+
+/// Decaying tones, one struck every 0.3 s or so; each number is another instrument.
+inline Channels hits(std::size_t number, std::size_t channels, std::size_t frames, int sr) {
+  Channels sound(channels, std::vector<double>(frames));
+  const auto period = static_cast<std::size_t>(sr) * (3 + number) / 10;
+  const double pitch = 2.0 * std::numbers::pi * 110.0 * static_cast<double>(1 + 2 * number) / sr;
+  for (std::size_t c = 0; c < channels; ++c) {
+    const double level = 0.25 + 0.05 * static_cast<double>(c);
+    for (std::size_t i = 0; i < frames; ++i) {
+      const auto since = static_cast<double>((i + number * 577) % period);
+      sound[c][i] = level * std::exp(-since / (0.05 * sr)) * std::sin(pitch * since);
+    }
+  }
+  return sound;
+}
+
+/// A project folder with a mix of saturated, slightly reverberant hits, and a tap for each name.
+class SmallProject {
+ public:
+  struct Shape {
+    std::size_t channels = 2, frames = 12000;
+    int sr = 8000;
+    friend std::ostream& operator<<(std::ostream& stream, const Shape& shape) {
+      return stream << shape.channels << " x " << shape.frames << " at " << shape.sr;
+    }
+  };
+
+  explicit SmallProject(const std::vector<std::string>& names) : SmallProject(names, Shape{}) {}
+  SmallProject(const std::vector<std::string>& names, const Shape& shape) : sr_(shape.sr) {
+    const auto [channels, frames, sr] = shape;
+    std::filesystem::create_directories(folder_.path("taps"));
+    Channels sum(channels, std::vector<double>(frames));
+    for (std::size_t s = 0; s < names.size(); ++s) {
+      const Channels tap = hits(s, channels, frames, sr);
+      write_tap(names[s] + ".wav", tap);
+      for (std::size_t c = 0; c < channels; ++c) {
+        for (std::size_t i = 0; i < frames; ++i) sum[c][i] += tap[c][i];
+      }
+    }
+    mix_ = sum;
+    for (std::size_t c = 0; c < channels; ++c) {
+      for (std::size_t i = 0; i < frames; ++i) {
+        const double wet = i < 700 ? 0.0 : 0.1 * sum[c][i - 700];
+        mix_[c][i] = std::tanh(1.2 * (sum[c][i] + wet));
+      }
+    }
+    write_audio(mix_path(), mix_, sr);
+  }
+
+  const std::string& path() const { return folder_.path(); }
+  std::string path(const std::string& name) const { return folder_.path(name); }
+  std::string mix_path() const { return folder_.path("mix.wav"); }
+  std::string out() const { return folder_.path("out"); }
+  const Channels& mix() const { return mix_; }
+
+  void write_tap(const std::string& name, const Channels& sound, int sr = 0) const {
+    write_audio(folder_.path("taps/" + name), sound, sr == 0 ? sr_ : sr);
+  }
+
+  /// Arguments of a render of this project, without the report, and some more.
+  std::vector<std::string> render(const std::vector<std::string>& more = {}) const {
+    std::vector<std::string> arguments = {"--mix", mix_path(), "--taps",     folder_.path("taps"),
+                                          "--out", out(),      "--no-report"};
+    arguments.insert(arguments.end(), more.begin(), more.end());
+    return arguments;
+  }
+
+ private:
+  TemporaryFolder folder_;
+  int sr_;
+  Channels mix_;
+};
+
+}  // namespace verdel::testing
