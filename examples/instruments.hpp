@@ -1,0 +1,27 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+#include "song.hpp"
+
+/// How it sounds: a small synthesiser for each instrument.
+namespace demo {
+
+struct Stereo {
+  std::vector<double> left, right;  ///< one length
+
+  explicit Stereo(std::size_t frames) : left(frames), right(frames) {}
+  std::size_t frames() const { return left.size(); }
+};
+
+/// "Kick", "Snare" ...
+std::string name_of(Instrument instrument);
+
+/// The notes as sound, at `sr` Hz. Another `variation` of an instrument is tuned and panned
+/// otherwise, so that a project of many stems has no two alike. Peaks stay below full scale.
+Stereo play(Instrument instrument, std::size_t variation, const std::vector<Note>& notes,
+            std::size_t frames, double sr, Random& random);
+
+}  // namespace demo
