@@ -7,7 +7,7 @@
 #include <numeric>
 #include <vector>
 
-#include "allocation/ordered_prefetch.hpp"
+#include "support/ordered_prefetch.hpp"
 #include "allocation/scratch_pool.hpp"
 #include "allocation/worker_budgets.hpp"
 

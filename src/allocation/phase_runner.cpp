@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <memory>
 
-#include "allocation/ordered_prefetch.hpp"
+#include "support/ordered_prefetch.hpp"
 #include "allocation/phases.hpp"
 #include "allocation/scratch_pool.hpp"
 #include "allocation/worker_budgets.hpp"

@@ -53,6 +53,8 @@ StemMap unfilled_stems(const StemMap& like, std::size_t length) {
   return stems;
 }
 
+// A stem may stand in the storage of its model, which the channel's task reads: a row is stored
+// only after that task has returned.
 void store_channel(const Array2D<double>& rendered, std::size_t channel, StemMap& est) {
   for (std::size_t stem = 0; stem < est.size(); ++stem) {
     std::ranges::copy(rendered.row(stem), est[stem].audio.row(channel).begin());

@@ -14,6 +14,12 @@
 #include "support/number_text.hpp"
 
 namespace verdel {
+namespace {
+
+// More readers than this only queue for the same disk.
+constexpr std::size_t kMostDecoders = 8;
+
+}  // namespace
 
 void resolve_paths(Options& options, OutputLines& lines) {
   ProjectPaths paths{.project = options.project,
@@ -65,7 +71,8 @@ StemMap read_taps(const Run& run, const Mix& mix) {
                             .mix_channels = mix.channels(),
                             .mix_frames = mix.frames(),
                             .any_channels = run.options.any_channels,
-                            .strict_inputs = run.options.strict_inputs};
+                            .strict_inputs = run.options.strict_inputs,
+                            .workers = std::min(run.machine.processors(), kMostDecoders)};
   return load_stem_inputs(
       loading, [&run](std::string_view line) { run.lines.print(line); }, run.stop);
 }

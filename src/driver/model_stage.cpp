@@ -4,8 +4,9 @@
 
 #include <algorithm>
 
-#include "driver/differences.hpp"
 #include "gain/shared_gain.hpp"
+#include "inputs/levels.hpp"
+#include "signal/stem_sums.hpp"
 #include "support/number_text.hpp"
 
 namespace verdel {
@@ -23,6 +24,11 @@ void print_model_lines(const Run& run, const StemMap& taps) {
     return std::ranges::find(options.low_resolution, name) == options.low_resolution.end();
   });
   run.lines.print(fmt::format("32-band allocation: {}", fmt::join(chosen, ", ")));
+}
+
+// How far a level lies from another one, in words.
+std::string level_against(AudioView part, double whole_rms) {
+  return signed_one_decimal(levels(part).rms - whole_rms) + " dB";
 }
 
 }  // namespace

@@ -10,6 +10,7 @@
 #include <mutex>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "inputs/audio_container.hpp"
 #include "support/errors.hpp"
@@ -205,6 +206,19 @@ std::size_t AudioFile::read(std::span<double> interleaved) {
     state.fail_at_position();
   }
   return count;
+}
+
+bool AudioFile::last_frame_is_there() {
+  State& state = *state_;
+  if (!state.header.frames || *state.header.frames == 0) return true;
+  const auto last = static_cast<sf_count_t>(*state.header.frames - 1);
+  std::vector<double> frame(state.header.channels);
+  const bool is_there = sf_seek(state.file.get(), last, SEEK_SET) == last &&
+                        sf_readf_double(state.file.get(), frame.data(), 1) == 1 &&
+                        sf_error(state.file.get()) == 0;
+  if (state.input.failure) std::rethrow_exception(state.input.failure);
+  state.position = *state.header.frames;
+  return is_there;
 }
 
 }  // namespace verdel

@@ -43,6 +43,12 @@ class AudioFile {
   /// be decoded or ends short of what the header said.
   std::size_t read(std::span<double> interleaved);
 
+  /// Whether the last frame that the header tells of can be decoded, asked for without those before
+  /// it. A quick look at compressed audio, whose bytes do not tell how much they hold: true for a
+  /// whole file, false for one cut short, and now and then for a whole file that cannot be
+  /// searched. The file is spent: nothing can be read from it afterwards.
+  bool last_frame_is_there();
+
  private:
   struct State;
   std::unique_ptr<State> state_;

@@ -14,6 +14,14 @@ void require_mono(const AudioFile& side) {
                                basename(side.path()), side.header().channels));
 }
 
+// The sure test of a file that looks cut short: decoding throws if it is.
+void decode_all(const std::string& path, const StopToken& stop) {
+  constexpr std::size_t kBlockFrames = 4096;
+  AudioFile file(path);
+  std::vector<double> block(kBlockFrames * file.header().channels);
+  while (file.read(block) != 0) stop.check();
+}
+
 AudioHeader pair_header(const StemInput& pair, const AudioFile& left, const AudioFile& right) {
   require_mono(left);
   require_mono(right);
@@ -54,8 +62,12 @@ OpenAudioInput open_audio_input(const StemInput& input) {
   return opened;
 }
 
-AudioHeader check_audio_input(const StemInput& input) {
-  return open_audio_input(input).header;
+AudioHeader check_audio_input(const StemInput& input, const StopToken& stop) {
+  OpenAudioInput opened = open_audio_input(input);
+  for (AudioFile& file : opened.files) {
+    if (!file.length_is_verified() && !file.last_frame_is_there()) decode_all(file.path(), stop);
+  }
+  return opened.header;
 }
 
 }  // namespace verdel

@@ -5,6 +5,7 @@
 
 #include "inputs/audio_file.hpp"
 #include "inputs/input_planning.hpp"
+#include "support/stop_token.hpp"
 
 namespace verdel {
 
@@ -21,8 +22,10 @@ struct OpenAudioInput {
 /// one rate and one length, else a ValueError. Decodes nothing.
 OpenAudioInput open_audio_input(const StemInput& input);
 
-/// What an input is, by its headers alone; the tests and errors are those of open_audio_input.
-AudioHeader check_audio_input(const StemInput& input);
+/// What an input is, without decoding it; the tests and errors are those of open_audio_input. Audio
+/// that is compressed is looked at where it should end, so that a file cut short shows at once
+/// (RuntimeError).
+AudioHeader check_audio_input(const StemInput& input, const StopToken& stop = {});
 
 /// Refuses sides of different lengths with the ValueError of open_audio_input.
 void require_equal_lengths(const StemInput& pair, std::size_t left_frames,

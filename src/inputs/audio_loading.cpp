@@ -4,10 +4,12 @@
 
 #include <algorithm>
 #include <new>
+#include <string>
 #include <utility>
 #include <vector>
 
 #include "support/errors.hpp"
+#include "support/ordered_prefetch.hpp"
 
 namespace verdel {
 namespace {
@@ -75,7 +77,7 @@ AudioArray gather(AudioFile& file, const StopToken& stop) {
       std::copy_n(piece.row(c).data(), piece.columns(), whole.row(c).data() + first);
     }
     first += piece.columns();
-    piece = AudioArray();  // so that the two copies never stand side by side as a whole
+    piece = AudioArray();  // given back as soon as it has been copied
   }
   return whole;
 }
@@ -149,17 +151,26 @@ void require_fit(const StemInput& stem, const AudioHeader& header, const StemLoa
                       seconds(*header.frames), seconds(loading.mix_frames)));
 }
 
+// A decoded stem, and what is to be said of it.
+struct DecodedStem {
+  AudioArray audio;
+  std::vector<std::string> warnings;
+};
+
 // Decodes one stem. What its header told when all were looked at has been judged already; what is
 // new since then, or shows only now, is judged here.
-AudioArray load_stem(const StemInput& stem, const AudioHeader& judged, const StemLoading& loading,
-                     const LineSink& message, const StopToken& stop) {
+DecodedStem decode_stem(const StemInput& stem, const AudioHeader& judged,
+                        const StemLoading& loading, const StopToken& stop) {
+  DecodedStem decoded;
+  const LineSink warn = [&](std::string_view line) { decoded.warnings.emplace_back(line); };
   OpenAudioInput opened = open_audio_input(stem);
-  if (opened.header != judged) require_fit(stem, opened.header, loading, message);
+  if (opened.header != judged) require_fit(stem, opened.header, loading, warn);
   FittedAudio fitted = decode_fitted(opened, stem, loading.mix_frames, stop);
   if (!opened.header.frames) {
-    require_fit(stem, {opened.header.sr, opened.header.channels, fitted.frames}, loading, message);
+    require_fit(stem, {opened.header.sr, opened.header.channels, fitted.frames}, loading, warn);
   }
-  return std::move(fitted.audio);
+  decoded.audio = std::move(fitted.audio);
+  return decoded;
 }
 
 }  // namespace
@@ -181,13 +192,19 @@ StemMap load_stem_inputs(const StemLoading& loading, const LineSink& message,
   headers.reserve(plan.size());
   for (const StemInput& stem : plan) {
     stop.check();
-    headers.push_back(check_audio_input(stem));
+    headers.push_back(check_audio_input(stem, stop));
     require_fit(stem, headers.back(), loading, message);
   }
+  // Several decode at once; results, warnings and the first failure come in stem order.
+  auto decoded = _ordered_prefetch(
+      [&](std::size_t i) { return decode_stem(plan[i], headers[i], loading, stop); }, plan.size(),
+      std::clamp<std::size_t>(loading.workers, 1, plan.size()), "verdel-decode");
   StemMap stems;
   stems.reserve(plan.size());
-  for (std::size_t i = 0; i < plan.size(); ++i) {
-    stems.push_back({plan[i].name, load_stem(plan[i], headers[i], loading, message, stop)});
+  for (const StemInput& stem : plan) {
+    DecodedStem next = *decoded.next();
+    for (const std::string& warning : next.warnings) message(warning);
+    stems.push_back({stem.name, std::move(next.audio)});
   }
   return stems;
 }

@@ -34,6 +34,7 @@ struct StemLoading {
   std::size_t mix_frames = 0;
   bool any_channels = false;   ///< lets stems of another channel count through
   bool strict_inputs = false;  ///< refuses stems of another length
+  std::size_t workers = 1;     ///< stems decoded at once; no figure and no order depends on it
 };
 
 /// The stems of a folder in stem order, all of the mix's length: a longer one loses its end, a

@@ -2,9 +2,9 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdlib>
 #include <fstream>
 #include <map>
-#include <regex>
 #include <sstream>
 
 #include "cli/run_program.hpp"
@@ -46,12 +46,21 @@ struct Figures {
 };
 
 Figures figures_of(const std::string& line) {
-  static const std::regex kFigure(R"(-?\d+\.\d+)");
   Figures figures;
-  for (std::sregex_iterator match(line.begin(), line.end(), kFigure), end; match != end; ++match) {
-    figures.values.push_back(std::stod(match->str()));
+  for (const char* at = line.c_str(); *at != '\0';) {
+    char* end = nullptr;
+    const double value = std::strtod(at, &end);
+    const bool is_figure =
+        end != at &&
+        std::string_view(at, static_cast<std::size_t>(end - at)).find('.') != std::string::npos;
+    if (is_figure) {
+      figures.values.push_back(value);
+      figures.words += '#';
+      at = end;
+    } else {
+      figures.words += *at++;
+    }
   }
-  figures.words = std::regex_replace(line, kFigure, "#");
   return figures;
 }
 
@@ -72,11 +81,13 @@ void expect_line(const std::string& got, const std::string& expected) {
 }
 
 void expect_lines(const std::string& out, const std::string& expected) {
-  const auto got_lines =
-      lines_of(std::regex_replace(out, std::regex("\nout   [^\n]*"), "\nout   OUT"));
+  const auto got_lines = lines_of(out);
   const auto expected_lines = lines_of(expected);
   ASSERT_EQ(got_lines.size(), expected_lines.size()) << out;
-  for (std::size_t i = 0; i < got_lines.size(); ++i) expect_line(got_lines[i], expected_lines[i]);
+  for (std::size_t i = 0; i < got_lines.size(); ++i) {
+    if (expected_lines[i] == "out   OUT" && got_lines[i].starts_with("out   ")) continue;
+    expect_line(got_lines[i], expected_lines[i]);
+  }
 }
 
 std::vector<std::string> split(const std::string& line, char separator) {

@@ -87,7 +87,7 @@ TEST(House, LibrariesAndThreadsStayInTheirUnits) {
       {"mutex|shared_mutex|condition_variable",
        {"support/thread_pool", "signal/transforms", "inputs/audio_file", "allocation/scratch_pool",
         "allocation/interval_rendering", "driver/channels"}},
-      {"future", {"support/thread_pool", "allocation/ordered_prefetch", "driver/channels"}},
+      {"future", {"support/thread_pool", "support/ordered_prefetch", "driver/channels"}},
   };
   const std::regex system_header("#include <([^>]*)>");
   for (const Rule& rule : rules) {

@@ -97,6 +97,7 @@ TEST(AudioFile, ReadsEveryFormatExactly) {
     EXPECT_EQ(file.header(), (AudioHeader{48000, 2, kFrames}));
     const bool is_uncompressed = format != formats.back() && format != kFlac;
     EXPECT_EQ(file.length_is_verified(), is_uncompressed);
+    EXPECT_TRUE(AudioFile(memory_source(bytes), "test").last_frame_is_there());
 
     // Tags may stand before and behind the audio.
     FileBytes tagged(10 + 130 + bytes.size());  // a length of 1 * 128 + 2
@@ -109,7 +110,10 @@ TEST(AudioFile, ReadsEveryFormatExactly) {
 }
 
 TEST(AudioFile, RefusesEveryTruncation) {
-  for (const int format : kUncompressed) {
+  std::vector<int> formats = kUncompressed;
+  formats.insert(formats.end(),
+                 {SF_FORMAT_AIFF | SF_FORMAT_ULAW, SF_FORMAT_WAV | SF_FORMAT_IMA_ADPCM});
+  for (const int format : formats) {
     const FileBytes whole = audio_bytes(format);
     for (std::size_t length = 0; length < whole.size(); length += length < 90 ? 1 : 61) {
       const FileBytes cut(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(length));
@@ -121,6 +125,11 @@ TEST(AudioFile, RefusesEveryTruncation) {
   for (std::size_t length = 0; length < flac.size(); length += length < 90 ? 1 : 61) {
     const FileBytes cut(flac.begin(), flac.begin() + static_cast<std::ptrdiff_t>(length));
     EXPECT_THROW(decode(cut), RuntimeError) << length;
+    try {
+      EXPECT_FALSE(AudioFile(memory_source(cut), "test").last_frame_is_there()) << length;
+    } catch (const RuntimeError&) {  // not even a header
+      EXPECT_LT(length, 90u);
+    }
   }
 }
 
@@ -130,6 +139,12 @@ TEST(AudioFile, SaysHowMuchIsMissing) {
   EXPECT_EQ(failure_of([&] { decode(wav); }),
             "“test” is cut short: its header promises 1200 bytes of audio, but only 1000 are "
             "there. Copy or bounce it again.");
+  FileBytes caf = audio_bytes(SF_FORMAT_CAF | SF_FORMAT_FLOAT);
+  caf.pop_back();
+  EXPECT_THAT(failure_of([&] { decode(caf); }), HasSubstr("2400 bytes of audio, but only 2399"));
+  FileBytes ulaw = audio_bytes(SF_FORMAT_AIFF | SF_FORMAT_ULAW);
+  ulaw.pop_back();
+  EXPECT_THAT(failure_of([&] { decode(ulaw); }), HasSubstr("600 bytes of audio, but only 599"));
   FileBytes aiff = audio_bytes(SF_FORMAT_AIFF | SF_FORMAT_PCM_16);
   aiff[chunk_at(aiff, "COMM") + 13] = 0xFF;  // more frames than the sound chunk has
   EXPECT_THAT(failure_of([&] { decode(aiff); }), HasSubstr("is cut short"));
@@ -202,6 +217,28 @@ TEST(AudioFile, LeavesTheLengthOfAFlacStreamOpen) {
   EXPECT_EQ(decode(flac), expected_samples());
   flac.pop_back();
   EXPECT_THROW(decode(flac), RuntimeError);
+}
+
+TEST(AudioFile, StepsOverChunksOfOddSize) {
+  FileBytes wav = audio_bytes(SF_FORMAT_WAV | SF_FORMAT_PCM_16);
+  const FileBytes odd = {'n', 'o', 't', 'e', 3, 0, 0, 0, 'a', 'b', 'c', 0};
+  wav.insert(wav.begin() + 12, odd.begin(), odd.end());
+  EXPECT_EQ(decode(wav), expected_samples());
+}
+
+// A stream in a container with 32-bit sizes can outgrow what a decoder can be told.
+TEST(AudioFile, RefusesAStreamThatItCannotReadWhole) {
+  FileBytes wav = audio_bytes(SF_FORMAT_WAV | SF_FORMAT_PCM_16);
+  set_bytes(wav, chunk_at(wav, "data") + 4, 4, 0xFF);
+  const ByteSource head = memory_source(wav);
+  const ByteSource endless{
+      std::uint64_t{5} << 30, [&](std::uint64_t offset, std::span<unsigned char> into) {
+        std::fill(into.begin() + static_cast<std::ptrdiff_t>(head.read_at(offset, into)),
+                  into.end(), static_cast<unsigned char>(0));
+        return into.size();
+      }};
+  EXPECT_THAT(failure_of([&] { AudioFile(endless, "test"); }),
+              HasSubstr("“test” cannot be read whole"));
 }
 
 // Every byte of every header, bent: the file is read or refused, and what is read is not more than

@@ -31,10 +31,11 @@ void forget_length(const std::string& path) {
   testing::write_bytes(path, bytes);
 }
 
-// Ruins a FLAC file's audio and leaves its header.
+// Ruins a FLAC file's audio and leaves its header and its last frame.
 void ruin(const std::string& path) {
   testing::FileBytes bytes = testing::read_bytes(path);
-  std::fill(bytes.end() - 40, bytes.end(), 0);
+  const auto middle = bytes.begin() + static_cast<std::ptrdiff_t>(bytes.size() / 2);
+  std::fill(middle, middle + 40, static_cast<unsigned char>(0));
   testing::write_bytes(path, bytes);
 }
 
@@ -205,20 +206,28 @@ TEST_F(LoadStems, JudgesRateThenChannelsThenLength) {
 }
 
 TEST_F(LoadStems, SeesEveryHeaderBeforeItDecodesAnything) {
-  write("a.flac", 900, 1000, 2, kFlac);
+  loading.mix_frames = 20000;
+  write("a.flac", 19900, 1000, 2, kFlac);
   ruin(folder.path("a.flac"));
-  write("b.wav", 1010);
-  write("z.wav", 1000, 48000);
+  write("b.wav", 20010);
+  write("z.wav", 20000, 48000);
   EXPECT_EQ(load(), "z: 48000 Hz but mix is 1000 Hz");
-  EXPECT_THAT(lines, ElementsAre(HasSubstr("! a length 0.90s"), HasSubstr("! b length 1.01s")));
+  EXPECT_THAT(lines, ElementsAre(HasSubstr("! a length 19.90s"), HasSubstr("! b length 20.01s")));
 
-  write("z.wav");
+  write("z.wav", 20000);
   testing::FileBytes cut = testing::read_bytes(folder.path("z.wav"));
   cut.pop_back();
   testing::write_bytes(folder.path("z.wav"), cut);
   EXPECT_THAT(load(), HasSubstr(folder.path("z.wav") + "” is cut short"));
 
-  write("z.wav");
+  std::filesystem::remove(folder.path("z.wav"));
+  write("z.flac", 20000, 1000, 2, kFlac);
+  cut = testing::read_bytes(folder.path("z.flac"));
+  cut.pop_back();
+  testing::write_bytes(folder.path("z.flac"), cut);
+  EXPECT_THAT(load(), HasSubstr(folder.path("z.flac") + "” is damaged or cut short"));
+
+  write("z.flac", 20000, 1000, 2, kFlac);
   EXPECT_THAT(load(), HasSubstr(folder.path("a.flac") + "” is damaged or cut short"));
 }
 

@@ -1,4 +1,4 @@
-#include "allocation/ordered_prefetch.hpp"
+#include "support/ordered_prefetch.hpp"
 
 #include <gtest/gtest.h>
 
@@ -25,7 +25,7 @@ TEST(OrderedPrefetch, KeepsOrderAndNeverHoldsMoreThanItsWorkers) {
           std::this_thread::sleep_for(std::chrono::milliseconds(2 * (6 - i)));
           return 10 * i;
         },
-        items, workers);
+        items, workers, "test");
     EXPECT_EQ(taken, 0U) << "nothing happens before the first request";
     for (std::size_t i = 0; i < 6; ++i) {
       EXPECT_EQ(sequence.next(), 10 * i);
@@ -37,7 +37,7 @@ TEST(OrderedPrefetch, KeepsOrderAndNeverHoldsMoreThanItsWorkers) {
 }
 
 TEST(OrderedPrefetch, OneWorkerIsTheConsumer) {
-  auto sequence = _ordered_prefetch([](std::size_t) { return std::this_thread::get_id(); }, 2, 1);
+  auto sequence = _ordered_prefetch([](std::size_t) { return std::this_thread::get_id(); }, 2, 1, "test");
   EXPECT_EQ(sequence.next(), std::this_thread::get_id());
 }
 
@@ -50,12 +50,12 @@ TEST(OrderedPrefetch, AFailureComesAtItsTurnAndEndsTheSequence) {
           if (i == 1) throw std::runtime_error("one");
           return i;
         },
-        100, workers);
+        100, workers, "test");
     EXPECT_EQ(sequence.next(), 0U);
     EXPECT_THROW(sequence.next(), std::runtime_error);
     EXPECT_LE(begun, 5);
   }
-  auto empty = _ordered_prefetch([](std::size_t i) { return i; }, 0, 4);
+  auto empty = _ordered_prefetch([](std::size_t i) { return i; }, 0, 4, "test");
   EXPECT_EQ(empty.next(), std::nullopt);
 }
 

@@ -28,7 +28,7 @@ class OrderedPrefetch {
 
  public:
   OrderedPrefetch(Function function, NextItem next_item, std::size_t workers,
-                  std::string thread_prefix = "verdel-energy")
+                  std::string thread_prefix)
       : function_(std::move(function)),
         next_item_(std::move(next_item)),
         workers_(workers),
@@ -95,7 +95,7 @@ class OrderedPrefetch {
 /// The sequence over the items 0 .. count - 1.
 template <class Function>
 auto _ordered_prefetch(Function function, std::size_t count, std::size_t workers,
-                       std::string thread_prefix = "verdel-energy") {
+                       std::string thread_prefix) {
   auto next_item = [index = std::size_t{0}, count]() mutable -> std::optional<std::size_t> {
     if (index == count) return std::nullopt;
     return index++;

@@ -1,9 +1,6 @@
-#include "driver/differences.hpp"
+#include "signal/stem_sums.hpp"
 
 #include <span>
-
-#include "inputs/levels.hpp"
-#include "support/number_text.hpp"
 
 namespace verdel {
 namespace {
@@ -18,19 +15,15 @@ void subtract_from(std::span<const double> whole, std::span<double> part) {
 
 }  // namespace
 
-AudioArray sum_of(const StemMap& taps, std::size_t channels, std::size_t frames) {
+AudioArray sum_of(const StemMap& stems, std::size_t channels, std::size_t frames) {
   AudioArray sum = AudioArray::zeros(channels, frames);
-  for (const auto& tap : taps) add_to(sum.flat(), tap.audio.flat());
+  for (const auto& stem : stems) add_to(sum.flat(), stem.audio.flat());
   return sum;
 }
 
 AudioArray difference_from(AudioView whole, AudioArray part) {
   for (std::size_t c = 0; c < part.rows(); ++c) subtract_from(whole.row(c), part.row(c));
   return part;
-}
-
-std::string level_against(AudioView part, double whole_rms) {
-  return signed_one_decimal(levels(part).rms - whole_rms) + " dB";
 }
 
 }  // namespace verdel
