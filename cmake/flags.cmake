@@ -5,7 +5,7 @@ add_library(verdel_flags INTERFACE)
 target_compile_options(verdel_flags INTERFACE
   -Wall -Wextra -Wconversion -Wsign-conversion -Wshadow -Wdouble-promotion
   -ffp-contract=off -fno-math-errno -fno-trapping-math
-  $<$<CONFIG:Release,RelWithDebInfo>:-O3>)
+  $<$<CONFIG:Release>:-O3>)
 if(VERDEL_WARNINGS_AS_ERRORS)
   target_compile_options(verdel_flags INTERFACE -Werror)
 endif()
