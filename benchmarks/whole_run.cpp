@@ -262,6 +262,7 @@ void measure_render(Run& run) {
 Options options_of(const std::vector<std::string>& arguments) {
   Options options;
   options.allocation = "candidate14";
+  options.any_channels = true;
   for (const std::string& word : arguments) {
     if (word == "--no-report") {
       options.no_report = true;

@@ -21,7 +21,8 @@ namespace {
 
 constexpr const char* kUsage =
     "usage: demo_project OUT [--seconds S] [--stems N] [--channels 1|2] [--rate HZ] [--seed K] "
-    "[--no-late]\n"
+    "[--no-late] [--replace]\n"
+    "  --replace lets OUT hold a project already, whose files it writes over.\n"
     "  Without options: 30 s, 6 stems, stereo, 44100 Hz, the snare's tap bounced 7 ms late.\n";
 
 constexpr double kLateSeconds = 0.007;
@@ -34,6 +35,7 @@ struct Options {
   int rate = 44100;
   std::uint64_t seed = 1;
   bool late = true;
+  bool replace = false;
 };
 
 /// A number between the two bounds, or a failure that names the option.
@@ -66,6 +68,8 @@ Options parse(const std::vector<std::string>& arguments) {
       options.seed = static_cast<std::uint64_t>(value(0, 4294967295.0));
     } else if (word == "--no-late") {
       options.late = false;
+    } else if (word == "--replace") {
+      options.replace = true;
     } else if (options.out.empty() && !word.empty() && word[0] != '-') {
       options.out = word;
     } else {
@@ -106,6 +110,10 @@ void write_wav(const std::filesystem::path& path, const Stereo& sound, const Opt
 }
 
 void make_project(const Options& options) {
+  if (!options.replace && std::filesystem::exists(options.out) &&
+      !std::filesystem::is_empty(options.out)) {
+    throw std::runtime_error(options.out.string() + " is not empty; see --replace");
+  }
   const std::filesystem::path taps = options.out / "taps", mix = options.out / "mix";
   std::filesystem::create_directories(taps);
   std::filesystem::create_directories(mix);
