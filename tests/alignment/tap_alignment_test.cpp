@@ -7,7 +7,6 @@
 #include <atomic>
 #include <limits>
 #include <random>
-#include <utility>
 
 #include "support/errors.hpp"
 
@@ -15,8 +14,8 @@ namespace verdel {
 namespace {
 
 using testing::ElementsAre;
+using testing::FieldsAre;
 using testing::IsEmpty;
-using testing::Pair;
 
 constexpr int kRate = 2000;
 constexpr std::size_t kFrames = 20 * kRate;
@@ -41,20 +40,23 @@ void add(AudioArray& mix, const AudioArray& audio, double gain = 1.0) {
   for (std::size_t i = 0; i < mix.size(); ++i) mix.flat()[i] += gain * audio.flat()[i];
 }
 
+StemMap stem_map(std::initializer_list<const AudioArray*> sources) {
+  StemMap taps;
+  for (const AudioArray* tap : sources) {
+    taps.push_back({std::string("tap ") + std::to_string(taps.size()), copy(*tap)});
+  }
+  return taps;
+}
+
 bool same(const AudioArray& a, const AudioArray& b) {
   return std::ranges::equal(a.flat(), b.flat());
 }
 
-std::vector<std::pair<std::string, std::ptrdiff_t>> align(const AudioArray& mix, StemMap& taps,
-                                                          std::size_t processors = 1,
-                                                          const StopToken& stop = {}) {
+auto align(const AudioArray& mix, StemMap& taps, std::size_t processors = 1,
+           const StopToken& stop = {}) {
   Machine machine = system_machine();
   machine.processors = [processors] { return processors; };
-  std::vector<std::pair<std::string, std::ptrdiff_t>> moves;
-  for (const auto& [name, lag] : align_taps_to_mix(mix.view(), taps, kRate, machine, stop)) {
-    moves.emplace_back(name, lag);
-  }
-  return moves;
+  return align_taps_to_mix(mix.view(), taps, kRate, machine, stop);
 }
 
 TEST(AlignTap, DelaysByTheLagAndLosesWhatPassesAnEnd) {
@@ -76,17 +78,15 @@ TEST(AlignTap, DelaysByTheLagAndLosesWhatPassesAnEnd) {
 
 TEST(AlignTapsToMix, MovesLateAndEarlyTapsAndNoOtherOnAnyMachine) {
   for (const std::size_t channels : {1u, 2u}) {
-    for (const std::size_t processors : {0u, 1u, 4u, 64u}) {
+    for (const std::size_t processors : {0u, 1u, 4u}) {
       const AudioArray early = source(1, channels), late = source(3, channels);
       AudioArray mix = source(2, channels);
-      StemMap taps;
-      taps.push_back({"late", copy(late)});
-      taps.push_back({"in line", copy(mix)});
-      taps.push_back({"early", copy(early)});
+      StemMap taps = stem_map({&late, &mix, &early});
       const double* untouched = taps[1].audio.data();
       add(mix, align_tap(early.view(), 121));
       add(mix, align_tap(late.view(), -37));
-      EXPECT_THAT(align(mix, taps, processors), ElementsAre(Pair("late", -37), Pair("early", 121)));
+      EXPECT_THAT(align(mix, taps, processors),
+                  ElementsAre(FieldsAre("tap 0", -37), FieldsAre("tap 2", 121)));
       EXPECT_EQ(taps[1].audio.data(), untouched);
       // Aligned, the taps make up the mix to the last bit.
       for (const auto& tap : taps) add(mix, tap.audio, -1.0);
@@ -99,41 +99,25 @@ TEST(AlignTapsToMix, MovesOnlyWhatLowersTheEnergy) {
   const AudioArray tap = source(1), moved = align_tap(tap.view(), -60);
   auto inverted = AudioArray::zeros(2, kFrames);
   add(inverted, moved, -1.0);
-  StemMap taps;
-  taps.push_back({"first", copy(tap)});
+  StemMap taps = stem_map({&tap, &tap});
   EXPECT_THAT(align(inverted, taps), IsEmpty());
 
   // The first tap takes the mix's only source; where the second then stands is all the same.
-  taps.push_back({"second", copy(tap)});
-  EXPECT_THAT(align(moved, taps), ElementsAre(Pair("first", -60)));
+  EXPECT_THAT(align(moved, taps), ElementsAre(FieldsAre("tap 0", -60)));
   EXPECT_TRUE(same(taps[0].audio, moved));
   EXPECT_TRUE(same(taps[1].audio, tap));
 }
 
-TEST(AlignTapsToMix, SamplesThatAreNotFiniteMoveNothing) {
-  for (const double bad :
-       {std::numeric_limits<double>::quiet_NaN(), std::numeric_limits<double>::infinity()}) {
-    for (const bool in_mix : {false, true}) {
-      const AudioArray tap = source(1);
-      AudioArray mix = align_tap(tap.view(), 60);
-      StemMap taps;
-      taps.push_back({"sound", copy(tap)});
-      taps.push_back({"other", source(2)});
-      (in_mix ? mix : taps[1].audio).row(0)[7] = bad;
-      EXPECT_THAT(align(mix, taps), IsEmpty());
-    }
-  }
-}
-
 TEST(AlignTapsToMix, RefusesOtherShapesAndStopsWhenAsked) {
   const AudioArray tap = source(1), mix = align_tap(tap.view(), 60);
+  const AudioArray mono = source(1, 1), cut = AudioArray::zeros(2, kFrames - 1);
   StemMap taps;
   EXPECT_THAT(align(mix, taps), IsEmpty());
-  taps.push_back({"a", source(1, 1)});
-  EXPECT_THROW(align(mix, taps), ValueError);
-  taps[0].audio = AudioArray::zeros(2, kFrames - 1);
-  EXPECT_THROW(align(mix, taps), ValueError);
-  taps[0].audio = copy(tap);
+  for (const AudioArray* other : {&mono, &cut}) {
+    taps = stem_map({other});
+    EXPECT_THROW(align(mix, taps), ValueError);
+  }
+  taps = stem_map({&tap});
   const std::atomic<bool> flag{true};
   EXPECT_THROW(align(mix, taps, 4, StopToken(flag)), Cancelled);
   EXPECT_TRUE(same(taps[0].audio, tap));

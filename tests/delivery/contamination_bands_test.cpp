@@ -82,7 +82,9 @@ TEST(ContaminationSlices, CoresTileTheSongAndSlicesHoldTheirContext) {
   for (const auto& [frames, sr, nfft] :
        {Case{1, 44100, 2}, Case{66149, 44100, 1 << 24}, Case{66150, 44100, 1 << 24},
         Case{130000, 44100, 1 << 17}, Case{600000, 44100, 1 << 20}, Case{2646001, 44100, 1 << 22},
-        Case{28800000, 96000, 1 << 25}, Case{10000019, 22050, 1 << 24}}) {
+        Case{28800000, 96000, 1 << 25}, Case{10000019, 22050, 1 << 24},
+        Case{280000, 50000, 1 << 19}, Case{300000, 44100, 1 << 19},
+        Case{2000000, 192000, 1 << 21}}) {
     const SlicePlan plan = plan_slices(frames, sr, nfft);
     std::size_t covered = 0;
     for (std::size_t k = 0; k < plan.count; ++k) {

@@ -9,6 +9,7 @@
 #include <random>
 
 #include "support/errors.hpp"
+#include "support/files.hpp"
 
 namespace verdel {
 namespace {
@@ -77,20 +78,10 @@ std::optional<DeliveredStems> plain_delivery(const Song& s, double threshold) {
   return delivered;
 }
 
-double null_peak(const DeliveredStems& delivered, AudioView mix) {
-  double peak = 0.0;
-  for (std::size_t k = 0; k < mix.rows() * mix.columns(); ++k) {
-    double sum = 0.0;
-    for (const auto& stem : delivered) sum += static_cast<double>(stem.audio.flat()[k]);
-    peak = std::max(peak, std::abs(mix.data()[k] - sum));
-  }
-  return peak;
-}
-
 TEST(CoordinatedFloat32, EqualsTheWholeArrayMethod) {
-  for (const std::size_t stems : {1u, 2u, 3u, 9u}) {
-    for (const std::size_t channels : {1u, 2u, 3u}) {
-      for (const std::size_t samples : {0u, 1u, 4095u, 4097u, 9000u}) {
+  for (const std::size_t stems : {1u, 2u, 9u}) {
+    for (const std::size_t channels : {1u, 3u}) {
+      for (const std::size_t samples : {0u, 1u, 4095u, 9000u}) {
         const Song s = song(stems, channels, samples, 1.5);
         for (const double threshold : {-120.0, -139.99, -140.0, -300.0}) {
           const auto expected = plain_delivery(s, threshold);
@@ -114,19 +105,18 @@ TEST(CoordinatedFloat32, EqualsTheWholeArrayMethod) {
 // What is left is half a unit in the last place of the loudest stem at that sample: 2^-31 for
 // values below 2^-6, 2^-25 below 1 and so on.
 TEST(CoordinatedFloat32, NullInDecibels) {
-  struct Level {
-    double stems, bound;
-  };
-  for (const auto [level, bound] : {Level{0.01, -186.6}, Level{0.4, -156.5}, Level{0.99, -150.5},
-                                    Level{1.99, -144.4}, Level{3.99, -138.4}}) {
-    for (const std::size_t stems : {1u, 2u, 8u, 32u}) {
-      for (const std::size_t channels : {1u, 2u}) {
-        const Song s = song(stems, channels, 3000, level);
-        const auto delivered =
-            _coordinated_float32_delivery(views_of(s.stems), s.mix.view(), -200.0);
-        EXPECT_LE(20.0 * std::log10(null_peak(delivered, s.mix.view())), bound)
-            << stems << " stems, " << channels << " channels, level " << level;
+  for (const auto& [level, bound] :
+       {std::pair{0.01, -186.6}, {0.4, -156.5}, {0.99, -150.5}, {1.99, -144.4}, {3.99, -138.4}}) {
+    for (const std::size_t stems : {1u, 2u, 32u}) {
+      const Song s = song(stems, 2, 3000, level);
+      const auto delivered = _coordinated_float32_delivery(views_of(s.stems), s.mix.view(), -200.0);
+      double peak = 0.0;
+      for (std::size_t k = 0; k < s.mix.size(); ++k) {
+        double sum = 0.0;
+        for (const auto& stem : delivered) sum += static_cast<double>(stem.audio.flat()[k]);
+        peak = std::max(peak, std::abs(s.mix.flat()[k] - sum));
       }
+      EXPECT_LE(20.0 * std::log10(peak), bound) << stems << " stems, level " << level;
     }
   }
 }
@@ -138,7 +128,7 @@ TEST(CoordinatedFloat32, ThresholdsAndBound) {
     double stem, mix, threshold, delivered;  // NaN where the delivery has to fail
   };
   constexpr double kFails = std::numeric_limits<double>::quiet_NaN();
-  const Case cases[] = {
+  const Case kCases[] = {
       {"below the target", 0.0, std::nextafter(target, 0.0), -140.0, 0.0},
       {"at the target", 0.0, target, -140.0, static_cast<double>(static_cast<float>(target))},
       {"just above -140 dB", 0.25, 0.5, -139.99, 0.25},
@@ -148,16 +138,17 @@ TEST(CoordinatedFloat32, ThresholdsAndBound) {
       {"above the bound of a loud mix", 4.0, 4.0 + 0x1p-17, -140.0, kFails},
       {"not a number", kFails, 0.5, -140.0, kFails},
       {"too large for a float", 1e39, 1e39, -140.0, kFails}};
-  for (const auto& c : cases) {
+  for (const Case& c : kCases) {
     const AudioView mix(&c.mix, 1, 1, 1);
     const StemViews stems{{"a", AudioView(&c.stem, 1, 1, 1)}};
-    try {
+    const std::string failure = testing::failure_of<RuntimeError>([&] {
       const auto delivered = _coordinated_float32_delivery(stems, mix, c.threshold);
       EXPECT_EQ(static_cast<double>(delivered[0].audio.flat()[0]), c.delivered) << c.name;
-    } catch (const RuntimeError& e) {
-      EXPECT_STREQ(e.what(), "coordinated FLOAT32 delivery exceeded its rounding-only bound");
-      EXPECT_TRUE(std::isnan(c.delivered)) << c.name;
-    }
+    });
+    EXPECT_EQ(failure, std::isnan(c.delivered)
+                           ? "coordinated FLOAT32 delivery exceeded its rounding-only bound"
+                           : "")
+        << c.name;
   }
   const double sample = 0.0;
   const AudioView one(&sample, 1, 1, 1);

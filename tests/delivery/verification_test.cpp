@@ -7,7 +7,7 @@
 #include <functional>
 #include <limits>
 
-#include "delivery_files.hpp"
+#include "delivery/delivery_files.hpp"
 #include "support/errors.hpp"
 
 namespace verdel {
@@ -56,40 +56,27 @@ TEST_F(Verification, GivesWhatTheFilesLeaveOfTheMix) {
 }
 
 TEST_F(Verification, FindsEveryChangeOfAFile) {
-  const std::string good = bytes_of(stems_[1].path);
+  const std::string path = stems_[1].path, good = testing::bytes_of(path);
   const std::string changed = "written stem verification failed for Voice";
-  struct Case {
-    const char* name;
-    std::function<void(const std::string& path)> change;
-    std::string message;
-  };
   const auto view = audio_[1].view();
-  const Case cases[] = {
-      {"rate", [&](auto& path) { write_audio<float>(path, 44100, view); }, changed},
-      {"length",
-       [&](auto& path) { write_audio<float>(path, kRate, view.column_range(1, kFrames)); },
-       changed},
-      {"channels",
-       [&](auto& path) {
+  const std::pair<std::string, std::function<void()>> kCases[] = {
+      {changed, [&] { write_audio<float>(path, 44100, view); }},
+      {changed, [&] { write_audio<float>(path, kRate, view.column_range(1, kFrames)); }},
+      {changed,
+       [&] {
          write_audio<float>(path, kRate, {view.data(), 1, kFrames, kFrames});
-       },
-       changed},
-      {"cut", [&](auto& path) { write_bytes(path, good.substr(0, good.size() - 9)); },
-       stems_[1].path},
-      {"junk", [&](auto& path) { write_bytes(path, "not audio"); }, stems_[1].path},
-      {"gone", [](auto& path) { std::filesystem::remove(path); }, "No such file or directory"}};
-  for (const auto& c : cases) {
-    c.change(stems_[1].path);
-    try {
-      residual();
-      ADD_FAILURE() << c.name;
-    } catch (const std::runtime_error& e) {
-      EXPECT_THAT(e.what(), ::testing::HasSubstr(c.message)) << c.name;
-    }
+       }},
+      {path, [&] { testing::write_bytes(path, good.substr(0, good.size() - 9)); }},
+      {path, [&] { testing::write_bytes(path, "not audio"); }},
+      {"No such file or directory", [&] { std::filesystem::remove(path); }}};
+  for (const auto& [message, change] : kCases) {
+    change();
+    EXPECT_THAT(testing::failure_of<std::runtime_error>([&] { residual(); }),
+                ::testing::HasSubstr(message));
   }
   std::string flipped = good;
   flipped[flipped.size() - 2] = static_cast<char>(flipped[flipped.size() - 2] ^ 1);
-  write_bytes(stems_[1].path, flipped);
+  testing::write_bytes(path, flipped);
   EXPECT_NE(residual().row(1)[kFrames - 1], 0.0);
 }
 

@@ -4,50 +4,31 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <limits>
 
 #include "driver/small_projects.hpp"
 
 namespace verdel {
 namespace {
 
-using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using testing::run_entry;
 using testing::RunResult;
 using testing::SmallProject;
 
-constexpr double kInfinity = std::numeric_limits<double>::infinity();
-
-class ExcerptRange : public ::testing::Test {
- protected:
-  OutputRange range_of(std::optional<double> start, std::optional<double> length) {
+TEST(ChooseOutputRange, SlidesBackAndNeverLeavesTheSource) {
+  const CommandLine command_line("verdel", entries_of(option_table()));
+  const Machine machine = system_machine();
+  std::FILE* const file = std::tmpfile();
+  OutputLines lines(file);
+  Mix mix{};
+  mix.audio = AudioArray::uninitialised(1, 6000);  // a minute
+  mix.sr = 100;
+  const auto range_of = [&](std::optional<double> start, std::optional<double> length) {
     Options options;
     options.excerpt_start = start;
     options.excerpt_len = length;
-    const verdel::Run run{.options = options,
-                          .command_line = command_line_,
-                          .machine = machine_,
-                          .stop = {},
-                          .lines = lines_};
-    Mix mix;
-    mix.audio = AudioArray::uninitialised(1, kFrames);
-    mix.sr = kRate;
-    return choose_output_range(run, mix);
-  }
-  void TearDown() override { std::fclose(file_); }
-
-  static constexpr int kRate = 100;
-  static constexpr std::size_t kFrames = 6000;  // a minute
-
- private:
-  CommandLine command_line_{"verdel", entries_of(option_table())};
-  Machine machine_ = system_machine();
-  std::FILE* file_ = std::tmpfile();
-  OutputLines lines_{file_};
-};
-
-TEST_F(ExcerptRange, SlidesBackAndNeverLeavesTheSource) {
+    return choose_output_range({options, command_line, machine, {}, lines}, mix);
+  };
   constexpr auto kAbsent = std::nullopt;
   const double nan = std::nan("");
   const struct {
@@ -57,7 +38,7 @@ TEST_F(ExcerptRange, SlidesBackAndNeverLeavesTheSource) {
       {kAbsent, kAbsent, 0, 6000}, {5.0, kAbsent, 0, 6000},  {5.0, 0.0, 0, 6000},
       {5.0, -1.0, 0, 6000},        {5.0, nan, 0, 6000},      {kAbsent, 10.0, 0, 1000},
       {0.0, 10.0, 0, 1000},        {55.0, 10.0, 5000, 6000}, {10.0, 90.0, 0, 6000},
-      {-5.0, 10.0, 0, 1000},       {nan, 10.0, 0, 1000},     {kInfinity, 10.0, 5000, 6000},
+      {-5.0, 10.0, 0, 1000},       {nan, 10.0, 0, 1000},     {HUGE_VAL, 10.0, 5000, 6000},
       {10.0, 1e300, 0, 6000},      {10.0, 1e-9, 1000, 1000}, {0.005, 0.02, 0, 2},
       {0.015, 0.02, 2, 4},         {60.0, 1e-9, 6000, 6000},
   };
@@ -66,47 +47,41 @@ TEST_F(ExcerptRange, SlidesBackAndNeverLeavesTheSource) {
     EXPECT_EQ(range.start, c.first) << c.start.value_or(0) << " " << c.length.value_or(0);
     EXPECT_EQ(range.stop, c.last) << c.start.value_or(0) << " " << c.length.value_or(0);
   }
-  EXPECT_THROW(range_of(kAbsent, kInfinity), ValueError);
+  EXPECT_THROW(range_of(kAbsent, HUGE_VAL), ValueError);
   EXPECT_THROW(range_of(1.0, 1e307), ValueError);
+  std::fclose(file);
 }
 
 TEST(InputStage, TheMixIsJudgedBeforeTheTapsAndTheRoomBeforeAnyTapIsOpened) {
-  const SmallProject project({"a", "b"});
-  testing::write_bytes(project.path("taps/c.wav"), {'n', 'o'});
-  Machine small = system_machine();
+  const SmallProject project({"a", "b"}), brief({"a"}, {.frames = 2047}), mono({}, {.channels = 1});
+  testing::write_bytes(project.path("taps/c.wav"), "no");
+  Machine small = system_machine(), full_disk = system_machine();
   small.physical_memory = [] { return std::uint64_t{1} << 20; };
-  Machine full_disk = system_machine();
   full_disk.temporary_space = [] { return std::uint64_t{1} << 20; };
-
-  RunResult result = run_entry(shipping_main, project.render(), small);
-  EXPECT_EQ(result.status, 1);
-  EXPECT_EQ(result.err,
+  const auto failure = [](Entry entry, const SmallProject& of, const Machine& machine,
+                          const std::vector<std::string>& more = {}) {
+    const RunResult result = run_entry(entry, of.render(more), machine);
+    EXPECT_EQ(result.status, 1);
+    EXPECT_THAT(result.out, HasSubstr("mix   mix.wav  8000 Hz  "));
+    EXPECT_FALSE(std::filesystem::exists(of.out()));
+    return result.err;
+  };
+  EXPECT_EQ(failure(shipping_main, project, small),
             "this render needs about 1 GiB of working memory, but this Mac has 0 GiB; use fewer "
             "stems or a shorter bounce\n");
-  EXPECT_THAT(result.out, EndsWith("mix   mix.wav  8000 Hz  2ch  1.5s\n"));
-  result = run_entry(shipping_main, project.render(), full_disk);
-  EXPECT_EQ(result.err, "VERDEL needs about 3 GiB free for temporary processing files\n");
+  EXPECT_EQ(failure(shipping_main, project, full_disk),
+            "VERDEL needs about 3 GiB free for temporary processing files\n");
   // Without the shipping profile nobody asks, and the broken tap is what stops the run.
-  result = run_entry(main, project.render(), small);
-  EXPECT_EQ(result.status, 1);
-  EXPECT_THAT(result.err, HasSubstr("c.wav"));
-
-  const SmallProject brief({"a"}, {.frames = 2047});
-  result = run_entry(shipping_main, brief.render(), small);
-  EXPECT_EQ(result.err,
+  EXPECT_THAT(failure(main, project, small), HasSubstr("c.wav"));
+  EXPECT_EQ(failure(shipping_main, brief, small),
             "the mix is only 2047 frames; VERDEL needs at least 2048 frames for this processing "
             "profile\n");
-  result = run_entry(main, brief.render());
-  EXPECT_EQ(result.err, "Candidate 14 needs at least 2048 audio frames\n");
-  EXPECT_FALSE(std::filesystem::exists(brief.out()));
-
-  const SmallProject mono({}, {.channels = 1});
-  result = run_entry(shipping_main, mono.render());
-  EXPECT_EQ(result.err,
+  EXPECT_EQ(failure(main, brief, small), "Candidate 14 needs at least 2048 audio frames\n");
+  EXPECT_EQ(failure(shipping_main, mono, small),
             "the mix is 1-channel; VERDEL handles stereo files. Bounce the mix and the stems as "
             "stereo.\n");
-  result = run_entry(main, mono.render({"--any-channels", "--allocation", "candidate14"}));
-  EXPECT_EQ(result.err, "no tap files found\n");
+  EXPECT_EQ(failure(main, mono, small, {"--any-channels", "--allocation", "candidate14"}),
+            "no tap files found\n");
 }
 
 TEST(InputStage, APairIsNamedAsOne) {

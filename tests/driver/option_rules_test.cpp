@@ -1,8 +1,8 @@
 #include "driver/option_rules.hpp"
 
-#include <fmt/format.h>
-#include <fmt/ranges.h>
 #include <gtest/gtest.h>
+
+#include "support/files.hpp"
 
 namespace verdel {
 namespace {
@@ -13,12 +13,9 @@ using Arguments = std::vector<std::string>;
 std::string rule_on(const Arguments& arguments) {
   const CommandLine command_line("verdel", entries_of(option_table()));
   Options options = *parse_record(command_line, option_table(), arguments);
-  try {
-    apply_option_rules(options, command_line);
-  } catch (const UsageError& error) {
-    const std::string text = error.what();
-    return text.substr(text.find(": error: ") + 9);
-  }
+  const std::string failure =
+      testing::failure_of<UsageError>([&] { apply_option_rules(options, command_line); });
+  if (!failure.empty()) return failure.substr(failure.find(": error: ") + 9);
   EXPECT_TRUE(options.bands && options.gain_smooth);
   return {};
 }
@@ -28,10 +25,7 @@ constexpr const char* kTiming =
 constexpr const char* kBands = "single-band allocation requires --bands32 or128";
 
 TEST(OptionRules, FireInTheirOrderWithTheirWords) {
-  const struct {
-    Arguments arguments;
-    std::string message;
-  } kCases[] = {
+  const std::pair<Arguments, std::string> kCases[] = {
       {{}, ""},
       {{"--bands", "32"}, ""},
       {{"--bands", "1"}, "--bands must be at least2"},
@@ -61,8 +55,8 @@ TEST(OptionRules, FireInTheirOrderWithTheirWords) {
       {{"--alloc-window", "-inf"}, kTiming},
       {{"--sharpness", "9", "--tail-hold", "nan", "--gain-model", "multiband"}, ""},
   };
-  for (const auto& c : kCases) {
-    EXPECT_EQ(rule_on(c.arguments), c.message) << fmt::format("{}", c.arguments);
+  for (const auto& [arguments, message] : kCases) {
+    EXPECT_EQ(rule_on(arguments), message) << ::testing::PrintToString(arguments);
   }
 }
 
@@ -70,15 +64,12 @@ TEST(OptionRules, UnknownLowResolutionNamesAreListedAsGiven) {
   const CommandLine command_line("verdel", entries_of(option_table()));
   Options options;
   options.low_resolution = {"Snare", "kick", "Kick", "Vox"};
-  try {
-    require_known_low_resolution(options, {"Kick", "Snare"}, command_line);
-    FAIL() << "accepted";
-  } catch (const UsageError& error) {
-    EXPECT_EQ(std::string(error.what()),
-              command_line.usage() +
-                  "verdel: error: --low-resolution requires an exact tap basename; unknown: kick, "
-                  "Vox");
-  }
+  EXPECT_EQ(testing::failure_of<UsageError>([&] {
+              require_known_low_resolution(options, {"Kick", "Snare"}, command_line);
+            }),
+            command_line.usage() +
+                "verdel: error: --low-resolution requires an exact tap basename; unknown: kick, "
+                "Vox");
   options.low_resolution = {"Kick"};
   EXPECT_NO_THROW(require_known_low_resolution(options, {"Kick", "Snare"}, command_line));
 }

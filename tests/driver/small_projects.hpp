@@ -1,19 +1,16 @@
 #pragma once
 
-#include <unistd.h>
-
 #include <cmath>
 #include <cstdio>
 #include <filesystem>
-#include <memory>
 #include <numbers>
-#include <ostream>
 #include <string>
 #include <vector>
 
 #include "driver/entry.hpp"
 #include "driver/process.hpp"
 #include "support/audio_files.hpp"
+#include "support/files.hpp"
 #include "support/temporary_folder.hpp"
 
 namespace verdel::testing {
@@ -26,19 +23,14 @@ struct RunResult {
 /// Runs an entry inside the test, on whatever machine the test plays.
 inline RunResult run_entry(Entry entry, const std::vector<std::string>& arguments,
                            const Machine& machine = system_machine(), StopToken stop = {}) {
-  const auto close = [](std::FILE* file) { std::fclose(file); };
-  const std::unique_ptr<std::FILE, decltype(close)> out(std::tmpfile(), close);
-  const std::unique_ptr<std::FILE, decltype(close)> err(std::tmpfile(), close);
-  const auto text_of = [](std::FILE* file) {
-    std::fflush(file);
-    std::rewind(file);
-    std::string text;
-    for (int c = std::fgetc(file); c != EOF; c = std::fgetc(file)) text += static_cast<char>(c);
-    return text;
-  };
-  RunContext context{.machine = machine, .out = out.get(), .err = err.get(), .stop = stop};
+  const TemporaryFolder streams;
+  std::FILE* const out = std::fopen(streams.path("out").c_str(), "w");
+  std::FILE* const err = std::fopen(streams.path("err").c_str(), "w");
+  RunContext context{.machine = machine, .out = out, .err = err, .stop = stop};
   const int status = entry(arguments, context);
-  return {status, text_of(out.get()), text_of(err.get())};
+  std::fclose(out);
+  std::fclose(err);
+  return {status, bytes_of(streams.path("out")), bytes_of(streams.path("err"))};
 }
 
 /// Decaying tones, one struck every 0.3 s or so; each number is another instrument.
@@ -62,9 +54,6 @@ class SmallProject {
   struct Shape {
     std::size_t channels = 2, frames = 12000;
     int sr = 8000;
-    friend std::ostream& operator<<(std::ostream& stream, const Shape& shape) {
-      return stream << shape.channels << " x " << shape.frames << " at " << shape.sr;
-    }
   };
 
   explicit SmallProject(const std::vector<std::string>& names) : SmallProject(names, Shape{}) {}

@@ -8,6 +8,7 @@
 #include <limits>
 #include <numbers>
 #include <random>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -18,20 +19,18 @@ namespace {
 struct Hit {
   double beat, hz, noise, decay;
 };
-constexpr Hit kick(double beat) {
-  return {beat, 60.0, 0.0, 20.0};
-}
-constexpr Hit snare(double beat) {
-  return {beat, 190.0, 0.6, 25.0};
-}
-constexpr Hit hat(double beat) {
-  return {beat, 0.0, 0.3, 80.0};
+std::vector<Hit> hits_at(std::initializer_list<double> kicks, std::initializer_list<double> snares,
+                         std::initializer_list<double> hats) {
+  std::vector<Hit> hits;
+  for (const double beat : kicks) hits.push_back({beat, 60.0, 0.0, 20.0});
+  for (const double beat : snares) hits.push_back({beat, 190.0, 0.6, 25.0});
+  for (const double beat : hats) hits.push_back({beat, 0.0, 0.3, 80.0});
+  return hits;
 }
 
-const std::vector<Hit> kClicks = {hat(0), hat(1), hat(2), hat(3)};
-const std::vector<Hit> kAccents = {snare(0), hat(1), hat(2), hat(3)};
-const std::vector<Hit> kRock = {kick(0), kick(2.5), snare(1), snare(3), hat(0), hat(0.5),
-                                hat(1),  hat(1.5),  hat(2),   hat(2.5), hat(3), hat(3.5)};
+const auto kClicks = hits_at({}, {}, {0, 1, 2, 3});
+const auto kAccents = hits_at({}, {0}, {1, 2, 3});
+const auto kRock = hits_at({0, 2.5}, {1, 3}, {0, 0.5, 1, 1.5, 2, 2.5, 3, 3.5});
 
 // One bar of hits over and over from half a second on, louder from `loud` seconds on.
 AudioArray pattern(const std::vector<Hit>& hits, double bpm, int sr, double seconds,
@@ -56,12 +55,9 @@ AudioArray pattern(const std::vector<Hit>& hits, double bpm, int sr, double seco
   return mix;
 }
 
-class KnownTempo : public testing::TestWithParam<int> {};
-
-TEST_P(KnownTempo, IsFoundAndTheExcerptIsWholeBars) {
-  const int sr = GetParam();
-  for (const auto& hits : {kClicks, kRock}) {
-    for (const double bpm : {70.0, 84.5, 99.0, 118.0, 120.0, 133.0, 161.3, 190.0}) {
+TEST(SuggestExcerpt, FindsAKnownTempoAndGivesWholeBars) {
+  for (const auto& [hits, sr] : {std::pair{kClicks, 48000}, {kRock, 44100}, {kRock, 96000}}) {
+    for (const double bpm : {70.0, 99.0, 118.0, 161.3, 190.0}) {
       SCOPED_TRACE(testing::Message() << bpm << (hits.size() > 4 ? " rock" : " clicks"));
       const auto mix = pattern(hits, bpm, sr, 18.0);
       const auto found = suggest_excerpt(mix.view(), sr, 8.0);
@@ -74,8 +70,6 @@ TEST_P(KnownTempo, IsFoundAndTheExcerptIsWholeBars) {
     }
   }
 }
-INSTANTIATE_TEST_SUITE_P(Rates, KnownTempo, testing::Values(44100, 48000, 96000),
-                         testing::PrintToStringParamName());
 
 TEST(SuggestExcerpt, TakesTheBarsNearestToTheWishFromADownbeatOfTheLoudestPart) {
   constexpr int kRate = 22050;
@@ -98,28 +92,21 @@ TEST(SuggestExcerpt, TakesTheBarsNearestToTheWishFromADownbeatOfTheLoudestPart) 
 TEST(SuggestExcerpt, ClaimsNothingInDoubt) {
   constexpr int kRate = 8000;
   constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
-  constexpr double kInfinity = std::numeric_limits<double>::infinity();
   const auto clicks = pattern(kClicks, 100.0, kRate, 20.0);
-  auto broken = AudioArray::copy_of(clicks.view()), endless = AudioArray::copy_of(clicks.view());
-  broken.row(1)[90001] = kNaN;
-  endless.row(0)[70000] = -kInfinity;
   const auto silent = AudioArray::zeros(2, 20 * kRate);
-  const std::vector<AudioView> doubtful = {silent.view(), broken.view(), endless.view(),
-                                           silent.view().column_range(0, 0),
-                                           clicks.view().column_range(0, 4 * kRate - 1)};
-  for (const AudioView mix : doubtful) {
-    const std::size_t most = mix.columns(), three = std::min<std::size_t>(24000, most);
-    for (const auto& [target, length] : {std::pair{3.0001, three},
-                                         {1e300, most},
-                                         {kInfinity, most},
+  auto broken = AudioArray::copy_of(clicks.view());
+  broken.row(1)[90001] = kNaN;
+  const AudioView kDoubtful[] = {silent.view(), broken.view(), silent.view().column_range(0, 0),
+                                 clicks.view().column_range(0, 4 * kRate - 1)};
+  for (const AudioView mix : kDoubtful) {
+    const std::size_t most = mix.columns();
+    for (const auto& [target, length] : {std::pair{3.0001, std::min<std::size_t>(24000, most)},
+                                         {HUGE_VAL, most},
                                          {-1.0, std::size_t{0}},
                                          {kNaN, std::size_t{0}}}) {
       const auto found = suggest_excerpt(mix, kRate, target);
-      EXPECT_EQ(found.length, length) << target;
-      EXPECT_EQ(found.start, 0u);
-      EXPECT_EQ(found.bpm, 0.0);
-      EXPECT_EQ(found.bars, 0);
-      EXPECT_EQ(found.confidence, 0.0);
+      EXPECT_EQ(std::tie(found.start, found.length, found.bpm, found.bars, found.confidence),
+                (std::tuple{0u, length, 0.0, 0, 0.0}));
     }
   }
   // All numbers of bars are equally far from it.

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <utility>
 
 #include "signal/windows.hpp"
 
@@ -25,15 +24,9 @@ TEST(OnsetCurve, ShowsHowAnImpulseComesIntoTheFrames) {
     return first <= kPlace && kPlace < first + 2048 ? 0.375 * window[kPlace - first] : 0.0;
   };
   const auto flux = onset_curve(mix.view());
+  EXPECT_EQ(flux.size(), (mix.columns() - 2048) / kOnsetHop);
   for (std::size_t i = 0; i < flux.size(); ++i) {
     EXPECT_NEAR(flux[i], 1025.0 * std::max(0.0, level(i + 1) - level(i)), 1e-10) << i;
-  }
-}
-
-TEST(OnsetCurve, CountsWholeFramesOnly) {
-  for (const auto& [length, values] :
-       {std::pair{0u, 0u}, {2047u, 0u}, {2175u, 0u}, {2176u, 1u}, {2304u, 2u}}) {
-    EXPECT_EQ(onset_curve(AudioArray::zeros(1, length).view()).size(), values) << length;
   }
 }
 

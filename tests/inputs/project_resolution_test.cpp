@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "support/errors.hpp"
@@ -15,11 +16,9 @@ namespace {
 using ::testing::ElementsAre;
 
 TEST(Resolve, FindsTapsAndMixOrSaysWhatIsMissing) {
-  struct Case {
-    std::vector<std::string> tree;   // a "/" at the end makes a folder
-    std::vector<std::string> lines;  // what is printed, or the one text of the failure
-  };
-  const std::vector<Case> cases = {
+  // A tree, its folders with a "/" at the end, and what is printed or the failure's text.
+  using Lines = std::vector<std::string>;
+  const std::pair<Lines, Lines> kCases[] = {
       {{"stems/a.wav", "taps/b.WAV", "taps/.c.aif", "taps/.caf", "taps/n.txt", "mix/m.wav"},
        {"mix   mix/m.wav", "taps  taps  (3 files)", "out   out", ""}},
       {{"media/stems+mix/taps/", "mix/notes.txt", "master/m.flac"},
@@ -30,17 +29,16 @@ TEST(Resolve, FindsTapsAndMixOrSaysWhatIsMissing) {
       {{"taps/", "Mix/a.wav", "Mix/b\xE9.wav"},
        {"More than one file in Mix:\n  a.wav\n  b\\xE9.wav\nLeave one, or pass --mix."}},
       {{"mix/m.wav", "tap/"}, {"Could not find a taps folder. Pass --taps."}},
-      {{"mix/m.wav", "taps"}, {"Could not find a taps folder. Pass --taps."}},
       {{"taps/"}, {"Could not find the mix. Pass --mix."}},
   };
-  for (const Case& c : cases) {
+  for (const auto& [tree, lines] : kCases) {
     const testing::TemporaryFolder folder;
-    for (const std::string& path : c.tree) folder.touch(path);
+    for (const std::string& path : tree) folder.touch(path);
     ProjectPaths paths{.project = folder.path()};
     try {
-      EXPECT_EQ(resolve(paths), c.lines);
+      EXPECT_EQ(resolve(paths), lines);
     } catch (const ValueError& failure) {
-      EXPECT_THAT(c.lines, ElementsAre(failure.what()));
+      EXPECT_THAT(lines, ElementsAre(failure.what()));
     }
   }
 }
@@ -53,17 +51,6 @@ TEST(Resolve, LeavesGivenPathsAndFillsTheOthers) {
               ElementsAre("mix   y/m.wav", "taps  t  (0 files)", "out   t/out", ""));
   EXPECT_EQ(given.taps, folder.path("t/"));
   EXPECT_EQ(given.out, folder.path("t/out"));
-}
-
-TEST(Resolve, SearchesNothingForASuggestion) {
-  const testing::TemporaryFolder folder;
-  folder.touch("mix/m.wav");
-  ProjectPaths paths{.project = folder.path("."), .taps = "", .suggest_excerpt = 1e-9};
-  EXPECT_THROW(resolve(paths), ValueError);
-  paths.mix = "m";
-  EXPECT_THAT(resolve(paths), ::testing::IsEmpty());
-  EXPECT_EQ(paths.taps, folder.path());
-  EXPECT_EQ(paths.out, folder.path());
 }
 
 }  // namespace

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <utility>
+
 namespace verdel {
 namespace {
 
@@ -33,23 +35,20 @@ TEST(Sequences, WholeBoundsAreFloored) {
 
 TEST(Sequences, TablesAreReadBetweenAndBeyondTheirPoints) {
   const Doubles xp{0.0, 1.0, 3.0}, fp{10.0, 20.0, 0.0};
-  const Doubles positions{-1.0, 0.0, 0.5, 1.0, 2.0, 3.0, 9.0};
-  const Doubles expected{10.0, 10.0, 15.0, 20.0, 10.0, 0.0, 0.0};
-  for (std::size_t i = 0; i < positions.size(); ++i) {
-    EXPECT_EQ(interp(positions[i], xp, fp), expected[i]) << positions[i];
+  for (const auto& [x, value] :
+       {std::pair{-1.0, 10.0}, {0.5, 15.0}, {1.0, 20.0}, {2.0, 10.0}, {3.0, 0.0}, {9.0, 0.0}}) {
+    EXPECT_EQ(interp(x, xp, fp), value) << x;
   }
   const Doubles sorted{1.0, 2.0, 2.0, 4.0};
-  EXPECT_EQ(searchsorted(sorted, 0.0), 0u);
-  EXPECT_EQ(searchsorted(sorted, 2.0), 1u);
-  EXPECT_EQ(searchsorted(sorted, 3.0), 3u);
-  EXPECT_EQ(searchsorted(sorted, 5.0), 4u);
+  for (const auto& [x, place] : {std::pair{0.0, 0u}, {2.0, 1u}, {3.0, 3u}, {5.0, 4u}}) {
+    EXPECT_EQ(searchsorted(sorted, x), place) << x;
+  }
 }
 
 TEST(Sequences, HalvesRoundToTheEvenNumber) {
-  EXPECT_EQ(round_to_even(2.5), 2.0);
-  EXPECT_EQ(round_to_even(3.5), 4.0);
-  EXPECT_EQ(round_to_even(-0.5), 0.0);
-  EXPECT_EQ(round_to_even(2.500001), 3.0);
+  for (const auto& [x, whole] : {std::pair{2.5, 2.0}, {3.5, 4.0}, {-0.5, 0.0}, {2.500001, 3.0}}) {
+    EXPECT_EQ(round_to_even(x), whole) << x;
+  }
 }
 
 }  // namespace

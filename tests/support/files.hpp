@@ -1,0 +1,51 @@
+#pragma once
+
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <map>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace verdel::testing {
+
+inline std::string bytes_of(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+inline void write_bytes(const std::string& path, const std::string& bytes) {
+  std::ofstream(path, std::ios::binary) << bytes;
+}
+
+/// Everything under a folder, by its path from there: what a file holds, or "no file".
+inline std::map<std::string, std::string> contents_of(const std::string& folder) {
+  std::map<std::string, std::string> contents;
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(folder)) {
+    contents[entry.path().lexically_relative(folder).string()] =
+        entry.is_regular_file() ? bytes_of(entry.path().string()) : "no file";
+  }
+  return contents;
+}
+
+inline std::vector<std::string> lines_of(const std::string& text) {
+  std::vector<std::string> lines;
+  std::istringstream stream(text);
+  for (std::string line; std::getline(stream, line);) lines.push_back(line);
+  return lines;
+}
+
+/// The message of the failure of a kind that an action ends in; nothing where it ends well.
+template <class Failure>
+std::string failure_of(const std::function<void()>& action) {
+  try {
+    action();
+  } catch (const Failure& failure) {
+    return failure.what();
+  }
+  return "";
+}
+
+}  // namespace verdel::testing
