@@ -8,6 +8,7 @@
 #include <iterator>
 #include <set>
 #include <sstream>
+#include <tuple>
 
 #include "support/files.hpp"
 #include "support/number_text.hpp"
@@ -113,7 +114,10 @@ TEST(OptionParser, FillsTheFieldOfTheSameName) {
   std::istringstream words(
       "--mix m --bands 32 --gain-smooth 7 --sink a --sink b --low-resolution c --tilt 2 "
       "--quiet-gate-db -3 --excerpt-len 1 --rule lsq --rule corr --suggest-excerpt 9 --out o "
-      "--write-null --priority p --project pr --no-rep --gain-lookahead -2 --tap-gain joint");
+      "--write-null --priority p --project pr --no-rep --gain-lookahead -2 --tap-gain joint "
+      "--gain-window 11 --gain-attack 12 --gain-release 13 --band-couple 14 --bound 15 "
+      "--tail-strength 16 --tail-hold 17 --tap-bound 18 --joint-ridge 19 --joint-hop 20 "
+      "--excerpt-start 21 --alloc-window 22 --priority-share 23");
   const Arguments arguments(std::istream_iterator<std::string>(words), {});
   const auto options = parse_record(full(), option_table(), arguments);
   using Names = std::vector<std::string>;
@@ -124,6 +128,12 @@ TEST(OptionParser, FillsTheFieldOfTheSameName) {
   EXPECT_EQ(std::tie(o.bands, o.gain_smooth, o.gain_lookahead, o.tilt, o.sharpness, o.quiet_gate_db,
                      o.excerpt_len, o.suggest_excerpt),
             (std::tuple{32, 7.0, -2.0, 2.0, 1.0, -3.0, 1.0, 9.0}));
+  EXPECT_EQ(std::tie(o.gain_window, o.gain_attack, o.gain_release, o.band_couple, o.bound,
+                     o.tail_strength, o.tail_hold),
+            (std::tuple{11.0, 12.0, 13.0, 14.0, 15.0, 16.0, 17.0}));
+  EXPECT_EQ(std::tie(o.tap_bound, o.joint_ridge, o.joint_hop, o.excerpt_start, o.alloc_window,
+                     o.priority_share),
+            (std::tuple{18.0, 19.0, 20.0, 21.0, 22.0, 23.0}));
   EXPECT_EQ(std::tie(o.write_null, o.no_report, o.progress_json), (std::tuple{true, true, false}));
   EXPECT_EQ(std::tie(o.sink, o.low_resolution, o.priority),
             (std::tuple{Names{"a", "b"}, Names{"c"}, Names{"p"}}));

@@ -145,7 +145,8 @@ TEST(AudioFile, SaysWhatIsWrong) {
       {"", "“test” is empty."},
       {"OggS" + std::string(8, '\0'), "“test” is not a WAV, AIFF, FLAC or CAF file."}};
   for (const auto& [bytes, message] : kCases) {
-    EXPECT_THAT(failure_of<RuntimeError>([&] { decode(bytes); }), StartsWith(message));
+    EXPECT_THAT(failure_of<RuntimeError>([&, &sound = bytes] { decode(sound); }),
+                StartsWith(message));
   }
 }
 
