@@ -7,9 +7,9 @@
 #include <numeric>
 #include <vector>
 
-#include "support/ordered_prefetch.hpp"
 #include "allocation/scratch_pool.hpp"
 #include "allocation/worker_budgets.hpp"
+#include "support/ordered_prefetch.hpp"
 
 namespace verdel {
 namespace {

@@ -3,11 +3,11 @@
 #include <algorithm>
 #include <memory>
 
-#include "support/ordered_prefetch.hpp"
 #include "allocation/phases.hpp"
 #include "allocation/scratch_pool.hpp"
 #include "allocation/worker_budgets.hpp"
 #include "signal/multiversion.hpp"
+#include "support/ordered_prefetch.hpp"
 
 namespace verdel {
 namespace {
