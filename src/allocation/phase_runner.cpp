@@ -85,9 +85,9 @@ void PhaseRunner::score_sources() {
     const auto spectrum = spectra.lease();
     score_source(render_, index, *spectrum);
   });
-  render_.support_scores.flush();
-  render_.scores09.flush();
-  render_.scores10.flush();
+  render_.scratch.flush(render_.support_scores);
+  render_.scratch.flush(render_.scores09);
+  render_.scratch.flush(render_.scores10);
 }
 
 void PhaseRunner::render_all_endpoints() {
@@ -97,16 +97,16 @@ void PhaseRunner::render_all_endpoints() {
   sum_stems(render_.scores10, render_.total10);
   for_each_stem(stem_workers_, "verdel-c14-endpoint",
                 [&](std::size_t index) { render_endpoints(render_, index); });
-  render_.output09.flush();
-  render_.output10.flush();
+  render_.scratch.flush(render_.output09);
+  render_.scratch.flush(render_.output10);
   measure_allocated_residual(render_);
 }
 
 void PhaseRunner::project_stems() {
   for_each_stem(projection_workers_, "verdel-c14-project",
                 [&](std::size_t index) { project_stem(render_, index); });
-  render_.scores09.flush();
-  render_.scores10.flush();
+  render_.scratch.flush(render_.scores09);
+  render_.scratch.flush(render_.scores10);
   sum_stems(render_.scores09, render_.total09);
   sum_stems(render_.scores10, render_.total10);
 }
@@ -115,8 +115,8 @@ void PhaseRunner::build_histories() {
   render_.onsets = Array2D<double>::zeros(render_.stems(), render_.grid.frames());
   for_each_stem(stem_workers_, "verdel-c14-history",
                 [&](std::size_t index) { build_history(render_, index); });
-  render_.histories.flush();
-  render_.transient_histories.flush();
+  render_.scratch.flush(render_.histories);
+  render_.scratch.flush(render_.transient_histories);
 }
 
 void PhaseRunner::build_gate_of_all() {

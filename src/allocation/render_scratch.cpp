@@ -11,6 +11,14 @@ std::size_t stored_cells(std::size_t samples) {
   return CellGrid(spectrum_frames(samples)).stored_cells();
 }
 
+/// Whether the seven arrays take more than this share of memory; a system begins to write back by
+/// itself at about a tenth.
+bool is_large(const Machine& machine, std::size_t stems, std::size_t samples) {
+  constexpr std::size_t kShare = 8;
+  const std::size_t bytes = stems * (5 * stored_cells(samples) + 2 * samples) * sizeof(float);
+  return bytes > machine.physical_memory() / kShare;
+}
+
 }  // namespace
 
 RenderScratch::RenderScratch(const Machine& machine, std::size_t stems, std::size_t samples,
@@ -27,7 +35,8 @@ RenderScratch::RenderScratch(const Machine& machine, std::size_t stems, std::siz
       residual_then_gate(stored_cells(samples)),
       spectrum_then_history(stored_cells(samples)),
       power_then_total09(stored_cells(samples)),
-      spectrum_then_total10(stored_cells(samples)) {
+      spectrum_then_total10(stored_cells(samples)),
+      large_(is_large(machine, stems, samples)) {
   assert(scoring_workers <= kMostScoringSpectra);
   for (std::size_t worker = 2; worker < scoring_workers; ++worker) {
     further_spectra_.emplace_back(stored_cells(samples));

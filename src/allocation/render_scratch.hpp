@@ -46,6 +46,14 @@ class RenderScratch {
   RenderScratch(const Machine& machine, std::size_t stems, std::size_t samples,
                 std::size_t scoring_workers);
 
+  /// Starts to write an array back that a phase has finished, if the arrays are large for this
+  /// machine's memory. Elsewhere that is left to the system: a page that was written back faults
+  /// again, and may be waited for, when the next phase or interval writes to it, which has been
+  /// seen to double a render's time.
+  void flush(MappedArray& array) const {
+    if (large_) array.flush();
+  }
+
   /// The buffer in which one scoring thread keeps its stem's spectrum.
   CellBuffer& scoring_spectrum(std::size_t worker);
 
@@ -64,6 +72,7 @@ class RenderScratch {
 
  private:
   std::vector<CellBuffer> further_spectra_;
+  bool large_;
 };
 
 }  // namespace verdel

@@ -237,7 +237,8 @@ TEST(ChannelRender, RefusesWhatDoesNotFit) {
 
 TEST(ChannelRender, LeavesNoDirectoryBehindOnAnyRoad) {
   const testing::TemporaryFolder folder;
-  const Machine machine = machine_with(2, folder.path());
+  Machine machine = machine_with(2, folder.path());
+  machine.physical_memory = [] { return std::uint64_t{1} << 20U; };  // scratch is written back
   const TestSong song = test_song(4096, 44100);
   ChannelJob job = song.job();
   std::size_t directories = 0;
