@@ -61,6 +61,18 @@ void transform_windowed(const SpectralTransform& transform, std::size_t frame, s
   transform.fourier().forward(time, buffers.spectrum.data());
 }
 
+template <class Subtrahend>
+void transform_difference(const SpectralTransform& transform, std::span<const float> minuend,
+                          std::span<const Subtrahend> subtrahend, std::size_t frame,
+                          FrameBuffers& buffers) {
+  assert(minuend.size() == subtrahend.size());
+  transform_windowed(transform, frame, minuend.size(), buffers,
+                     [&](std::size_t index, std::size_t position, std::size_t count, double* time) {
+                       window_difference(minuend.data() + index, subtrahend.data() + index,
+                                         transform.analysis_window() + position, count, time);
+                     });
+}
+
 }  // namespace
 
 SpectralTransform::SpectralTransform()
@@ -106,23 +118,13 @@ void transform_frame(const SpectralTransform& transform, std::span<const double>
 void transform_frame_difference(const SpectralTransform& transform, std::span<const float> minuend,
                                 std::span<const double> subtrahend, std::size_t frame,
                                 FrameBuffers& buffers) {
-  assert(minuend.size() == subtrahend.size());
-  transform_windowed(transform, frame, minuend.size(), buffers,
-                     [&](std::size_t index, std::size_t position, std::size_t count, double* time) {
-                       window_difference(minuend.data() + index, subtrahend.data() + index,
-                                         transform.analysis_window() + position, count, time);
-                     });
+  transform_difference(transform, minuend, subtrahend, frame, buffers);
 }
 
 void transform_frame_difference(const SpectralTransform& transform, std::span<const float> minuend,
                                 std::span<const float> subtrahend, std::size_t frame,
                                 FrameBuffers& buffers) {
-  assert(minuend.size() == subtrahend.size());
-  transform_windowed(transform, frame, minuend.size(), buffers,
-                     [&](std::size_t index, std::size_t position, std::size_t count, double* time) {
-                       window_difference(minuend.data() + index, subtrahend.data() + index,
-                                         transform.analysis_window() + position, count, time);
-                     });
+  transform_difference(transform, minuend, subtrahend, frame, buffers);
 }
 
 void store_frame(const CellGrid& grid, std::size_t frame, const FrameBuffers& buffers,

@@ -33,7 +33,7 @@ struct AudioContainer {
 ///
 /// Throws RuntimeError if the file is none of these, holds no audio, or promises more audio than it
 /// has. The chunk layouts are those of the RIFF and AIFF-C documents, EBU Tech 3306 and ITU-R
-/// BS.2088 (64-bit WAV), and Apple's CAF specification.
+/// BS.2088 (64-bit WAV), and the description of CAF by its maker.
 AudioContainer read_audio_container(const ByteSource& source, const std::string& path);
 
 }  // namespace verdel
