@@ -1,15 +1,14 @@
 #include "allocation/onset_history.hpp"
 #include "allocation/phases.hpp"
-#include "signal/multiversion.hpp"
+#include "signal/instruction_sets.hpp"
 
 namespace verdel {
 namespace {
 
 // The stem's share of one frame of a tile, as interleaved bins ready for the inverse transform.
-VERDEL_MULTIVERSION
-void share_columns(const float* __restrict scores, const double* __restrict totals,
-                   const float* __restrict residual, std::size_t columns, double equal_share,
-                   double* __restrict bins) {
+VERDEL_INLINE void share_columns(const float* __restrict scores, const double* __restrict totals,
+                                 const float* __restrict residual, std::size_t columns,
+                                 double equal_share, double* __restrict bins) {
   const float* __restrict imaginary = residual + columns;
   for (std::size_t b = 0; b < columns; ++b) {
     const double share =
@@ -24,9 +23,9 @@ void share_frame(const ChannelRender& render, std::span<const float> scores,
   const double equal_share = 1.0 / static_cast<double>(render.stems());
   for (std::size_t tile = 0; tile < CellGrid::kTiles; ++tile) {
     const std::size_t at = render.grid.offset(tile, frame);
-    share_columns(scores.data() + at, totals.data() + at, render.residual_spectrum.data() + 2 * at,
-                  CellGrid::columns(tile), equal_share,
-                  buffers.bins() + 2 * CellGrid::first_bin(tile));
+    run_kernel<share_columns>(scores.data() + at, totals.data() + at,
+                              render.residual_spectrum.data() + 2 * at, CellGrid::columns(tile),
+                              equal_share, buffers.bins() + 2 * CellGrid::first_bin(tile));
   }
 }
 

@@ -7,7 +7,7 @@
 
 #include "allocation/c14_constants.hpp"
 #include "allocation/cell_grid.hpp"
-#include "signal/multiversion.hpp"
+#include "signal/instruction_sets.hpp"
 
 namespace verdel {
 namespace {
@@ -26,9 +26,8 @@ VERDEL_INLINE void raise(double* __restrict peak, const double* __restrict candi
 }
 
 // One frame of a tile. Most frames lie behind no onset: their product is left out.
-VERDEL_MULTIVERSION
-void history_frame(const Past* pasts, std::size_t count, std::size_t columns,
-                   float* __restrict history, float* __restrict gated_history) {
+VERDEL_INLINE void history_frame(const Past* pasts, std::size_t count, std::size_t columns,
+                                 float* __restrict history, float* __restrict gated_history) {
   alignas(64) double peak[CellGrid::kTileBins] = {};
   alignas(64) double gated_peak[CellGrid::kTileBins] = {};
   alignas(64) double faded[CellGrid::kTileBins];
@@ -79,7 +78,8 @@ void _c14_history(const float* current, std::span<const double> onset, std::size
       const std::size_t earlier = t - C14_HISTORY_DELAYS[count];
       pasts[count] = {current + earlier * columns, decays[count], onset[earlier]};
     }
-    history_frame(pasts.data(), count, columns, history + t * columns, gated_history + t * columns);
+    run_kernel<history_frame>(pasts.data(), count, columns, history + t * columns,
+                              gated_history + t * columns);
   }
 }
 

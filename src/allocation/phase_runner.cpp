@@ -6,14 +6,14 @@
 #include "allocation/phases.hpp"
 #include "allocation/scratch_pool.hpp"
 #include "allocation/worker_budgets.hpp"
-#include "signal/multiversion.hpp"
+#include "signal/instruction_sets.hpp"
 #include "support/ordered_prefetch.hpp"
 
 namespace verdel {
 namespace {
 
-VERDEL_MULTIVERSION
-void add_cells(const float* __restrict stored, std::size_t count, double* __restrict totals) {
+VERDEL_INLINE void add_cells(const float* __restrict stored, std::size_t count,
+                             double* __restrict totals) {
   for (std::size_t i = 0; i < count; ++i) totals[i] += static_cast<double>(stored[i]);
 }
 
@@ -59,7 +59,7 @@ void PhaseRunner::sum_stems(const MappedArray& stored, std::span<double> totals)
     const std::size_t count = render_.grid.frames() * CellGrid::columns(tile);
     std::fill_n(totals.data() + at, count, 0.0);
     for (std::size_t index = 0; index < render_.stems(); ++index) {
-      add_cells(stored.row(index).data() + at, count, totals.data() + at);
+      run_kernel<add_cells>(stored.row(index).data() + at, count, totals.data() + at);
     }
   });
 }

@@ -5,16 +5,16 @@
 
 #include "allocation/onset_history.hpp"
 #include "allocation/phases.hpp"
-#include "signal/multiversion.hpp"
+#include "signal/instruction_sets.hpp"
 
 // Coherence compares nine frames of stem and residual in one bin, the stem up to 144 frames
-// earlier. A tile's bins are taken sixteen at a time, and all ten lags of those run through time
-// together: their window sums then stay in the nearest cache, and each frame is loaded once from
-// the one behind it.
+// earlier. A tile is worked off in blocks of frames that stay in the near cache while all ten lags
+// go over them, sixteen bins at a time.
 namespace verdel {
 namespace {
 
 constexpr std::size_t kLanes = 16;
+constexpr std::size_t kBlockFrames = 48;
 constexpr std::size_t kLags = C14_HISTORY_DELAYS.size() + 1;  // lag 0 and the delays
 constexpr auto kWindow = static_cast<std::ptrdiff_t>(C14_COHERENCE_SMOOTH_FRAMES);
 constexpr std::ptrdiff_t kReach = kWindow / 2;
@@ -23,9 +23,9 @@ constexpr auto kFloor = static_cast<float>(C14_POWER_FLOOR);
 static_assert(kWindow == 9, "NineFrameSum adds three sums of three");
 static_assert(C14_SUPPORT_EXPONENT == 0.75, "support is a root times a root of a root");
 
-// The past that a column must keep in reach: stem powers of the last kPast frames.
+// The stem powers that the lags look back to.
 constexpr std::size_t kPast = 256;
-static_assert(kPast > C14_HISTORY_DELAYS.back() && (kPast & (kPast - 1)) == 0);
+static_assert(kPast >= C14_HISTORY_DELAYS.back() + kBlockFrames && (kPast & (kPast - 1)) == 0);
 
 // The sum of the last nine values of each lane, as three sums of three. It holds nothing of what
 // has left the window, and it adds in the same order wherever the window stands: an interval's
@@ -100,16 +100,17 @@ VERDEL_INLINE float coherence_squared(float cross_real, float cross_imaginary, f
   return ratio < 1.0F ? ratio : 1.0F;
 }
 
-// One row of a column at one moment.
+// Averages of sixteen bins around one frame of the residual, and of the stem's frame that it is
+// compared with.
 struct Moment {
-  const float* cross_real;
-  const float* cross_imaginary;
+  alignas(64) float cross_real[kLanes];
+  alignas(64) float cross_imaginary[kLanes];
   const float* stem_power;
   const float* residual_power;
 };
 
-VERDEL_INLINE void present_scores(const Moment& now, const float* __restrict support,
-                                  float* __restrict lagged, float* __restrict persistent) {
+VERDEL_INLINE void begin_scores(const Moment& now, const float* __restrict support,
+                                float* __restrict lagged, float* __restrict persistent) {
   for (std::size_t b = 0; b < kLanes; ++b) {
     const float square = coherence_squared(now.cross_real[b], now.cross_imaginary[b],
                                            now.stem_power[b], now.residual_power[b]);
@@ -145,14 +146,36 @@ struct ScoringTile {
   float* persistent;
   std::array<std::size_t, kLags> delay;
   std::array<float, kLags> decay;
+
+  // The same from a column on.
+  VERDEL_INLINE ScoringTile from_column(std::size_t column) const {
+    ScoringTile part = *this;
+    part.stem += column;
+    part.residual += column;
+    part.residual_power += column;
+    part.support += column;
+    part.lagged += column;
+    part.persistent += column;
+    return part;
+  }
 };
 
-// The state of sixteen bins on their way through time.
-struct alignas(64) ScoringColumn {
-  float support_power[C14_SUPPORT_SMOOTH_FRAMES][kLanes];  // ring of squared magnitudes
+// The sums of sixteen bins on their way through time.
+struct CrossSums {
+  NineFrameSum real, imaginary;
+};
+struct BinState {
   NineFrameSum power;
-  NineFrameSum cross_real[kLags], cross_imaginary[kLags];
-  float stem_power[kPast][kLanes];  // ring of smoothed powers
+  CrossSums cross[kLags];
+  alignas(64) float support_power[C14_SUPPORT_SMOOTH_FRAMES][kLanes];  // ring of squared magnitudes
+  alignas(64) float stem_power[kPast][kLanes];                         // ring of smoothed powers
+};
+struct TileState {
+  BinState bins[CellGrid::kTileBins / kLanes];
+};
+
+struct FrameRange {
+  std::size_t first, stop;
 };
 
 VERDEL_INLINE std::size_t clamp_frame(std::ptrdiff_t frame, std::size_t frames) {
@@ -160,43 +183,46 @@ VERDEL_INLINE std::size_t clamp_frame(std::ptrdiff_t frame, std::size_t frames) 
   return static_cast<std::size_t>(frame < 0 ? 0 : frame > last ? last : frame);
 }
 
-// The stem's products with the residual `delay` frames later, at stem frame u; beyond the ends of
-// the frames that have a partner the end's product stands.
-VERDEL_INLINE void delayed_products(const ScoringTile& tile, std::size_t column, std::size_t delay,
-                                    std::ptrdiff_t u, float* real, float* imaginary) {
-  const std::size_t frame = clamp_frame(u, tile.frames - delay);
-  const std::size_t row = 2 * tile.columns;
-  cross_products(tile.stem + frame * row + column, tile.residual + (frame + delay) * row + column,
-                 tile.columns, real, imaginary);
+// A value for frame u enters the windows at moment u + kReach.
+VERDEL_INLINE Slots slots_of(std::ptrdiff_t frame) {
+  return Slots(static_cast<std::size_t>(frame + kReach));
 }
 
-// Fills the windows of a lag up to just before its first frame, stem frame 0 at moment `first`.
-VERDEL_INLINE void prime_lag(const ScoringTile& tile, std::size_t column, std::size_t lag,
-                             std::size_t first, ScoringColumn& state) {
+VERDEL_INLINE void stem_power_at(const ScoringTile& tile, std::ptrdiff_t frame, float* power) {
+  squared_magnitudes(tile.stem + clamp_frame(frame, tile.frames) * 2 * tile.columns, tile.columns,
+                     power);
+}
+
+// Fills the windows of the stem's power up to just before frame 0.
+VERDEL_INLINE void prime_powers(const ScoringTile& tile, BinState& state) {
+  alignas(64) float power[kLanes];
+  for (std::ptrdiff_t frame = -kReach; frame < kReach; ++frame) {
+    stem_power_at(tile, frame, power);
+    push(state.power, slots_of(frame), power);
+  }
+  for (std::ptrdiff_t frame = -kSupportReach; frame < kSupportReach; ++frame) {
+    stem_power_at(tile, frame, state.support_power[frame + kSupportReach]);
+  }
+}
+
+// The products of a lag: the stem's bins with the residual's of `delay` frames later. Beyond the
+// frames that have a partner the end's product stands. Fills the windows up to just before the
+// lag's first frame.
+VERDEL_INLINE void prime_lag(const ScoringTile& tile, std::size_t delay, CrossSums& sums) {
   alignas(64) float real[kLanes];
   alignas(64) float imaginary[kLanes];
+  const std::size_t row = 2 * tile.columns;
   for (std::ptrdiff_t u = -kReach; u < kReach; ++u) {
-    const Slots slots(first + static_cast<std::size_t>(kReach + u));
-    delayed_products(tile, column, tile.delay[lag], u, real, imaginary);
-    push(state.cross_real[lag], slots, real);
-    push(state.cross_imaginary[lag], slots, imaginary);
+    const std::size_t frame = clamp_frame(u, tile.frames - delay);
+    const Slots slots = slots_of(u + static_cast<std::ptrdiff_t>(delay));
+    cross_products(tile.stem + frame * row, tile.residual + (frame + delay) * row, tile.columns,
+                   real, imaginary);
+    push(sums.real, slots, real);
+    push(sums.imaginary, slots, imaginary);
   }
 }
 
-VERDEL_INLINE void prime_powers(const ScoringTile& tile, std::size_t column, ScoringColumn& state) {
-  alignas(64) float power[kLanes];
-  for (std::ptrdiff_t u = -kReach; u < kReach; ++u) {
-    const float* frame = tile.stem + clamp_frame(u, tile.frames) * 2 * tile.columns + column;
-    squared_magnitudes(frame, tile.columns, power);
-    push(state.power, Slots(static_cast<std::size_t>(kReach + u)), power);
-    // The shorter window of the support holds frames -2 .. 1 before frame 2 enters at moment 0.
-    if (u >= -kSupportReach && u < kSupportReach) {
-      std::copy_n(power, kLanes, state.support_power[static_cast<std::size_t>(u + kSupportReach)]);
-    }
-  }
-}
-
-VERDEL_INLINE void smooth_support(const ScoringColumn& state, std::size_t newest,
+VERDEL_INLINE void smooth_support(const BinState& state, std::size_t newest,
                                   float* __restrict support) {
   // From the oldest on, so that the order of addition goes with the window, not with the ring.
   const float* row[C14_SUPPORT_SMOOTH_FRAMES];
@@ -213,82 +239,79 @@ VERDEL_INLINE void smooth_support(const ScoringColumn& state, std::size_t newest
   }
 }
 
-VERDEL_INLINE void score_column(const ScoringTile& tile, std::size_t column, ScoringColumn& state) {
+// The stem's smoothed power and its support in the frames of the block.
+VERDEL_INLINE void score_support(const ScoringTile& tile, FrameRange block, BinState& state) {
   alignas(64) float power[kLanes];
+  for (std::size_t t = block.first; t < block.stop; ++t) {
+    const auto now = static_cast<std::ptrdiff_t>(t);
+    stem_power_at(tile, now + kReach, power);
+    push_and_average(state.power, slots_of(now + kReach), power, state.stem_power[t % kPast]);
+    const std::size_t newest = (t + 2 * kSupportReach) % C14_SUPPORT_SMOOTH_FRAMES;
+    stem_power_at(tile, now + kSupportReach, state.support_power[newest]);
+    smooth_support(state, newest, tile.support + t * tile.columns);
+  }
+}
+
+// What the stem of `delay` frames ago claims of the frames of the block. Lag 0 begins the scores,
+// each further one can only raise them.
+VERDEL_INLINE void score_lag(const ScoringTile& tile, std::size_t lag, FrameRange block,
+                             BinState& state) {
+  const std::size_t delay = tile.delay[lag], columns = tile.columns;
+  if (block.stop <= delay) return;
+  CrossSums& sums = state.cross[lag];
+  if (block.first <= delay) prime_lag(tile, delay, sums);
   alignas(64) float real[kLanes];
   alignas(64) float imaginary[kLanes];
-  alignas(64) float average_real[kLanes];
-  alignas(64) float average_imaginary[kLanes];
-  alignas(64) float lagged[kLanes];
-  alignas(64) float persistent[kLanes];
-  prime_powers(tile, column, state);
-  for (std::size_t t = 0; t < tile.frames; ++t) {
-    // A lag's first frame enters eight moments after the first one that it was primed with.
-    const Slots slots(t + static_cast<std::size_t>(kWindow) - 1);
-    const auto now = static_cast<std::ptrdiff_t>(t);
-    const std::size_t at = t * tile.columns + column;
-
-    const std::size_t ahead = clamp_frame(now + kSupportReach, tile.frames);
-    const std::size_t newest = (t + 2 * kSupportReach) % C14_SUPPORT_SMOOTH_FRAMES;
-    squared_magnitudes(tile.stem + ahead * 2 * tile.columns + column, tile.columns,
-                       state.support_power[newest]);
-    float* support = tile.support + at;
-    smooth_support(state, newest, support);
-
-    const std::size_t entering = clamp_frame(now + kReach, tile.frames);
-    squared_magnitudes(tile.stem + entering * 2 * tile.columns + column, tile.columns, power);
-    push_and_average(state.power, slots, power, state.stem_power[t % kPast]);
-
-    for (std::size_t lag = 0; lag < kLags && tile.delay[lag] <= t; ++lag) {
-      const std::size_t earlier = t - tile.delay[lag];
-      if (earlier == 0) {
-        prime_lag(tile, column, lag, t, state);
-      }
-      delayed_products(tile, column, tile.delay[lag], static_cast<std::ptrdiff_t>(earlier) + kReach,
-                       real, imaginary);
-      push_and_average(state.cross_real[lag], slots, real, average_real);
-      push_and_average(state.cross_imaginary[lag], slots, imaginary, average_imaginary);
-      const Moment moment{.cross_real = average_real,
-                          .cross_imaginary = average_imaginary,
-                          .stem_power = state.stem_power[earlier % kPast],
-                          .residual_power = tile.residual_power + at};
-      if (lag == 0) {
-        present_scores(moment, support, lagged, persistent);
-      } else {
-        raise_scores(moment, tile.decay[lag], tile.support + earlier * tile.columns + column,
-                     support, lagged, persistent);
-      }
+  Moment moment;
+  for (std::size_t t = std::max(block.first, delay); t < block.stop; ++t) {
+    const std::size_t entering = std::min(t + std::size_t{kReach}, tile.frames - 1);
+    const Slots slots(t + 2 * std::size_t{kReach});
+    cross_products(tile.stem + (entering - delay) * 2 * columns,
+                   tile.residual + entering * 2 * columns, columns, real, imaginary);
+    push_and_average(sums.real, slots, real, moment.cross_real);
+    push_and_average(sums.imaginary, slots, imaginary, moment.cross_imaginary);
+    const std::size_t earlier = t - delay, at = t * columns;
+    moment.stem_power = state.stem_power[earlier % kPast];
+    moment.residual_power = tile.residual_power + at;
+    if (lag == 0) {
+      begin_scores(moment, tile.support + at, tile.lagged + at, tile.persistent + at);
+    } else {
+      raise_scores(moment, tile.decay[lag], tile.support + earlier * columns, tile.support + at,
+                   tile.lagged + at, tile.persistent + at);
     }
-    std::copy_n(lagged, kLanes, tile.lagged + at);
-    std::copy_n(persistent, kLanes, tile.persistent + at);
   }
 }
 
-VERDEL_MULTIVERSION
-void score_tile(const ScoringTile& tile, ScoringColumn& state) {
-  for (std::size_t column = 0; column < tile.columns; column += kLanes) {
-    score_column(tile, column, state);
+VERDEL_INLINE void score_tile(const ScoringTile& tile, TileState& state) {
+  for (std::size_t first = 0; first < tile.frames; first += kBlockFrames) {
+    const FrameRange block = {first, std::min(first + kBlockFrames, tile.frames)};
+    for (std::size_t column = 0; column < tile.columns; column += kLanes) {
+      const ScoringTile part = tile.from_column(column);
+      BinState& bins = state.bins[column / kLanes];
+      if (first == 0) prime_powers(part, bins);
+      score_support(part, block, bins);
+      for (std::size_t lag = 0; lag < kLags; ++lag) score_lag(part, lag, block, bins);
+    }
   }
 }
 
-VERDEL_MULTIVERSION
-void smooth_power_tile(const float* spectrum, std::size_t frames, std::size_t columns,
-                       float* smoothed) {
+VERDEL_INLINE void smooth_power_tile(const float* spectrum, std::size_t frames, std::size_t columns,
+                                     float* smoothed) {
   alignas(64) float power[kLanes];
   NineFrameSum sum{};
+  ScoringTile tile{};
+  tile.frames = frames;
+  tile.columns = columns;
   for (std::size_t column = 0; column < columns; column += kLanes) {
-    const auto power_at = [&](std::ptrdiff_t frame) {
-      squared_magnitudes(spectrum + clamp_frame(frame, frames) * 2 * columns + column, columns,
-                         power);
-    };
-    for (std::ptrdiff_t u = -kReach; u < kReach; ++u) {
-      power_at(u);
-      push(sum, Slots(static_cast<std::size_t>(kReach + u)), power);
+    tile.stem = spectrum + column;
+    for (std::ptrdiff_t frame = -kReach; frame < kReach; ++frame) {
+      stem_power_at(tile, frame, power);
+      push(sum, slots_of(frame), power);
     }
     for (std::size_t t = 0; t < frames; ++t) {
-      power_at(static_cast<std::ptrdiff_t>(t) + kReach);
-      push_and_average(sum, Slots(t + static_cast<std::size_t>(kWindow) - 1), power,
-                       smoothed + t * columns + column);
+      const std::ptrdiff_t entering = static_cast<std::ptrdiff_t>(t) + kReach;
+      stem_power_at(tile, entering, power);
+      push_and_average(sum, slots_of(entering), power, smoothed + t * columns + column);
     }
   }
 }
@@ -296,8 +319,8 @@ void smooth_power_tile(const float* spectrum, std::size_t frames, std::size_t co
 }  // namespace
 
 void smooth_power(const CellGrid& grid, std::size_t tile, const float* spectrum, float* power) {
-  smooth_power_tile(spectrum + 2 * grid.offset(tile, 0), grid.frames(), CellGrid::columns(tile),
-                    power + grid.offset(tile, 0));
+  run_kernel<smooth_power_tile>(spectrum + 2 * grid.offset(tile, 0), grid.frames(),
+                                CellGrid::columns(tile), power + grid.offset(tile, 0));
 }
 
 void score_source(ChannelRender& render, std::size_t index, std::span<float> spectrum) {
@@ -312,7 +335,7 @@ void score_source(ChannelRender& render, std::size_t index, std::span<float> spe
     tile.delay[lag] = C14_HISTORY_DELAYS[lag - 1];
     tile.decay[lag] = static_cast<float>(history_decay(tile.delay[lag], render.job.sr));
   }
-  const auto state = std::make_unique<ScoringColumn>();
+  const auto state = std::make_unique<TileState>();
   for (std::size_t t = 0; t < CellGrid::kTiles; ++t) {
     render.stop.check();
     const std::size_t offset = grid.offset(t, 0);
@@ -323,7 +346,7 @@ void score_source(ChannelRender& render, std::size_t index, std::span<float> spe
     tile.support = render.support_scores.row(index).data() + offset;
     tile.lagged = render.scores09.row(index).data() + offset;
     tile.persistent = render.scores10.row(index).data() + offset;
-    score_tile(tile, *state);
+    run_kernel<score_tile>(tile, *state);
   }
 }
 

@@ -1,6 +1,6 @@
 #include "allocation/spectral_transform.hpp"
 
-#include "signal/multiversion.hpp"
+#include "signal/instruction_sets.hpp"
 #include "signal/windows.hpp"
 
 namespace verdel {
@@ -8,37 +8,27 @@ namespace {
 
 constexpr std::size_t kHalfFrame = C14_FFT_SIZE / 2;
 
-VERDEL_MULTIVERSION
-void window_signal(const double* __restrict signal, const double* __restrict window,
-                   std::size_t count, double* __restrict time) {
+VERDEL_INLINE void window_signal(const double* __restrict signal, const double* __restrict window,
+                                 std::size_t count, double* __restrict time) {
   for (std::size_t n = 0; n < count; ++n) time[n] = signal[n] * window[n];
 }
 
-VERDEL_MULTIVERSION
-void window_difference(const float* __restrict a, const double* __restrict b,
-                       const double* __restrict window, std::size_t count,
-                       double* __restrict time) {
-  for (std::size_t n = 0; n < count; ++n) time[n] = (static_cast<double>(a[n]) - b[n]) * window[n];
-}
-
-VERDEL_MULTIVERSION
-void window_difference(const float* __restrict a, const float* __restrict b,
-                       const double* __restrict window, std::size_t count,
-                       double* __restrict time) {
+template <class Subtrahend>
+VERDEL_INLINE void window_difference(const float* __restrict a, const Subtrahend* __restrict b,
+                                     const double* __restrict window, std::size_t count,
+                                     double* __restrict time) {
   for (std::size_t n = 0; n < count; ++n) {
     time[n] = (static_cast<double>(a[n]) - static_cast<double>(b[n])) * window[n];
   }
 }
 
-VERDEL_MULTIVERSION
-void add_windowed(const double* __restrict time, const double* __restrict window, std::size_t count,
-                  double* __restrict sums) {
+VERDEL_INLINE void add_windowed(const double* __restrict time, const double* __restrict window,
+                                std::size_t count, double* __restrict sums) {
   for (std::size_t n = 0; n < count; ++n) sums[n] += time[n] * window[n];
 }
 
-VERDEL_MULTIVERSION
-void split_columns(const double* __restrict bins, std::size_t columns, float* __restrict real,
-                   float* __restrict imaginary) {
+VERDEL_INLINE void split_columns(const double* __restrict bins, std::size_t columns,
+                                 float* __restrict real, float* __restrict imaginary) {
   for (std::size_t k = 0; k < columns; ++k) {
     real[k] = static_cast<float>(bins[2 * k]);
     imaginary[k] = static_cast<float>(bins[2 * k + 1]);
@@ -68,8 +58,9 @@ void transform_difference(const SpectralTransform& transform, std::span<const fl
   assert(minuend.size() == subtrahend.size());
   transform_windowed(transform, frame, minuend.size(), buffers,
                      [&](std::size_t index, std::size_t position, std::size_t count, double* time) {
-                       window_difference(minuend.data() + index, subtrahend.data() + index,
-                                         transform.analysis_window() + position, count, time);
+                       run_kernel<window_difference<Subtrahend>>(
+                           minuend.data() + index, subtrahend.data() + index,
+                           transform.analysis_window() + position, count, time);
                      });
 }
 
@@ -110,8 +101,9 @@ void transform_frame(const SpectralTransform& transform, std::span<const double>
                      std::size_t frame, FrameBuffers& buffers) {
   transform_windowed(transform, frame, source.size(), buffers,
                      [&](std::size_t index, std::size_t position, std::size_t count, double* time) {
-                       window_signal(source.data() + index, transform.analysis_window() + position,
-                                     count, time);
+                       run_kernel<window_signal>(source.data() + index,
+                                                 transform.analysis_window() + position, count,
+                                                 time);
                      });
 }
 
@@ -133,7 +125,7 @@ void store_frame(const CellGrid& grid, std::size_t frame, const FrameBuffers& bu
   for (std::size_t tile = 0; tile < CellGrid::kTiles; ++tile) {
     const std::size_t columns = CellGrid::columns(tile);
     float* row = spectrum + 2 * grid.offset(tile, frame);
-    split_columns(bins + 2 * CellGrid::first_bin(tile), columns, row, row + columns);
+    run_kernel<split_columns>(bins + 2 * CellGrid::first_bin(tile), columns, row, row + columns);
   }
 }
 
@@ -157,8 +149,8 @@ void OverlapAdd::accumulate(FrameBuffers& buffers) {
   const std::size_t start = (row_ % kBlocks) * C14_HOP;
   const std::size_t head = C14_FFT_SIZE - start;
   const double* window = transform_.synthesis_window();
-  add_windowed(time, window, head, sums_.data() + start);
-  add_windowed(time + head, window + head, start, sums_.data());
+  run_kernel<add_windowed>(time, window, head, sums_.data() + start);
+  run_kernel<add_windowed>(time + head, window + head, start, sums_.data());
 }
 
 std::pair<std::size_t, std::span<const double>> OverlapAdd::take_row() {

@@ -1,13 +1,13 @@
 #include <algorithm>
 
 #include "allocation/phases.hpp"
-#include "signal/multiversion.hpp"
+#include "signal/instruction_sets.hpp"
 
 namespace verdel {
 namespace {
 
-VERDEL_MULTIVERSION
-void weigh_columns(const double* __restrict gate, std::size_t columns, double* __restrict bins) {
+VERDEL_INLINE void weigh_columns(const double* __restrict gate, std::size_t columns,
+                                 double* __restrict bins) {
   for (std::size_t b = 0; b < columns; ++b) {
     bins[2 * b] *= gate[b];
     bins[2 * b + 1] *= gate[b];
@@ -16,8 +16,9 @@ void weigh_columns(const double* __restrict gate, std::size_t columns, double* _
 
 void weigh_frame(const ChannelRender& render, std::size_t frame, FrameBuffers& buffers) {
   for (std::size_t tile = 0; tile < CellGrid::kTiles; ++tile) {
-    weigh_columns(render.gate.data() + render.grid.offset(tile, frame), CellGrid::columns(tile),
-                  buffers.bins() + 2 * CellGrid::first_bin(tile));
+    run_kernel<weigh_columns>(render.gate.data() + render.grid.offset(tile, frame),
+                              CellGrid::columns(tile),
+                              buffers.bins() + 2 * CellGrid::first_bin(tile));
   }
 }
 

@@ -1,5 +1,5 @@
 #include "allocation/phases.hpp"
-#include "signal/multiversion.hpp"
+#include "signal/instruction_sets.hpp"
 
 namespace verdel {
 namespace {
@@ -7,9 +7,8 @@ namespace {
 // A share that varies from cell to cell smears through the inverse transform; this is what really
 // arrived: the real part of added * conj(residual) over the residual's power, 0 if it works
 // against the residual.
-VERDEL_MULTIVERSION
-void project_columns(const double* __restrict added, const float* __restrict residual,
-                     std::size_t columns, float* __restrict scores) {
+VERDEL_INLINE void project_columns(const double* __restrict added, const float* __restrict residual,
+                                   std::size_t columns, float* __restrict scores) {
   const float* __restrict residual_i = residual + columns;
   for (std::size_t b = 0; b < columns; ++b) {
     const float power = residual[b] * residual[b] + residual_i[b] * residual_i[b];
@@ -30,9 +29,9 @@ void project_endpoint(const ChannelRender& render, std::span<const float> output
     transform_frame_difference(render.transform, output, source, frame, buffers);
     for (std::size_t tile = 0; tile < CellGrid::kTiles; ++tile) {
       const std::size_t at = render.grid.offset(tile, frame);
-      project_columns(buffers.bins() + 2 * CellGrid::first_bin(tile),
-                      render.residual_spectrum.data() + 2 * at, CellGrid::columns(tile),
-                      scores.data() + at);
+      run_kernel<project_columns>(buffers.bins() + 2 * CellGrid::first_bin(tile),
+                                  render.residual_spectrum.data() + 2 * at, CellGrid::columns(tile),
+                                  scores.data() + at);
     }
   }
 }

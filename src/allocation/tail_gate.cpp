@@ -3,7 +3,7 @@
 #include <vector>
 
 #include "allocation/phases.hpp"
-#include "signal/multiversion.hpp"
+#include "signal/instruction_sets.hpp"
 
 namespace verdel {
 namespace {
@@ -84,8 +84,7 @@ VERDEL_INLINE bool may_open(const GateFrame& frame, std::size_t first) {
 static_assert(C14_TAIL_RATIO_LOW > 1.99 && C14_DOMINANCE_LOW > 0.59 &&
               C14_TRANSIENT_SHARE_LOW > 0.19 && C14_LATER_RATIO_HIGH < 0.91);
 
-VERDEL_MULTIVERSION
-void gate_frame(const GateFrame& frame, std::size_t first, std::size_t columns) {
+VERDEL_INLINE void gate_frame(const GateFrame& frame, std::size_t first, std::size_t columns) {
   for (std::size_t stretch = first; stretch < columns; stretch += kStretch) {
     if (may_open(frame, stretch)) raise_gate(frame, stretch);
   }
@@ -170,18 +169,19 @@ void build_gate(ChannelRender& render, std::size_t index, std::size_t tile) {
     for (std::size_t frame = first; frame < stop; ++frame) {
       if (behind[frame] == 0) continue;
       const std::size_t at = grid.offset(tile, frame);
-      gate_frame({.scores09 = std::as_const(render.scores09).row(index).data() + at,
-                  .scores10 = std::as_const(render.scores10).row(index).data() + at,
-                  .total09 = render.total09.data() + at,
-                  .total10 = render.total10.data() + at,
-                  .present = present + at,
-                  .history = std::as_const(render.histories).row(index).data() + at,
-                  .transient = std::as_const(render.transient_histories).row(index).data() + at,
-                  .later = later.row(frame - first),
-                  .history_total = render.history_total.data() + at,
-                  .bass_fade = fade.data(),
-                  .gate = render.gate.data() + at},
-                 open_from, columns);
+      run_kernel<gate_frame>(
+          GateFrame{.scores09 = std::as_const(render.scores09).row(index).data() + at,
+                    .scores10 = std::as_const(render.scores10).row(index).data() + at,
+                    .total09 = render.total09.data() + at,
+                    .total10 = render.total10.data() + at,
+                    .present = present + at,
+                    .history = std::as_const(render.histories).row(index).data() + at,
+                    .transient = std::as_const(render.transient_histories).row(index).data() + at,
+                    .later = later.row(frame - first),
+                    .history_total = render.history_total.data() + at,
+                    .bass_fade = fade.data(),
+                    .gate = render.gate.data() + at},
+          open_from, columns);
     }
   }
 }

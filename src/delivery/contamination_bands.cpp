@@ -6,7 +6,7 @@
 #include <numbers>
 
 #include "delivery/contamination_slices.hpp"
-#include "signal/multiversion.hpp"
+#include "signal/instruction_sets.hpp"
 #include "signal/sequences.hpp"
 
 namespace verdel {
@@ -23,9 +23,8 @@ constexpr double kMarginHz = 240.0;
 constexpr double kRealWithinHz = 450.0;
 
 // to[i] = (base + slope * upper_weight[i]) * from[i], complex numbers as pairs of floats.
-VERDEL_MULTIVERSION
-void weigh(const std::complex<float>* from, const float* __restrict upper_weight, float base,
-           float slope, std::size_t count, std::complex<float>* to) {
+VERDEL_INLINE void weigh(const std::complex<float>* from, const float* __restrict upper_weight,
+                         float base, float slope, std::size_t count, std::complex<float>* to) {
   const auto* __restrict x = reinterpret_cast<const float*>(from);
   auto* __restrict y = reinterpret_cast<float*>(to);
   for (std::size_t i = 0; i < count; ++i) {
@@ -35,9 +34,8 @@ void weigh(const std::complex<float>* from, const float* __restrict upper_weight
   }
 }
 
-VERDEL_MULTIVERSION
-void add_scaled(const std::complex<float>* from, float scale, std::size_t count,
-                std::complex<float>* to) {
+VERDEL_INLINE void add_scaled(const std::complex<float>* from, float scale, std::size_t count,
+                              std::complex<float>* to) {
   const auto* __restrict x = reinterpret_cast<const float*>(from);
   auto* __restrict y = reinterpret_cast<float*>(to);
   for (std::size_t i = 0; i < 2 * count; ++i) y[i] += scale * x[i];
@@ -121,9 +119,9 @@ void take_band(const BandLayout& layout, const ReportBand& band,
   const auto copy = [&](std::size_t first, std::size_t stop, std::complex<float>* to) {
     const std::size_t crest = std::clamp(band.crest, first, stop);
     const float* const upper = layout.upper_weight.data();
-    weigh(spectrum.data() + first, upper + first, 0.0F, scale, crest - first, to);
-    weigh(spectrum.data() + crest, upper + crest, scale, -scale, stop - crest,
-          to + (crest - first));
+    run_kernel<weigh>(spectrum.data() + first, upper + first, 0.0F, scale, crest - first, to);
+    run_kernel<weigh>(spectrum.data() + crest, upper + crest, scale, -scale, stop - crest,
+                      to + (crest - first));
   };
   // The bins that the band does not fill are silent.
   const auto clear = [&](std::size_t begin, std::size_t end) {
@@ -159,10 +157,11 @@ void add_band(const BandLayout& layout, const ReportBand& band,
     const std::size_t middle = band.middle(), half = band.points / 2;
     const std::size_t above = std::min(half, layout.bins() - middle);
     const std::size_t below = std::min(half, middle);
-    add_scaled(slots, scale, above, spectrum.data() + middle);
-    add_scaled(slots + (band.points - below), scale, below, spectrum.data() + (middle - below));
+    run_kernel<add_scaled>(slots, scale, above, spectrum.data() + middle);
+    run_kernel<add_scaled>(slots + (band.points - below), scale, below,
+                           spectrum.data() + (middle - below));
   } else if (band.origin == Origin::kZero) {
-    add_scaled(slots, scale, band_spectrum.size(), spectrum.data());
+    run_kernel<add_scaled>(slots, scale, band_spectrum.size(), spectrum.data());
   } else {
     std::complex<float>* const nyquist = &spectrum.back();
     for (std::size_t i = 0; i < band_spectrum.size(); ++i) {

@@ -9,27 +9,21 @@
 
 #include "delivery/contamination_sums.hpp"
 #include "delivery/contamination_windows.hpp"
+#include "signal/instruction_sets.hpp"
 #include "signal/moving_average.hpp"
-#include "signal/multiversion.hpp"
 
 namespace verdel {
 namespace {
 
 constexpr std::size_t kBlock = 1024;  // samples reduced at a time, a multiple of every cell
 
-VERDEL_MULTIVERSION
-void add_row(const float* __restrict row, std::size_t count, double* __restrict sum) {
+template <class Value>
+VERDEL_INLINE void add_row(const Value* __restrict row, std::size_t count, double* __restrict sum) {
   for (std::size_t i = 0; i < count; ++i) sum[i] += static_cast<double>(row[i]);
 }
 
-VERDEL_MULTIVERSION
-void add_row(const double* __restrict row, std::size_t count, double* __restrict sum) {
-  for (std::size_t i = 0; i < count; ++i) sum[i] += row[i];
-}
-
 // Sums of squares of `cell` neighbours, by adding halves until one value of each cell is left.
-VERDEL_MULTIVERSION
-void square_and_fold(double* __restrict values, std::size_t count, std::size_t cell) {
+VERDEL_INLINE void square_and_fold(double* __restrict values, std::size_t count, std::size_t cell) {
   for (std::size_t i = 0; i < count; ++i) values[i] *= values[i];
   for (; cell > 1; cell /= 2) {
     count /= 2;
@@ -47,9 +41,9 @@ void reduce_to_cells(RowsView<const Value> rows, std::size_t cell, std::span<flo
     const std::size_t count = std::min(kBlock, rows.columns() - first);
     mono.fill(0.0);
     for (std::size_t r = 0; r < rows.rows(); ++r) {
-      add_row(rows.row(r).data() + first, count, mono.data());
+      run_kernel<add_row<Value>>(rows.row(r).data() + first, count, mono.data());
     }
-    square_and_fold(mono.data(), kBlock, cell);
+    run_kernel<square_and_fold>(mono.data(), kBlock, cell);
     for (std::size_t begin = 0; begin < count; begin += cell) {
       const auto samples = static_cast<double>(std::min(cell, count - begin));
       cells[(first + begin) / cell] =

@@ -4,25 +4,31 @@
 #include <cassert>
 #include <cmath>
 
-#include "signal/multiversion.hpp"
+#include "signal/instruction_sets.hpp"
 
 namespace verdel {
 namespace {
 
 constexpr float kLargestGain = 50.0F;
 
-VERDEL_MULTIVERSION
-void products(const float* __restrict stem, const float* __restrict tap, std::size_t count,
-              float* __restrict cross, float* __restrict energy) {
+template <class Sample>
+VERDEL_INLINE void products(const Sample*, const Sample*, std::size_t, float*, float*);
+
+template <>
+VERDEL_INLINE void products<float>(const float* __restrict stem, const float* __restrict tap,
+                                   std::size_t count, float* __restrict cross,
+                                   float* __restrict energy) {
   for (std::size_t i = 0; i < count; ++i) {
     cross[i] = stem[i] * tap[i];
     energy[i] = tap[i] * tap[i];
   }
 }
 
-VERDEL_MULTIVERSION
-void products(const std::complex<float>* stem, const std::complex<float>* tap, std::size_t count,
-              float* __restrict cross, float* __restrict energy) {
+template <>
+VERDEL_INLINE void products<std::complex<float>>(const std::complex<float>* stem,
+                                                 const std::complex<float>* tap, std::size_t count,
+                                                 float* __restrict cross,
+                                                 float* __restrict energy) {
   const auto* __restrict s = reinterpret_cast<const float*>(stem);
   const auto* __restrict t = reinterpret_cast<const float*>(tap);
   for (std::size_t i = 0; i < count; ++i) {
@@ -33,10 +39,11 @@ void products(const std::complex<float>* stem, const std::complex<float>* tap, s
 
 // The gains from the windowed products. Where the tap's energy at the window's ends comes out below
 // zero, the window goes without its ends.
-VERDEL_MULTIVERSION
-void form_gains(const float* __restrict cross_whole, const float* __restrict cross_ends,
-                const float* __restrict energy_whole, const float* __restrict energy_ends,
-                float floor, std::size_t count, float* __restrict gain) {
+VERDEL_INLINE void form_gains(const float* __restrict cross_whole,
+                              const float* __restrict cross_ends,
+                              const float* __restrict energy_whole,
+                              const float* __restrict energy_ends, float floor, std::size_t count,
+                              float* __restrict gain) {
   for (std::size_t i = 0; i < count; ++i) {
     const float cross_end = cross_ends[i], energy_end = energy_ends[i];
     const float cross = cross_whole[i] + (energy_end > 0.0F ? cross_end : 0.0F);
@@ -48,15 +55,19 @@ void form_gains(const float* __restrict cross_whole, const float* __restrict cro
   }
 }
 
-VERDEL_MULTIVERSION
-void subtract(const float* __restrict gain, const float* __restrict tap, std::size_t count,
-              float* __restrict stem) {
+template <class Sample>
+VERDEL_INLINE void subtract(const float*, const Sample*, std::size_t, Sample*);
+
+template <>
+VERDEL_INLINE void subtract<float>(const float* __restrict gain, const float* __restrict tap,
+                                   std::size_t count, float* __restrict stem) {
   for (std::size_t i = 0; i < count; ++i) stem[i] -= gain[i] * tap[i];
 }
 
-VERDEL_MULTIVERSION
-void subtract(const float* __restrict gain, const std::complex<float>* tap, std::size_t count,
-              std::complex<float>* stem) {
+template <>
+VERDEL_INLINE void subtract<std::complex<float>>(const float* __restrict gain,
+                                                 const std::complex<float>* tap, std::size_t count,
+                                                 std::complex<float>* stem) {
   const auto* __restrict t = reinterpret_cast<const float*>(tap);
   auto* __restrict s = reinterpret_cast<float*>(stem);
   for (std::size_t i = 0; i < count; ++i) {
@@ -135,19 +146,19 @@ bool remove_explained_samples(const GridExtent& extent, const GridWindow& window
   ComparisonScratch::Product &cross = scratch.cross, &energy = scratch.energy;
   cross.padded.resize(points + 2 * padding);
   energy.padded.resize(points + 2 * padding);
-  products(stem.data(), tap.data(), points, cross.padded.data() + padding,
-           energy.padded.data() + padding);
+  run_kernel<products<Sample>>(stem.data(), tap.data(), points, cross.padded.data() + padding,
+                               energy.padded.data() + padding);
   sum_in_windows(extent, window, cross, scratch.sums);
   sum_in_windows(extent, window, energy, scratch.sums);
 
   scratch.gain.resize(points);
   const std::size_t begin = extent.point_begin(), end = extent.point_end();
   const std::span<float> gain = std::span(scratch.gain).subspan(begin, end - begin);
-  form_gains(cross.whole.data() + begin, cross.ends.data() + begin, energy.whole.data() + begin,
-             energy.ends.data() + begin, static_cast<float>(kEnergyFloor * window.width),
-             gain.size(), gain.data());
+  run_kernel<form_gains>(cross.whole.data() + begin, cross.ends.data() + begin,
+                         energy.whole.data() + begin, energy.ends.data() + begin,
+                         static_cast<float>(kEnergyFloor * window.width), gain.size(), gain.data());
   bridge_silence(begin, end, scratch.gain);
-  subtract(scratch.gain.data(), tap.data(), points, stem.data());
+  run_kernel<subtract<Sample>>(scratch.gain.data(), tap.data(), points, stem.data());
   return std::any_of(gain.begin(), gain.end(), [](float g) { return g > 0.0F; });
 }
 

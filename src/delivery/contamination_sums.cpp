@@ -3,7 +3,7 @@
 #include <cassert>
 #include <cstddef>
 
-#include "signal/multiversion.hpp"
+#include "signal/instruction_sets.hpp"
 
 namespace verdel {
 namespace {
@@ -26,29 +26,19 @@ VERDEL_INLINE double lane_sum(const Value* p, const Value* q, std::size_t count)
   return sum;
 }
 
-VERDEL_MULTIVERSION
-double single_precision_sum(const float* p, const float* q, std::size_t count) {
-  return lane_sum(p, q, count);
-}
-
-VERDEL_MULTIVERSION
-double double_precision_sum(const double* p, const double* q, std::size_t count) {
-  return lane_sum(p, q, count);
-}
-
 }  // namespace
 
 double sum_of_squares(std::span<const float> values) {
-  return single_precision_sum(values.data(), values.data(), values.size());
+  return run_kernel<lane_sum<float>>(values.data(), values.data(), values.size());
 }
 
 double sum_of_squares(std::span<const double> values) {
-  return double_precision_sum(values.data(), values.data(), values.size());
+  return run_kernel<lane_sum<double>>(values.data(), values.data(), values.size());
 }
 
 double sum_of_products(std::span<const float> p, std::span<const float> q) {
   assert(p.size() == q.size());
-  return single_precision_sum(p.data(), q.data(), p.size());
+  return run_kernel<lane_sum<float>>(p.data(), q.data(), p.size());
 }
 
 }  // namespace verdel

@@ -6,7 +6,7 @@
 #include <tuple>
 #include <utility>
 
-#include "signal/multiversion.hpp"
+#include "signal/instruction_sets.hpp"
 
 namespace verdel {
 namespace {
@@ -28,9 +28,8 @@ VERDEL_INLINE void add_shifted_to(const double* __restrict from, std::size_t shi
 
 // The ends of the windows whose first values are values[0], values[1], ..., with `between` values
 // between their two ends.
-VERDEL_MULTIVERSION
-void tile_ends(const double* __restrict values, std::size_t between, const double* weights,
-               std::size_t count, float* __restrict ends) {
+VERDEL_INLINE void tile_ends(const double* __restrict values, std::size_t between,
+                             const double* weights, std::size_t count, float* __restrict ends) {
   const double nearest = weights[0], second = weights[1], third = weights[2], last = weights[3];
   static_assert(kEnds == 4);
   const double* const __restrict right = values + kEnds + between;
@@ -45,9 +44,9 @@ void tile_ends(const double* __restrict values, std::size_t between, const doubl
 // half their length, and the window is put together from the runs in its length's binary digits. A
 // dozen additions at most, all of them on whole vectors, and nothing of what has left a window is
 // in it.
-VERDEL_MULTIVERSION
-void tile_wholes(double* runs, double* longer_runs, std::size_t length, std::size_t count,
-                 double* __restrict sums, float* __restrict whole) {
+VERDEL_INLINE void tile_wholes(double* runs, double* longer_runs, std::size_t length,
+                               std::size_t count, double* __restrict sums,
+                               float* __restrict whole) {
   // The length is odd, so its lowest digit is always there.
   for (std::size_t i = 0; i < count; ++i) sums[i] = runs[i];
   std::size_t covered = 1, run_count = count + length - 1;
@@ -97,9 +96,9 @@ void window_sums(std::span<const float> padded, const GridWindow& window,
   for (std::size_t first = 0; first < whole.size(); first += tile) {
     const std::size_t count = std::min(tile, whole.size() - first);
     std::copy_n(padded.data() + first, count + 2 * window.padding(), values);
-    tile_ends(values, length, window.ends.data(), count, ends.data() + first);
-    tile_wholes(values + kEnds, values + row, length, count, values + 2 * row,
-                whole.data() + first);
+    run_kernel<tile_ends>(values, length, window.ends.data(), count, ends.data() + first);
+    run_kernel<tile_wholes>(values + kEnds, values + row, length, count, values + 2 * row,
+                            whole.data() + first);
   }
 }
 

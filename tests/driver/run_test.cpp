@@ -1,5 +1,6 @@
 #include "driver/run.hpp"
 
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -10,6 +11,7 @@
 
 #include "driver/small_projects.hpp"
 #include "inputs/audio_loading.hpp"
+#include "signal/instruction_sets.hpp"
 
 namespace verdel {
 namespace {
@@ -29,6 +31,32 @@ Machine machine_with(std::size_t processors) {
   return machine;
 }
 
+/// The machine as a run sees it, and the copies of the kernels that it takes.
+struct Computer {
+  std::size_t processors;
+  InstructionSet set;
+};
+
+/// One to eight processors with the best instruction set, and each lesser set.
+std::vector<Computer> computers() {
+  std::vector<Computer> all;
+  for (const std::size_t processors : {1U, 2U, 4U, 8U}) {
+    all.push_back({processors, best_instruction_set()});
+  }
+  for (const auto set : {InstructionSet::kBaseline, InstructionSet::kAvx2}) {
+    if (set < best_instruction_set()) all.push_back({2, set});
+  }
+  return all;
+}
+
+RunResult render_on(const Computer& computer, const SmallProject& project) {
+  fs::remove_all(project.out());
+  use_instruction_set(computer.set);
+  auto result = run_entry(shipping_main, project.render(), machine_with(computer.processors));
+  use_instruction_set(best_instruction_set());
+  return result;
+}
+
 constexpr const char* kProgress = "verdel-progress-json: ";
 
 // A render in one piece, and one in intervals.
@@ -37,18 +65,18 @@ TEST(Run, GivesTheSameOnEveryMachineAndStemsThatAddUpToTheMix) {
     const SmallProject project({"Kick", "Snare", "Bässe"}, shape);
     std::string first_out;
     std::map<std::string, std::string> first_files;
-    for (const std::size_t processors : {1U, 2U, 4U, 8U}) {
-      fs::remove_all(project.out());
-      const auto result = run_entry(shipping_main, project.render(), machine_with(processors));
+    for (const Computer& computer : computers()) {
+      const auto result = render_on(computer, project);
+      SCOPED_TRACE(fmt::format("{} processors, {}", computer.processors, name_of(computer.set)));
       ASSERT_EQ(result.status, 0) << result.err;
       EXPECT_EQ(result.err, "");
       const auto files = testing::contents_of(project.out());
-      if (processors == 1) {
+      if (first_files.empty()) {
         first_out = result.out;
         first_files = files;
       }
-      EXPECT_TRUE(files == first_files) << processors << " processors";
-      EXPECT_EQ(result.out, first_out) << processors << " processors";
+      EXPECT_TRUE(files == first_files);
+      EXPECT_EQ(result.out, first_out);
     }
     ASSERT_EQ(first_files.size(), 3U);
     EXPECT_THAT(first_out, ContainsRegex("\nnull residual: -[0-9.]+ dBFS  PASS\n$"));
