@@ -13,6 +13,7 @@ if(VERDEL_SANITIZE)
   target_compile_options(verdel_flags INTERFACE -fsanitize=${VERDEL_SANITIZE}
     -fno-sanitize-recover=all -fno-omit-frame-pointer)
   target_link_options(verdel_flags INTERFACE -fsanitize=${VERDEL_SANITIZE})
+  target_compile_definitions(verdel_flags INTERFACE VERDEL_SANITIZED)
 endif()
 if(VERDEL_FUZZ)
   target_compile_options(verdel_flags INTERFACE -fsanitize=fuzzer-no-link)
