@@ -1,8 +1,11 @@
 #include "driver/entry.hpp"
 
+#include <fmt/format.h>
+
 #include <functional>
 #include <new>
 
+#include "driver/folder_proof.hpp"
 #include "driver/option_parser.hpp"
 #include "driver/option_table.hpp"
 #include "driver/run.hpp"
@@ -44,6 +47,15 @@ int exit_status_of(RunContext& context, const std::function<void(OutputLines&)>&
   }
 }
 
+/// Answers "--version" where nothing else is asked, and tells whether it did. It stands in no table
+/// of options, because each option there takes something from the prefixes of the others.
+bool print_version(const char* program, const std::vector<std::string>& arguments,
+                   OutputLines& lines) {
+  if (arguments.size() != 1 || arguments.front() != "--version") return false;
+  lines.print(fmt::format("{} {}", program, VERDEL_VERSION));
+  return true;
+}
+
 void run_arguments(const std::vector<std::string>& arguments, RunContext& context,
                    OutputLines& lines) {
   const CommandLine command_line(context.program_name, entries_of(option_table()));
@@ -59,16 +71,31 @@ void run_arguments(const std::vector<std::string>& arguments, RunContext& contex
 }  // namespace
 
 int main(const std::vector<std::string>& arguments, RunContext& context) {
-  return exit_status_of(context,
-                        [&](OutputLines& lines) { run_arguments(arguments, context, lines); });
+  return exit_status_of(context, [&](OutputLines& lines) {
+    if (print_version("verdel", arguments, lines)) return;
+    run_arguments(arguments, context, lines);
+  });
 }
 
 int shipping_main(const std::vector<std::string>& arguments, RunContext& context) {
   return exit_status_of(context, [&](OutputLines& lines) {
+    if (print_version("verdel-engine", arguments, lines)) return;
     const CommandLine command_line(kShippingProgram, entries_of(shipping_option_table()));
     const auto options = parse_record(command_line, shipping_option_table(), arguments);
     if (!options) return lines.write(command_line.help());
     run_arguments(shipping_arguments(*options, command_line), context, lines);
+  });
+}
+
+int verify_main(const std::vector<std::string>& arguments, RunContext& context) {
+  return exit_status_of(context, [&](OutputLines& lines) {
+    if (print_version("verdel-verify", arguments, lines)) return;
+    const CommandLine command_line(context.program_name, entries_of(verify_option_table()));
+    const auto options = parse_record(command_line, verify_option_table(), arguments);
+    if (!options) return lines.write(command_line.help());
+    if (!prove_folder(*options, lines, context.stop)) {
+      throw RuntimeError("the stems do not add up to the mix");
+    }
   });
 }
 

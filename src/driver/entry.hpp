@@ -5,7 +5,7 @@
 
 #include "driver/run_context.hpp"
 
-/// The two command lines. Both take the arguments without the program's name, print on the
+/// The command lines. All take the arguments without the program's name, print on the
 /// context's streams, let no exception out, and return the exit status: 0 at the end of the road, 1
 /// for a run that was stopped by a failure, 2 for a command line that cannot be followed.
 namespace verdel {
@@ -20,5 +20,9 @@ int main(const std::vector<std::string>& arguments, RunContext& context);
 /// The parent application's entry: nine options, checked and handed to main with the fixed
 /// processing profile.
 int shipping_main(const std::vector<std::string>& arguments, RunContext& context);
+
+/// The second opinion: proves a folder of stems against its mix. Status 1 also stands for stems
+/// that fail.
+int verify_main(const std::vector<std::string>& arguments, RunContext& context);
 
 }  // namespace verdel

@@ -240,6 +240,23 @@ OptionTable<ShippingOptions> make_shipping_option_table() {
   };
 }
 
+OptionTable<VerifyOptions> make_verify_option_table() {
+  return {
+      {.name = "--mix", .field = &VerifyOptions::mix, .help = "the finished mix", .required = true},
+      {.name = "--stems",
+       .field = &VerifyOptions::stems,
+       .help = "folder of the stems, whoever wrote them",
+       .required = true},
+      {.name = "--excerpt-start",
+       .field = &VerifyOptions::excerpt_start,
+       .help = "where in the mix the stems of an excerpt begin, in seconds"},
+      {.name = "--threshold",
+       .field = &VerifyOptions::threshold,
+       .help = "dBFS that the peak of the difference must stay below"},
+      {.name = "--json", .field = &VerifyOptions::json, .help = "print one JSON object"},
+  };
+}
+
 }  // namespace
 
 const OptionTable<Options>& option_table() {
@@ -252,11 +269,20 @@ const OptionTable<ShippingOptions>& shipping_option_table() {
   return table;
 }
 
+const OptionTable<VerifyOptions>& verify_option_table() {
+  static const OptionTable<VerifyOptions> table = make_verify_option_table();
+  return table;
+}
+
 std::vector<OptionEntry> entries_of(const OptionTable<Options>& table) {
   return entries_of_table(table);
 }
 
 std::vector<OptionEntry> entries_of(const OptionTable<ShippingOptions>& table) {
+  return entries_of_table(table);
+}
+
+std::vector<OptionEntry> entries_of(const OptionTable<VerifyOptions>& table) {
   return entries_of_table(table);
 }
 

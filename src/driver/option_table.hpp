@@ -10,7 +10,7 @@
 
 #include "driver/options.hpp"
 
-/// The options of both command lines as data. Parser, usage and help are made from these tables,
+/// The options of the command lines as data. Parser, usage and help are made from these tables,
 /// and so is whatever else describes the command lines.
 namespace verdel {
 
@@ -54,10 +54,12 @@ using OptionTable = std::vector<Option<Record>>;
 
 const OptionTable<Options>& option_table();
 const OptionTable<ShippingOptions>& shipping_option_table();
+const OptionTable<VerifyOptions>& verify_option_table();
 
 /// The same options as plain entries, in the same order.
 std::vector<OptionEntry> entries_of(const OptionTable<Options>& table);
 std::vector<OptionEntry> entries_of(const OptionTable<ShippingOptions>& table);
+std::vector<OptionEntry> entries_of(const OptionTable<VerifyOptions>& table);
 
 /// Stores a value of the option's kind in its field.
 template <class Record>

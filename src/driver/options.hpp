@@ -54,4 +54,12 @@ struct ShippingOptions {
   bool progress_json = false;
 };
 
+/// What a second opinion on a folder of stems needs.
+struct VerifyOptions {
+  std::optional<std::string> mix, stems;
+  std::optional<double> excerpt_start;  ///< s; where stems of an excerpt begin
+  double threshold = -140.0;            ///< dBFS
+  bool json = false;
+};
+
 }  // namespace verdel
