@@ -1,6 +1,7 @@
 #include "alignment/tap_alignment.hpp"
 
 #include <algorithm>
+#include <atomic>
 #include <optional>
 #include <span>
 
@@ -30,33 +31,41 @@ void add(std::span<const double> values, std::span<double> sum) {
   for (std::size_t i = 0; i < sum.size(); ++i) sum[i] += values[i];
 }
 
-// The average of the channels, [1][frames].
-AudioArray make_mono(AudioView audio, const StopToken& stop) {
-  auto mono = AudioArray::zeros(1, audio.columns());
+// The average of the channels, into `mono` [1][frames].
+void make_mono(AudioView audio, AudioArray& mono, const StopToken& stop) {
   const auto channels = static_cast<double>(audio.rows());
   for_each_tile(1, audio.columns(), stop, [&](std::size_t, std::size_t first, std::size_t count) {
     const auto tile = mono.row(0).subspan(first, count);
+    std::ranges::fill(tile, 0.0);
     for (std::size_t c = 0; c < audio.rows(); ++c) add(audio.row(c).subspan(first, count), tile);
     for (double& sample : tile) sample /= channels;
   });
-  return mono;
 }
 
-std::ptrdiff_t propose_lag(AudioView mono, AudioView tap, int sr, const StopToken& stop) {
+// `room` is for one signal of the tap's length.
+std::ptrdiff_t propose_lag(AudioView mono, AudioView tap, int sr, AudioArray& room,
+                           const StopToken& stop) {
   if (tap.rows() == 1) return find_lag(mono.row(0), tap.row(0), sr, 200.0, stop);
-  const AudioArray tap_mono = make_mono(tap, stop);
-  return find_lag(mono.row(0), tap_mono.row(0), sr, 200.0, stop);
+  make_mono(tap, room, stop);
+  return find_lag(mono.row(0), room.row(0), sr, 200.0, stop);
 }
 
 std::vector<std::ptrdiff_t> propose_lags(AudioView mix, const StemMap& taps, int sr,
                                          const Machine& machine, const StopToken& stop) {
-  const AudioArray mono = make_mono(mix, stop);
-  const std::size_t workers = std::min({machine.processors() / 2, taps.size(), kMostWorkers});
+  auto mono = AudioArray::uninitialised(1, mix.columns());
+  make_mono(mix, mono, stop);
+  const std::size_t workers =
+      std::max<std::size_t>(1, std::min({machine.processors() / 2, taps.size(), kMostWorkers}));
   std::optional<ThreadPool> pool;
   if (workers > 1) pool.emplace(workers, "verdel-alignment");
   std::vector<std::ptrdiff_t> lags(taps.size());
-  run_indexed(pool ? &*pool : nullptr, taps.size(), [&](std::size_t i) {
-    lags[i] = propose_lag(mono.view(), taps[i].audio.view(), sr, stop);
+  std::atomic<std::size_t> next{0};
+  run_indexed(pool ? &*pool : nullptr, workers, [&](std::size_t) {
+    // One signal for all of a worker's taps: fresh pages cost more than the averaging.
+    auto room = AudioArray::uninitialised(1, mix.columns());
+    for (std::size_t i; (i = next++) < taps.size();) {
+      lags[i] = propose_lag(mono.view(), taps[i].audio.view(), sr, room, stop);
+    }
   });
   return lags;
 }
