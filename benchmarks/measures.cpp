@@ -37,7 +37,15 @@ void raise(std::atomic<std::uint64_t>& peak, std::uint64_t value) {
 }  // namespace
 
 Moment Moment::now() {
-  return {seconds_of(CLOCK_MONOTONIC), seconds_of(CLOCK_PROCESS_CPUTIME_ID)};
+  rusage usage{};
+  getrusage(RUSAGE_SELF, &usage);
+  return {seconds_of(CLOCK_MONOTONIC), seconds_of(CLOCK_PROCESS_CPUTIME_ID),
+          static_cast<double>(usage.ru_stime.tv_sec) +
+              1e-6 * static_cast<double>(usage.ru_stime.tv_usec)};
+}
+
+double thread_seconds() {
+  return seconds_of(CLOCK_THREAD_CPUTIME_ID);
 }
 
 std::uint64_t anonymous_memory() {
@@ -77,7 +85,7 @@ MemoryWatch::MemoryWatch()
     : thread_([this] {
         while (!done_) {
           raise(peak_, anonymous_memory());
-          std::this_thread::sleep_for(std::chrono::milliseconds(5));
+          std::this_thread::sleep_for(std::chrono::milliseconds(10));
         }
       }) {}
 

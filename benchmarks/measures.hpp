@@ -11,10 +11,22 @@ namespace verdel {
 struct Moment {
   double wall = 0.0;
   double cpu = 0.0;
+  double system = 0.0;  ///< of cpu: in the system, for files and for memory touched the first time
 
   static Moment now();
-  Moment operator-(const Moment& earlier) const { return {wall - earlier.wall, cpu - earlier.cpu}; }
+  Moment operator-(const Moment& earlier) const {
+    return {wall - earlier.wall, cpu - earlier.cpu, system - earlier.system};
+  }
+  Moment& operator+=(const Moment& other) {
+    wall += other.wall;
+    cpu += other.cpu;
+    system += other.system;
+    return *this;
+  }
 };
+
+/// Processor seconds of the calling thread.
+double thread_seconds();
 
 /// Watches the process's anonymous memory from a thread of its own. Where the system does not tell
 /// anonymous memory apart (anywhere but Linux), the highest resident size of the whole run.

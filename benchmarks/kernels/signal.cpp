@@ -1,33 +1,24 @@
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
-#include <cmath>
 #include <complex>
 #include <cstddef>
-#include <span>
 
+#include "items.hpp"
 #include "signal/arrays.hpp"
 #include "signal/moving_average.hpp"
 #include "signal/transforms.hpp"
 
-// Times of the small functions that everything else is made of. Arguments are lengths in samples.
+// The functions that everything else is made of. Arguments are lengths in samples.
 namespace verdel {
 namespace {
-
-/// A signal without a period, the same in every run.
-template <class Real>
-void fill(std::span<Real> signal) {
-  for (std::size_t i = 0; i < signal.size(); ++i) {
-    signal[i] = static_cast<Real>(std::sin(1e-3 * static_cast<double>(i) * static_cast<double>(i)));
-  }
-}
 
 template <class Real>
 void real_forward(benchmark::State& state) {
   const RealTransform<Real> transform(static_cast<std::size_t>(state.range(0)));
   auto time = Array2D<Real>::uninitialised(1, transform.length());
   auto spectrum = Array2D<std::complex<Real>>::uninitialised(1, transform.bins());
-  fill(time.flat());
+  fill_with_bursts(time.flat(), 0);
   for (auto _ : state) {
     transform.forward(time.data(), spectrum.data());
     benchmark::ClobberMemory();
@@ -43,7 +34,7 @@ void real_inverse(benchmark::State& state) {
   auto time = Array2D<Real>::uninitialised(1, transform.length());
   auto kept = Array2D<std::complex<Real>>::uninitialised(1, transform.bins());
   auto spectrum = Array2D<std::complex<Real>>::uninitialised(1, transform.bins());
-  fill(time.flat());
+  fill_with_bursts(time.flat(), 0);
   transform.forward(time.data(), kept.data());
   for (auto _ : state) {
     std::copy(kept.flat().begin(), kept.flat().end(), spectrum.flat().begin());
@@ -57,13 +48,13 @@ BENCHMARK(real_inverse<double>)->Arg(2048)->Arg(1 << 20);
 void moving_average(benchmark::State& state) {
   auto input = Array2D<double>::uninitialised(1, 44100);
   auto output = Array2D<double>::uninitialised(1, 44100);
-  fill(input.flat());
+  fill_with_bursts(input.flat(), 0);
   for (auto _ : state) {
     uniform_filter1d(input.flat(), static_cast<std::size_t>(state.range(0)), EdgeMode::kReflect,
                      output.flat());
     benchmark::ClobberMemory();
   }
-  state.SetItemsProcessed(state.iterations() * 44100);
+  count_items(state, "sample", 44100);
 }
 BENCHMARK(moving_average)->Arg(9)->Arg(1323)->Arg(5292);
 

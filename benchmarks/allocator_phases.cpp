@@ -1,0 +1,106 @@
+#include "allocator_phases.hpp"
+
+#include <algorithm>
+#include <cmath>
+#include <numeric>
+
+#include "allocation/c14_constants.hpp"
+#include "allocation/interval_rendering.hpp"
+#include "allocation/spectral_transform.hpp"
+#include "measures.hpp"
+
+namespace verdel {
+namespace {
+
+constexpr double kMemorySeconds = 5.0;
+
+/// Frames of the slice that a span is rendered from.
+std::size_t slice_frames(std::size_t start, std::size_t stop, std::size_t samples) {
+  if (start == 0 && stop == samples) return spectrum_frames(samples);
+  const std::size_t first = start / C14_HOP;
+  const std::size_t left = first - std::min(first, C14_CONTEXT_BEFORE_HOPS);
+  const std::size_t right = (stop + C14_HOP - 1) / C14_HOP + C14_CONTEXT_AFTER_HOPS;
+  return spectrum_frames(std::min(samples, right * C14_HOP) - left * C14_HOP);
+}
+
+/// How far a thread has come with its present interval.
+struct ThreadPlace {
+  std::size_t step = 0;
+  double last = 0.0;  // seconds; a thread's processor time begins at 0
+  bool first = true;  // with these scratch files
+  bool begun = false;
+};
+thread_local ThreadPlace place;
+
+}  // namespace
+
+std::vector<std::size_t> interval_frames(OutputRange range, std::size_t samples, int sr) {
+  if (static_cast<double>(range.length()) < std::nearbyint(C14_INTERVAL_MIN_SECONDS * sr)) {
+    return {slice_frames(range.start, range.stop, samples)};
+  }
+  const auto length = static_cast<std::size_t>(std::nearbyint(C14_INTERVAL_SECONDS * sr));
+  const std::size_t count = (range.length() + length - 1) / length;
+  std::vector<std::size_t> frames;
+  for (std::size_t i = 0; i < count; ++i) {
+    frames.push_back(slice_frames(range.start + i * range.length() / count,
+                                  range.start + (i + 1) * range.length() / count, samples));
+  }
+  return frames;
+}
+
+double PhaseTimes::sum() const {
+  return std::reduce(seconds.begin(), seconds.end());
+}
+
+void PhaseTimes::scale(double factor) {
+  for (double& value : seconds) value *= factor;
+}
+
+PhaseWatch::PhaseWatch(std::size_t stems, bool one_thread, bool cut)
+    : stems_(stems), one_thread_(one_thread), cut_(cut), begin_(Moment::now().wall) {}
+
+void PhaseWatch::step(std::size_t done, std::size_t total) {
+  const double now = one_thread_ ? thread_seconds() : Moment::now().wall;
+  const std::lock_guard lock(mutex_);
+  if (!place.begun) place.last = one_thread_ ? 0.0 : begin_;
+  place.begun = true;
+  const double spent = now - place.last;
+  place.last = now;
+  // No interval begins when all is done: this is the channel's own last report, and what begins
+  // from now on belongs to another channel.
+  if (place.step == 0 && done == total) {
+    place.first = true;
+    begin_ = now;
+    return;
+  }
+  PhaseTimes& times = place.first || !cut_ ? first_ : repeated_;
+  times.seconds[place.step == 0 ? 0 : 1 + (place.step - 1) / stems_] += spent;
+  if (++place.step <= C14_STEPS_PER_STEM * stems_) return;
+  ++times.intervals;
+  place.step = 0;
+  place.first = false;
+}
+
+double working_bytes_per_cell(const Model& model, const Machine& machine, int sr) {
+  const std::size_t samples = std::min(model.residual.columns(),
+                                       static_cast<std::size_t>(std::lround(kMemorySeconds * sr)));
+  ChannelJob job{.source_models = {},
+                 .residual = model.residual.row(0).first(samples),
+                 .sr = sr,
+                 .start = 0,
+                 .stop = samples,
+                 .progress = {}};
+  for (const auto& source : model.sources) {
+    job.source_models.push_back(source.audio.row(0).first(samples));
+  }
+  release_freed_memory();
+  MemoryWatch watch;
+  const auto before = static_cast<double>(watch.take_peak());
+  const auto rendered = render_transient_release_tail_channel(job, machine);
+  const double taken = static_cast<double>(watch.take_peak()) - before -
+                       static_cast<double>(rendered.size() * sizeof(double));
+  release_freed_memory();
+  return taken / static_cast<double>(spectrum_frames(samples) * C14_BINS);
+}
+
+}  // namespace verdel

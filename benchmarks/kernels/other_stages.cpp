@@ -1,0 +1,87 @@
+#include <benchmark/benchmark.h>
+
+#include <cstddef>
+#include <string>
+
+#include "alignment/lag_search.hpp"
+#include "delivery/coordinated_float32.hpp"
+#include "gain/gain_curves.hpp"
+#include "gain/shared_gain.hpp"
+#include "inputs/levels.hpp"
+#include "items.hpp"
+#include "signal/arrays.hpp"
+
+// What happens to the audio before the allocator and after it.
+namespace verdel {
+namespace {
+
+constexpr int kRate = 44100;
+constexpr std::size_t kStems = 4, kChannels = 2;
+
+AudioArray audio_of(std::size_t samples, std::size_t place) {
+  auto audio = AudioArray::uninitialised(kChannels, samples);
+  for (std::size_t c = 0; c < kChannels; ++c) fill_with_bursts(audio.row(c), place + c);
+  return audio;
+}
+
+StemMap stems_of(std::size_t samples) {
+  StemMap stems;
+  for (std::size_t s = 0; s < kStems; ++s) {
+    stems.push_back({"Stem " + std::to_string(s), audio_of(samples, 2 * s)});
+  }
+  return stems;
+}
+
+void lag_of_tap(benchmark::State& state) {
+  constexpr std::size_t kSamples = 60 * kRate;
+  const AudioArray audio = audio_of(kSamples, 0);
+  for (auto _ : state) benchmark::DoNotOptimize(find_lag(audio.row(0), audio.row(1), kRate));
+  count_items(state, "sample", kSamples);
+}
+BENCHMARK(lag_of_tap)->Unit(benchmark::kMillisecond);
+
+void gain_curve(benchmark::State& state) {
+  constexpr std::size_t kSamples = 10 * kRate;
+  const AudioArray audio = audio_of(kSamples, 0);
+  const GainCurveSettings settings{.gw = 1323, .sw = 5293, .sr = kRate};
+  for (auto _ : state) benchmark::DoNotOptimize(ls_gain(audio.row(0), audio.row(1), settings));
+  count_items(state, "sample", kSamples);
+}
+BENCHMARK(gain_curve)->Unit(benchmark::kMillisecond);
+
+/// Per sample of all stems and channels.
+void shared_gain(benchmark::State& state) {
+  constexpr std::size_t kSamples = 5 * kRate;
+  const AudioArray mix = audio_of(kSamples, 2 * kStems);
+  const StemMap taps = stems_of(kSamples);
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(shared_single_band_model(mix.view(), taps, kRate, 30.0, 120.0));
+  }
+  count_items(state, "sample", kStems * mix.size());
+}
+BENCHMARK(shared_gain)->Unit(benchmark::kMillisecond);
+
+/// Per sample of all stems and channels.
+void float32_delivery(benchmark::State& state) {
+  constexpr std::size_t kSamples = 5 * kRate;
+  const StemMap stems = stems_of(kSamples);
+  auto mix = AudioArray::zeros(kChannels, kSamples);
+  for (const auto& stem : stems) {
+    for (std::size_t i = 0; i < mix.size(); ++i) mix.flat()[i] += stem.audio.flat()[i];
+  }
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(_coordinated_float32_delivery(views_of(stems), mix.view(), -140.0));
+  }
+  count_items(state, "sample", kStems * mix.size());
+}
+BENCHMARK(float32_delivery)->Unit(benchmark::kMillisecond);
+
+void peak_and_rms(benchmark::State& state) {
+  const AudioArray audio = audio_of(kRate, 0);
+  for (auto _ : state) benchmark::DoNotOptimize(levels(audio.view()));
+  count_items(state, "sample", audio.size());
+}
+BENCHMARK(peak_and_rms);
+
+}  // namespace
+}  // namespace verdel
