@@ -1,4 +1,4 @@
-#include "driver/channels.hpp"
+#include "allocation/channels.hpp"
 
 #include <algorithm>
 #include <future>
@@ -13,29 +13,26 @@
 namespace verdel {
 namespace {
 
-/// The count of finished units that all channels share.
-class ChannelProgress {
+/// The count of finished steps that all channels share.
+class SharedCount {
  public:
-  ChannelProgress(const Run& run, std::size_t channels, std::size_t stems)
-      : lines_(run.lines, run.options.progress_json),
-        total_(1 + channels * C14_STEPS_PER_STEM * stems),
-        channel_done_(channels, 0) {}
+  SharedCount(const RenderProgress& progress, std::size_t channels, std::size_t steps)
+      : progress_(progress), steps_(steps), done_(channels, 0) {}
 
-  /// Called from the channels' threads. The line is written under the lock, so that each carries a
-  /// sum that includes its own update and the count on the stream never falls.
+  /// Called from the channels' threads. The caller hears of it under the lock, so that each call
+  /// carries a sum that includes its own update and the count never falls.
   void report(std::size_t channel, std::size_t done) {
+    if (!progress_) return;
     const std::lock_guard lock(channel_progress_lock_);
-    channel_done_[channel] = done;
-    lines_.emit_progress(
-        "render", std::accumulate(channel_done_.begin(), channel_done_.end(), std::size_t{1}),
-        total_);
+    done_[channel] = done;
+    progress_(std::accumulate(done_.begin(), done_.end(), std::size_t{0}), steps_);
   }
 
  private:
-  ProgressLines lines_;
-  std::size_t total_;
+  const RenderProgress& progress_;
+  std::size_t steps_;
   std::mutex channel_progress_lock_;
-  std::vector<std::size_t> channel_done_;
+  std::vector<std::size_t> done_;
 };
 
 ChannelJob job_of(const Model& model, std::size_t channel) {
@@ -63,47 +60,51 @@ void store_channel(const Array2D<double>& rendered, std::size_t channel, StemMap
 
 }  // namespace
 
-StemMap render_channels(const Run& run, Model model, int sr, OutputRange range) {
+std::size_t channel_steps(std::size_t channels, std::size_t stems) {
+  return channels * C14_STEPS_PER_STEM * stems;
+}
+
+StemMap render_channels(Model model, const ChannelsJob& job, const Machine& machine,
+                        const StopToken& stop) {
   const std::size_t channels = model.residual.rows();
   const std::size_t frames = model.residual.columns();
   const std::size_t stems = model.sources.size();
-  const bool in_place = range.is_whole(frames);
-  StemMap excerpt = in_place ? StemMap{} : unfilled_stems(model.sources, range.length());
+  const std::size_t length = job.stop - job.start;
+  const bool in_place = length == frames;
+  StemMap excerpt = in_place ? StemMap{} : unfilled_stems(model.sources, length);
   StemMap& est = in_place ? model.sources : excerpt;
 
   const std::size_t channel_workers =
-      _c14_channel_worker_count(frames, range.length(), stems, channels, run.machine);
-  const std::size_t inner_workers = _c14_inner_worker_count(channel_workers, run.machine);
-  ChannelProgress progress(run, channels, stems);
+      _c14_channel_worker_count(frames, length, stems, channels, machine);
+  const std::size_t inner_workers = _c14_inner_worker_count(channel_workers, machine);
+  SharedCount count(job.progress, channels, channel_steps(channels, stems));
   const auto render_candidate_channel = [&](std::size_t channel) {
-    ChannelJob job = job_of(model, channel);
-    job.sr = sr;
-    job.start = range.start;
-    job.stop = range.stop;
-    job.workers = inner_workers;
-    job.active_channels = channel_workers;
-    job.progress = [&progress, channel](std::size_t done, std::size_t) {
-      progress.report(channel, done);
+    ChannelJob part = job_of(model, channel);
+    part.sr = job.sr;
+    part.start = job.start;
+    part.stop = job.stop;
+    part.workers = inner_workers;
+    part.active_channels = channel_workers;
+    part.progress = [&count, &job, channel](std::size_t done, std::size_t total) {
+      count.report(channel, done);
+      if (job.watch) job.watch(done, total);
     };
-    return render_transient_release_tail_channel(job, run.machine, run.stop);
+    return render_transient_release_tail_channel(part, machine, stop);
   };
 
-  {
-    ThreadPool pool(channel_workers, "");
-    std::vector<std::future<Array2D<double>>> results;
-    for (std::size_t channel = 0; channel < channels; ++channel) {
-      results.push_back(pool.submit([&, channel] { return render_candidate_channel(channel); }));
-    }
-    try {
-      for (std::size_t channel = 0; channel < channels; ++channel) {
-        store_channel(results[channel].get(), channel, est);
-      }
-    } catch (...) {
-      pool.cancel_pending();
-      throw;
-    }
+  ThreadPool pool(channel_workers, "");
+  std::vector<std::future<Array2D<double>>> results;
+  for (std::size_t channel = 0; channel < channels; ++channel) {
+    results.push_back(pool.submit([&, channel] { return render_candidate_channel(channel); }));
   }
-  ProgressLines(run.lines, run.options.progress_json).emit_progress("finalize", 0, 1);
+  try {
+    for (std::size_t channel = 0; channel < channels; ++channel) {
+      store_channel(results[channel].get(), channel, est);
+    }
+  } catch (...) {
+    pool.cancel_pending();
+    throw;
+  }
   return in_place ? std::move(model.sources) : std::move(excerpt);
 }
 

@@ -1,17 +1,41 @@
 #pragma once
 
-#include "driver/model_stage.hpp"
-#include "driver/run_context.hpp"
+#include <cstddef>
+
+#include "allocation/channel_render.hpp"
 #include "signal/arrays.hpp"
+#include "support/machine.hpp"
+#include "support/stop_token.hpp"
 
 namespace verdel {
 
+/// What the shared gain explains of the mix, and what it leaves.
+struct Model {
+  StemMap sources;      ///< tap times gain, [channels][frames], in stem order
+  AudioArray residual;  ///< mix minus the sum of the sources, [channels][frames]
+};
+
+/// How a model is to be rendered.
+struct ChannelsJob {
+  int sr = 0;                       ///< Hz
+  std::size_t start = 0, stop = 0;  ///< the samples to deliver, stop excluded
+  /// Called with the finished steps of all channels and their number, one call at a time, from the
+  /// channels' threads; the count never falls.
+  RenderProgress progress = {};
+  /// Called with each channel's own progress, on the threads that make it.
+  RenderProgress watch = {};
+};
+
+/// The steps that a job's progress counts to.
+std::size_t channel_steps(std::size_t channels, std::size_t stems);
+
 /// Allocates the residual channel by channel, one or two at a time, and gives up the model. Returns
-/// the stems of the output range, [channels][range], in stem order; if the range is the whole
-/// source they take the storage of the model's sources row by row.
+/// the stems of the range, [channels][range], in stem order; if the range is the whole source they
+/// take the storage of the model's sources row by row.
 ///
 /// Threads: results are taken in channel order. The failure of the lowest channel is the one
 /// thrown; channels not yet begun are dropped, one that runs finishes first.
-StemMap render_channels(const Run& run, Model model, int sr, OutputRange range);
+StemMap render_channels(Model model, const ChannelsJob& job, const Machine& machine,
+                        const StopToken& stop = {});
 
 }  // namespace verdel

@@ -29,7 +29,8 @@ void deliver(const Run& run, const Mix& mix, const StemMap& taps, const StemMap&
                               .mix = mix.audio.view().column_range(range.start, range.stop),
                               .null_threshold = kNullThreshold};
   const auto print_report = [&] {
-    if (run.options.no_report) return;
+    if (run.options.no_report) return run.lines.stage("proving the files");
+    run.lines.stage("comparing stems and taps");
     const ReportJob job{.est = outputs.est,
                         .taps = outputs.taps,
                         .sr = mix.sr,
@@ -37,6 +38,7 @@ void deliver(const Run& run, const Mix& mix, const StemMap& taps, const StemMap&
                         .nfft = report_transform_length(mix.frames()),
                         .workers = run.machine.processors()};
     report(job, print, run.stop);
+    run.lines.stage("proving the files");
   };
   if (!write_render_outputs(outputs, print, print_report, run.stop).passed) {
     throw RuntimeError("written single-band stems failed reconstruction verification");

@@ -61,6 +61,7 @@ void run_arguments(const std::vector<std::string>& arguments, RunContext& contex
   const CommandLine command_line(context.program_name, entries_of(option_table()));
   auto options = parse_record(command_line, option_table(), arguments);
   if (!options) return lines.write(command_line.help());
+  if (!options->progress_json) lines.show_stages_on(context.err);
   run_engine({.options = std::move(*options),
               .command_line = command_line,
               .machine = context.machine,

@@ -49,6 +49,7 @@ void print_raw_difference(const Run& run, const Mix& mix, const StemMap& taps, d
 
 Model fit_model(const Run& run, const Mix& mix, const StemMap& taps, double mix_rms) {
   print_model_lines(run, taps);
+  run.lines.stage("fitting the shared gain");
   const ProgressLines progress(run.lines, run.options.progress_json);
   progress.emit_progress("render", 0, mix.channels() + 1);
   SharedGainModel fitted = shared_single_band_model(
@@ -59,6 +60,22 @@ Model fit_model(const Run& run, const Mix& mix, const StemMap& taps, double mix_
   run.lines.print(fmt::format("after single-band gain: {} left to allocate",
                               level_against(model.residual.view(), mix_rms)));
   return model;
+}
+
+StemMap allocate(const Run& run, Model model, int sr, OutputRange range) {
+  const ProgressLines progress(run.lines, run.options.progress_json);
+  // The fitted model was the first unit of the count.
+  const ChannelsJob job{.sr = sr,
+                        .start = range.start,
+                        .stop = range.stop,
+                        .progress = [&](std::size_t done, std::size_t total) {
+                          progress.emit_progress("render", 1 + done, 1 + total);
+                          run.lines.stage("rendering",
+                                          static_cast<double>(done) / static_cast<double>(total));
+                        }};
+  StemMap est = render_channels(std::move(model), job, run.machine, run.stop);
+  progress.emit_progress("finalize", 0, 1);
+  return est;
 }
 
 }  // namespace verdel

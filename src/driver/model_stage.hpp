@@ -3,6 +3,7 @@
 #include <vector>
 
 #include "alignment/tap_alignment.hpp"
+#include "allocation/channels.hpp"
 #include "driver/input_stage.hpp"
 #include "driver/run_context.hpp"
 #include "signal/arrays.hpp"
@@ -15,13 +16,10 @@ std::vector<AppliedLag> align_taps(const Run& run, const Mix& mix, StemMap& taps
 /// Prints how far the sum of the taps lies from the mix, whose RMS level is given in dB.
 void print_raw_difference(const Run& run, const Mix& mix, const StemMap& taps, double mix_rms);
 
-/// What the shared gain explains of the mix, and what it leaves.
-struct Model {
-  StemMap sources;      ///< tap times gain, [channels][frames], in stem order
-  AudioArray residual;  ///< mix minus the sum of the sources, [channels][frames]
-};
-
 /// Fits the shared gain and prints what it leaves.
 Model fit_model(const Run& run, const Mix& mix, const StemMap& taps, double mix_rms);
+
+/// Allocates what the model leaves, and prints progress where the run was asked for it.
+StemMap allocate(const Run& run, Model model, int sr, OutputRange range);
 
 }  // namespace verdel

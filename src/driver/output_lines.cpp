@@ -5,6 +5,7 @@
 #include <cerrno>
 
 #include "support/errors.hpp"
+#include "support/unicode_text.hpp"
 
 namespace verdel {
 namespace {
@@ -16,15 +17,20 @@ namespace {
 }  // namespace
 
 void OutputLines::print(std::string_view line) {
-  write(std::string(line) + "\n");
+  write(printable(line) + "\n");
 }
 
 void OutputLines::write(std::string_view text) {
+  if (terminal_) terminal_->wipe();
   if (std::fwrite(text.data(), 1, text.size(), stream_) != text.size()) fail_to_write();
 }
 
 void OutputLines::flush() {
   if (std::fflush(stream_) != 0) fail_to_write();
+}
+
+void OutputLines::stage(std::string_view name, double done) {
+  if (terminal_) terminal_->show(name, done);
 }
 
 void ProgressLines::emit_progress(std::string_view phase, std::size_t completed,

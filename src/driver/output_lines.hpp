@@ -2,8 +2,11 @@
 
 #include <cstddef>
 #include <cstdio>
+#include <optional>
 #include <string>
 #include <string_view>
+
+#include "driver/terminal_progress.hpp"
 
 namespace verdel {
 
@@ -13,13 +16,20 @@ class OutputLines {
  public:
   explicit OutputLines(std::FILE* stream) : stream_(stream) {}
 
+  /// A line break inside a name is escaped: it must not begin a line that a parent takes for ours.
   void print(std::string_view line);
   /// Text that brings its own line breaks.
   void write(std::string_view text);
   void flush();
 
+  /// From now on a person at a terminal sees the stages on `stream`.
+  void show_stages_on(std::FILE* stream) { terminal_.emplace(stream); }
+  /// A stage, and what is done of it, 0 to 1; below 0: how far is not known. No line of output.
+  void stage(std::string_view name, double done = -1.0);
+
  private:
   std::FILE* stream_;
+  std::optional<TerminalProgress> terminal_;
 };
 
 /// Writes the progress lines of one run, if the run was asked for them.

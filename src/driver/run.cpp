@@ -1,6 +1,5 @@
 #include "driver/run.hpp"
 
-#include "driver/channels.hpp"
 #include "driver/delivery_stage.hpp"
 #include "driver/input_stage.hpp"
 #include "driver/model_stage.hpp"
@@ -32,6 +31,7 @@ Model align_and_fit(const Run& run, const Mix& mix, StemMap& taps,
   };
   try {
     const double mix_rms = levels(mix.audio.view()).rms;
+    run.lines.stage("aligning the taps");
     lags = align_taps(run, mix, taps);
     print_raw_difference(run, mix, taps, mix_rms);
     return fit_model(run, mix, taps, mix_rms);
@@ -50,17 +50,20 @@ void run_engine(Run run) {
   const bool only_suggest = run.options.suggest_excerpt > 0.0;
   if (!only_suggest) refuse_overwriting(run.options);
 
+  run.lines.stage("reading the mix");
   const Mix mix = read_mix(run);
   if (only_suggest) return print_suggestion(run, mix);
 
   const std::vector<StemInput> plan = plan_stem_inputs(*run.options.taps);
   check_preflight(run, mix, plan.size());
+  run.lines.stage("reading the taps");
   StemMap taps = read_taps(run, mix);
   require_known_low_resolution(run.options, names_of(taps), run.command_line);
   const OutputRange range = choose_output_range(run, mix);
 
   Model model = align_and_fit(run, mix, taps, plan);
-  const StemMap est = render_channels(run, std::move(model), mix.sr, range);
+  const StemMap est = allocate(run, std::move(model), mix.sr, range);
+  run.lines.stage("writing the stems");
   deliver(run, mix, taps, est, range);
 }
 

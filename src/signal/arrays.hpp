@@ -18,10 +18,6 @@ namespace verdel {
 /// One cache line, and the widest vector register: every array begins on it.
 inline constexpr std::size_t kArrayAlignment = 64;
 
-/// Asks the system for large pages under a large block: a first touch then costs half. Does nothing
-/// where the system has no such wish.
-void prefer_large_pages(void* data, std::size_t bytes);
-
 /// Rows of equal length on somebody else's storage; row r begins at data + r * stride.
 template <class T>
 class RowsView {

@@ -1,0 +1,90 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <span>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+/// VERDEL for programs that hold their audio in memory: taps and a mix in, stems out whose sum is
+/// the mix. Nothing is printed, no file of yours is read or written, no signal is caught; scratch
+/// space is taken in a temporary folder and given back.
+///
+///     verdel::RenderRequest request;
+///     request.sample_rate = 48000;
+///     request.mix = {mix_left, mix_right};
+///     request.taps = {{"Drums", {drums_left, drums_right}}, {"Bass", {bass_left, bass_right}}};
+///     const verdel::RenderResult result = verdel::render(request);
+///     // result.stems[0].channels[0] is the left side of "Drums", as float32
+///
+/// Link with verdel::verdel (CMake) or `pkg-config --libs --static verdel`.
+namespace verdel {
+
+/// One channel of audio, full scale at 1.0. What it points to stays the caller's, who keeps it
+/// unchanged until the render returns.
+using ChannelView = std::span<const double>;
+
+struct TapRequest {
+  std::string name;
+  std::vector<ChannelView> channels;  ///< as many and as long as those of the mix
+};
+
+struct RenderRequest {
+  int sample_rate = 0;                ///< Hz
+  std::vector<ChannelView> mix;       ///< at least one channel, all of one length
+  std::vector<TapRequest> taps;       ///< at least one; the stems come out in this order
+  bool align = true;                  ///< move taps that are early or late, if that fits better
+  std::size_t start = 0;              ///< first sample to deliver
+  std::size_t stop = SIZE_MAX;        ///< behind the last one; beyond the mix: to its end
+  std::size_t processors = 0;         ///< threads to use; 0: as many as the machine has
+  std::string temporary_folder = {};  ///< for scratch space; empty: the system's
+
+  /// Called now and then with what is done, 0 to 1, never falling, from one thread at a time but
+  /// not always the same. Returning false cancels the render. It must not throw.
+  std::function<bool(double done)> progress = {};
+};
+
+struct MovedTap {
+  std::string name;
+  std::ptrdiff_t samples = 0;  ///< positive: moved later
+};
+
+struct RenderedStem {
+  std::string name;
+  std::vector<std::vector<float>> channels;  ///< [channels][stop - start]
+};
+
+struct RenderResult {
+  std::vector<RenderedStem> stems;
+  std::vector<MovedTap> moved;
+  double null_peak = 0.0;  ///< dBFS of mix minus the sum of the stems; -999 where nothing is left
+};
+
+/// The request cannot be followed: shapes that do not fit, too short a mix (2048 samples are the
+/// least), samples that are not finite, too little memory or temporary space. what() says which.
+class RenderError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+/// The progress callback wanted no more.
+class RenderCancelled : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+/// Renders in the calling thread and some helpers, which have ended when it returns. Calls from
+/// several threads at a time do not disturb each other. The same request gives the same bits on the
+/// same machine, whatever the number of processors.
+///
+/// Memory: two doubles and a float per sample, channel and tap, beside the scratch space. Throws
+/// RenderError, RenderCancelled, or std::bad_alloc; a stem that misses the mix by -140 dBFS or more
+/// is a RenderError too.
+RenderResult render(const RenderRequest& request);
+
+/// The version of the library, such as "0.1.0".
+const char* version();
+
+}  // namespace verdel

@@ -1,0 +1,105 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <filesystem>
+
+#include "support/temporary_folder.hpp"
+#include "verdel/verdel.hpp"
+
+namespace verdel {
+namespace {
+
+using Signal = std::vector<double>;
+
+/// Two struck tones through a saturating master, the second tap 40 samples late.
+class Embedding : public ::testing::Test {
+ protected:
+  static constexpr std::size_t kFrames = 24000;
+
+  Embedding() : low_(kFrames), high_(kFrames), late_(kFrames), mix_(kFrames) {
+    for (std::size_t i = 0; i < kFrames; ++i) {
+      const auto t = static_cast<double>(i);
+      low_[i] = 0.4 * std::sin(0.05 * t) * std::exp(-static_cast<double>(i % 4000) / 1500.0);
+      high_[i] = 0.3 * std::sin(0.7 * t + 1e-5 * t * t) *
+                 std::exp(-static_cast<double>((i + 1700) % 3100) / 400.0);
+      if (i >= 40) late_[i] = high_[i - 40];
+      mix_[i] = std::tanh(1.3 * (low_[i] + high_[i]));
+    }
+    request_.sample_rate = 2000;
+    request_.mix = {mix_, mix_};
+    request_.taps = {{"Low", {low_, low_}}, {"High", {late_, late_}}};
+    request_.temporary_folder = scratch_.path();
+  }
+
+  testing::TemporaryFolder scratch_;
+  Signal low_, high_, late_, mix_;
+  RenderRequest request_;
+};
+
+TEST_F(Embedding, StemsAddUpAndProgressRises) {
+  std::vector<double> seen;
+  request_.progress = [&](double done) {
+    seen.push_back(done);
+    return true;
+  };
+  const RenderResult result = render(request_);
+  ASSERT_EQ(result.stems.size(), 2U);
+  EXPECT_EQ(result.stems[1].name, "High");
+  EXPECT_LT(result.null_peak, -140.0);
+  ASSERT_EQ(result.moved.size(), 1U);
+  EXPECT_EQ(result.moved[0].name, "High");
+  EXPECT_EQ(result.moved[0].samples, -40);
+  for (std::size_t i = 0; i < kFrames; ++i) {
+    const double sum = static_cast<double>(result.stems[0].channels[0][i]) +
+                       static_cast<double>(result.stems[1].channels[0][i]);
+    ASSERT_NEAR(sum, mix_[i], 1e-7);
+  }
+  EXPECT_TRUE(std::ranges::is_sorted(seen));
+  EXPECT_EQ(seen.front(), 0.0);
+  EXPECT_EQ(seen.back(), 1.0);
+  EXPECT_GT(seen.size(), 20U);
+
+  request_.start = 9000;
+  request_.stop = 9500;
+  request_.processors = 1;
+  const RenderResult part = render(request_);
+  ASSERT_EQ(part.stems[0].channels[1].size(), 500U);
+  EXPECT_NEAR(part.stems[1].channels[0][0], result.stems[1].channels[0][9000], 1e-6F);
+}
+
+TEST_F(Embedding, EndsWhenTheCallerWantsNoMore) {
+  std::size_t calls = 0;
+  request_.progress = [&](double) { return ++calls < 5; };
+  EXPECT_THROW(render(request_), RenderCancelled);
+  EXPECT_LT(calls, 8U);
+  EXPECT_TRUE(std::filesystem::is_empty(scratch_.path()));
+}
+
+TEST_F(Embedding, RefusesWhatDoesNotFit) {
+  const auto refusal = [](const RenderRequest& request) {
+    try {
+      render(request);
+    } catch (const RenderError& error) {
+      return std::string(error.what());
+    }
+    return std::string("rendered");
+  };
+  RenderRequest other = request_;
+  other.taps[1].channels.pop_back();
+  EXPECT_THAT(refusal(other), ::testing::HasSubstr("\"High\": must have as many channels"));
+  other = request_;
+  other.mix[1] = other.mix[1].first(100);
+  EXPECT_THAT(refusal(other), ::testing::HasSubstr("one length"));
+  other = request_;
+  other.start = kFrames;
+  EXPECT_THAT(refusal(other), ::testing::HasSubstr("empty"));
+  other = request_;
+  other.taps.clear();
+  EXPECT_THAT(refusal(other), ::testing::HasSubstr("at least one tap"));
+  low_[77] = NAN;
+  EXPECT_NE(refusal(request_), "rendered");
+}
+
+}  // namespace
+}  // namespace verdel
