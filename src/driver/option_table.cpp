@@ -83,7 +83,8 @@ std::vector<OptionEntry> entries_of_table(const OptionTable<Record>& table) {
                              .metavar = std::move(metavar),
                              .hidden = option.hidden,
                              .required = option.required,
-                             .help = option.help});
+                             .help = option.help,
+                             .path = option.path});
         },
         option.field);
   }
@@ -95,14 +96,20 @@ OptionTable<Options> make_option_table() {
       {.name = "--mix",
        .field = &Options::mix,
        .help = "the finished mix. Found automatically if there is exactly one audio file in the "
-               "mix folder."},
-      {.name = "--taps", .field = &Options::taps, .help = "folder of taps. Found automatically."},
+               "mix folder.",
+       .path = PathKind::kFile},
+      {.name = "--taps",
+       .field = &Options::taps,
+       .help = "folder of taps. Found automatically.",
+       .path = PathKind::kFolder},
       {.name = "--out",
        .field = &Options::out,
-       .help = "where the stems go. Defaults to <project>/out."},
+       .help = "where the stems go. Defaults to <project>/out.",
+       .path = PathKind::kFolder},
       {.name = "--project",
        .field = &Options::project,
-       .help = "folder holding your mix and taps folders"},
+       .help = "folder holding your mix and taps folders",
+       .path = PathKind::kFolder},
       {.name = "--gain-model",
        .field = &Options::gain_model,
        .help = "shared gain model (legacy default: multiband)",
@@ -228,9 +235,9 @@ OptionTable<Options> make_option_table() {
 
 OptionTable<ShippingOptions> make_shipping_option_table() {
   return {
-      {.name = "--mix", .field = &ShippingOptions::mix, .required = true},
-      {.name = "--taps", .field = &ShippingOptions::taps},
-      {.name = "--out", .field = &ShippingOptions::out},
+      {.name = "--mix", .field = &ShippingOptions::mix, .required = true, .path = PathKind::kFile},
+      {.name = "--taps", .field = &ShippingOptions::taps, .path = PathKind::kFolder},
+      {.name = "--out", .field = &ShippingOptions::out, .path = PathKind::kFolder},
       {.name = "--excerpt-start", .field = &ShippingOptions::excerpt_start},
       {.name = "--excerpt-len", .field = &ShippingOptions::excerpt_len},
       {.name = "--suggest-excerpt", .field = &ShippingOptions::suggest_excerpt},
@@ -242,11 +249,16 @@ OptionTable<ShippingOptions> make_shipping_option_table() {
 
 OptionTable<VerifyOptions> make_verify_option_table() {
   return {
-      {.name = "--mix", .field = &VerifyOptions::mix, .help = "the finished mix", .required = true},
+      {.name = "--mix",
+       .field = &VerifyOptions::mix,
+       .help = "the finished mix",
+       .required = true,
+       .path = PathKind::kFile},
       {.name = "--stems",
        .field = &VerifyOptions::stems,
        .help = "folder of the stems, whoever wrote them",
-       .required = true},
+       .required = true,
+       .path = PathKind::kFolder},
       {.name = "--excerpt-start",
        .field = &VerifyOptions::excerpt_start,
        .help = "where in the mix the stems of an excerpt begin, in seconds"},

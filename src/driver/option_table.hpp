@@ -17,6 +17,9 @@ namespace verdel {
 /// A flag takes no value; a list takes one each time it is used and keeps them all.
 enum class OptionKind { kFlag, kText, kWhole, kReal, kList };
 
+/// Which names of the file system an option takes, for those who help with typing.
+enum class PathKind { kNone, kFile, kFolder };
+
 using OptionValue = std::variant<bool, std::int64_t, double, std::string>;
 
 /// One option, free of the record that it fills.
@@ -29,6 +32,7 @@ struct OptionEntry {
   bool hidden;                            ///< works, but help does not show it
   bool required;
   std::string_view help;
+  PathKind path = PathKind::kNone;
 };
 
 /// Where an option's value goes; the member's type decides its kind, its initial value the default.
@@ -47,6 +51,7 @@ struct Option {
   std::string_view metavar = {};  ///< empty: made from the name
   bool hidden = false;
   bool required = false;
+  PathKind path = PathKind::kNone;
 };
 
 template <class Record>

@@ -1,0 +1,10 @@
+# find_package(verdel) brings the library verdel::verdel.
+include(CMakeFindDependencyMacro)
+find_dependency(Threads)
+find_dependency(fmt)
+find_dependency(ICU COMPONENTS uc)
+find_dependency(PkgConfig)
+pkg_check_modules(SNDFILE REQUIRED IMPORTED_TARGET sndfile)
+pkg_check_modules(FFTW REQUIRED IMPORTED_TARGET fftw3)
+pkg_check_modules(FFTWF REQUIRED IMPORTED_TARGET fftw3f)
+include(${CMAKE_CURRENT_LIST_DIR}/verdel-targets.cmake)
