@@ -103,8 +103,9 @@ void print(const Results& results) {
   fmt::print("{:.1f} s of {:.1f} s, {} stems, {} channels, {} Hz, null {:.1f} dB\n",
              results.output_seconds, results.seconds, results.stems, results.channels, results.sr,
              results.null_peak);
-  fmt::print("{} processors: {} channels at once, {} intervals of each\n\n", results.processors,
-             results.channels_at_once, results.intervals_at_once);
+  fmt::print("{} processors: {} channels at once, {} intervals of each; {} kernels\n\n",
+             results.processors, results.channels_at_once, results.intervals_at_once,
+             results.instruction_set);
   fmt::print("{:<18}{:>10}{:>10}{:>12}{:>14}\n", "stage", "wall, s", "cpu, s", "system, s",
              "memory, MiB");
   for (const StageCost& cost : results.stages) {

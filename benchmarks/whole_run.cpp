@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <map>
 #include <memory>
 #include <numeric>
 #include <stdexcept>
@@ -30,6 +31,7 @@
 #include "inputs/levels.hpp"
 #include "measures.hpp"
 #include "results.hpp"
+#include "signal/instruction_sets.hpp"
 #include "support/errors.hpp"
 
 // Renders a project as the engine does, stage by stage, and tells what each stage cost. The stems
@@ -40,8 +42,10 @@ namespace {
 constexpr double kNullThreshold = -140.0;  // dBFS
 
 constexpr const char* kUsage =
-    "usage: verdel-bench PROJECT [--no-report] [--processors N] [--excerpt SECONDS] [--json FILE]\n"
+    "usage: verdel-bench PROJECT [--no-report] [--processors N] [--excerpt SECONDS]\n"
+    "                    [--kernels baseline|avx2|avx512] [--json FILE]\n"
     "  --processors: play a machine with so many; --excerpt: from the middle of the song\n"
+    "  --kernels: the instruction set of the engine's own kernels; the best one without it\n"
     "Exit status: 3 if the machine is too small for the render.\n";
 constexpr int kTooLarge = 3;
 
@@ -124,6 +128,7 @@ Results results_of_job(const Run& run, const Mix& mix, std::size_t stems, Output
   results.channels = mix.channels();
   results.sr = mix.sr;
   results.processors = run.machine.processors();
+  results.instruction_set = name_of(instruction_set());
   results.channels_at_once =
       _c14_channel_worker_count(mix.frames(), range.length(), stems, mix.channels(), run.machine);
   results.intervals_at_once =
@@ -218,6 +223,17 @@ double positive_number(const std::string& text) {
   return value;
 }
 
+InstructionSet instruction_set_of(const std::string& word) {
+  const std::map<std::string, InstructionSet> sets = {{"baseline", InstructionSet::kBaseline},
+                                                      {"avx2", InstructionSet::kAvx2},
+                                                      {"avx512", InstructionSet::kAvx512}};
+  const auto found = sets.find(word);
+  if (found == sets.end() || found->second > best_instruction_set()) {
+    throw std::invalid_argument("this processor has no instruction set “" + word + "”");
+  }
+  return found->second;
+}
+
 Arguments parse(const std::vector<std::string>& words) {
   Arguments arguments;
   for (std::size_t i = 0; i < words.size(); ++i) {
@@ -232,6 +248,8 @@ Arguments parse(const std::vector<std::string>& words) {
       arguments.processors = static_cast<std::size_t>(std::ceil(positive_number(value())));
     } else if (word == "--excerpt") {
       arguments.excerpt = positive_number(value());
+    } else if (word == "--kernels") {
+      use_instruction_set(instruction_set_of(value()));
     } else if (word == "--json") {
       arguments.json = value();
     } else if (arguments.project.empty() && !word.starts_with("-")) {
