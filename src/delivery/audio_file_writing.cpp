@@ -1,6 +1,5 @@
 #include "delivery/audio_file_writing.hpp"
 
-#include <fcntl.h>
 #include <sndfile.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -8,14 +7,10 @@
 #include <algorithm>
 #include <cassert>
 #include <cerrno>
-#include <cstdio>
-#include <filesystem>
 #include <limits>
-#include <random>
-#include <string_view>
-#include <utility>
 #include <vector>
 
+#include "delivery/unfinished_file.hpp"
 #include "inputs/byte_source.hpp"
 #include "support/errors.hpp"
 
@@ -27,74 +22,6 @@ constexpr std::size_t kBlockSamples = 65536;  // all channels together; 256 KiB 
 // channels.
 constexpr std::uint64_t kHeaderAllowance = 4096;
 constexpr std::uint64_t kSampleBytes = sizeof(float);
-
-std::string cannot_write(const std::string& target) {
-  return "cannot write " + quoted_path(target);
-}
-
-std::string folder_of(const std::string& path) {
-  const std::string folder = std::filesystem::path(path).parent_path().string();
-  return folder.empty() ? "." : folder;
-}
-
-std::string unfinished_name() {
-  constexpr std::string_view kLetters = "abcdefghijklmnopqrstuvwxyz0123456789";
-  std::random_device random;
-  std::uniform_int_distribution<std::size_t> letter(0, kLetters.size() - 1);
-  std::string name = kUnfinishedPrefix;
-  for (int i = 0; i < 8; ++i) name += kLetters[letter(random)];
-  return name + kUnfinishedSuffix;
-}
-
-// The file under its temporary name. Creation and removal of such files stand here and nowhere
-// else.
-class UnfinishedFile {
- public:
-  explicit UnfinishedFile(const std::string& target) : target_(target) {
-    const std::string folder = folder_of(target);
-    constexpr int kMostClashes = 100;
-    for (int attempt = 0; descriptor_ < 0; ++attempt) {
-      path_ = folder + "/" + unfinished_name();
-      descriptor_ = open(path_.c_str(), O_CREAT | O_EXCL | O_RDWR | O_CLOEXEC, 0666);
-      if (descriptor_ < 0 && (errno != EEXIST || attempt == kMostClashes)) refuse(errno);
-    }
-  }
-  ~UnfinishedFile() {
-    if (descriptor_ >= 0) close(descriptor_);
-    if (!path_.empty()) unlink(path_.c_str());
-  }
-  UnfinishedFile(const UnfinishedFile&) = delete;
-  UnfinishedFile& operator=(const UnfinishedFile&) = delete;
-
-  int descriptor() const { return descriptor_; }
-
-  // Renames only what the disk holds: otherwise a crash could leave the name on an empty file.
-  void take_target_name() {
-    while (fsync(descriptor_) != 0) {
-      if (errno == EINVAL || errno == ENOTSUP) break;  // a file system that cannot say
-      if (errno != EINTR) refuse(errno);
-    }
-    // Network file systems report a full disk no earlier than here.
-    if (close(std::exchange(descriptor_, -1)) != 0 && errno != EINTR) refuse(errno);
-    if (std::rename(path_.c_str(), target_.c_str()) != 0) refuse(errno);
-    path_.clear();
-    sync_folder();
-  }
-
-  [[noreturn]] void refuse(int error) const { throw OSError(cannot_write(target_), error); }
-
- private:
-  // Makes the new name last; where folders cannot be synced, the file is complete all the same.
-  void sync_folder() const {
-    const int folder = open(folder_of(target_).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (folder < 0) return;
-    fsync(folder);
-    close(folder);
-  }
-
-  std::string target_, path_;
-  int descriptor_ = -1;
-};
 
 // The library's way to the file. It reports a full disk by a short count in one place and not at
 // all in another, so the system's first refusal is kept here and asked for after every call.
@@ -219,7 +146,7 @@ class AudioFileWriter::Output {
   }
   [[noreturn]] void refuse(const std::string& reason) const {
     require_no_error();
-    throw OSError(cannot_write(target_) + ": " + reason);
+    throw OSError("cannot write " + quoted_path(target_) + ": " + reason);
   }
 
   std::string target_;

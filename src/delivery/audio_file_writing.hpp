@@ -24,15 +24,10 @@ struct AudioFileFormat {
   WavContainer container = wav_container(channels, frames);
 };
 
-/// Beginning and end of the names under which files are written until they are complete; between
-/// them stand 8 letters or digits.
-inline constexpr const char* kUnfinishedPrefix = ".verdel-";
-inline constexpr const char* kUnfinishedSuffix = ".part";
-
 /// Writes one 32-bit float file, whole or not at all. The samples go to a file of their own in the
 /// target's folder, which takes the target's name in one step once everything is on the disk:
 /// until then what stood under the name stays as it was, and without commit() the new file leaves
-/// no trace. The same samples give the same bytes at any time.
+/// no trace (see unfinished_file.hpp). The same samples give the same bytes at any time.
 ///
 /// Errors: OSError with the target's name and the reason, the system's own where it has one (a full
 /// disk, a folder in the way); also for a number of frames other than announced. Cancelled by a

@@ -21,9 +21,16 @@ constexpr double kFullRateSeconds = 1.5;
 
 // A small part of the envelopes' window of 20 ms, and of the ripple that low notes leave on them.
 constexpr std::size_t kEnvelopeCell = 16;
+constexpr double kEnvelopeSeconds = 0.02;
 
 // Above this the end of a song is too small a part of it to be worth a slice of that length.
 constexpr std::size_t kLongestCircle = std::size_t{1} << 22;
+
+// At rates of some hundred hertz the window itself is shorter than such a cell.
+std::size_t envelope_cell(int sr) {
+  const auto window = static_cast<std::size_t>(kEnvelopeSeconds * sr);
+  return std::bit_floor(std::clamp<std::size_t>(window, 1, kEnvelopeCell));
+}
 
 std::size_t round_up(std::size_t value, std::size_t step) {
   return (value + step - 1) / step * step;
@@ -63,7 +70,7 @@ SlicePlan plan_slices(std::size_t frames, int sr, std::size_t nfft) {
             .context = (circle - frames) / 2,
             .core = frames,
             .count = 1,
-            .cell = kEnvelopeCell};
+            .cell = envelope_cell(sr)};
   }
   const std::size_t longest = kLongestSlice * std::bit_ceil((second + kPlainRate - 1) / kPlainRate);
   const std::size_t longest_core = (longest - 2 * context) / kEnvelopeCell * kEnvelopeCell;
@@ -74,7 +81,7 @@ SlicePlan plan_slices(std::size_t frames, int sr, std::size_t nfft) {
           .context = context,
           .core = core,
           .count = count,
-          .cell = kEnvelopeCell};
+          .cell = envelope_cell(sr)};
 }
 
 std::size_t good_transform_length(std::size_t least) {

@@ -13,6 +13,7 @@
 
 #include "delivery/audio_file_writing.hpp"
 #include "delivery/coordinated_float32.hpp"
+#include "delivery/unfinished_file.hpp"
 #include "delivery/verification.hpp"
 #include "inputs/byte_source.hpp"
 #include "inputs/levels.hpp"
@@ -86,6 +87,7 @@ DeliveryVerdict write_render_outputs(const RenderOutputs& outputs, const LineSin
   const std::string null_file = join(outputs.out, "_NULL_RESIDUAL.wav");
 
   make_folder(outputs.out);
+  sweep_unfinished_files(outputs.out);
   for (const auto& file : files) require_replaceable(file.path);
   if (outputs.write_null) require_replaceable(null_file);
 

@@ -29,7 +29,8 @@ struct DeliveryVerdict {
 /// Writes one 32-bit float file per stem into the folder (made with its parents if need be), each
 /// under its own name only once it is complete, then reads all of them back and measures what the
 /// mix has beyond their sum. A line per stem and the verdict go to `line`; `report`, which may be
-/// empty, is called between the two. Complete files stay whatever happens afterwards.
+/// empty, is called between the two. Complete files stay whatever happens afterwards; unfinished
+/// ones that a killed run has left in the folder are removed.
 ///
 /// Errors: OSError naming the file or folder that cannot be written; those of
 /// _coordinated_float32_delivery before any file is written; those of written_residual.

@@ -2,6 +2,8 @@
 
 #include <string>
 
+#include "support/temporary.hpp"
+
 namespace verdel {
 
 /// A directory of its own (mode 0700) inside `parent`, called `prefix` and some random letters; it
@@ -9,14 +11,11 @@ namespace verdel {
 class TemporaryDirectory {
  public:
   TemporaryDirectory(const std::string& parent, const std::string& prefix);
-  ~TemporaryDirectory();
-  TemporaryDirectory(const TemporaryDirectory&) = delete;
-  TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
 
-  const std::string& path() const { return path_; }
+  const std::string& path() const { return directory_.path(); }
 
  private:
-  std::string path_;
+  Temporary directory_;
 };
 
 }  // namespace verdel

@@ -33,6 +33,19 @@ TEST(Programs, HelpGoesToStandardOutput) {
   }
 }
 
+TEST(Programs, TheVersionIsAskedForInOneWayOnly) {
+  const std::string version = testing::bytes_of(VERDEL_SOURCE_ROOT "/VERSION");
+  for (const std::string program : {"verdel", "verdel-engine", "verdel-verify"}) {
+    const auto result = run_program({.program = program, .arguments = {"--version"}});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.err, "");
+    EXPECT_EQ(result.out, program + " " + version);
+    for (const Arguments& other : {Arguments{"--versio"}, {"--version", "--version"}}) {
+      EXPECT_EQ(run_program({.program = program, .arguments = other}).status, 2) << program;
+    }
+  }
+}
+
 TEST(Programs, ACommandLineThatCannotBeFollowedIsStatusTwo) {
   const struct {
     const char* program;
@@ -95,6 +108,7 @@ struct Fault {
   const char* error;         ///< regular expression for the whole error stream
   Arguments arguments = {};  ///< beside mix, taps and out
   std::string environment = {};
+  std::string prefix = {};
 };
 
 TEST(Programs, AFaultEndsTheRunWithItsWordsAndNothingWritten) {
@@ -133,6 +147,12 @@ TEST(Programs, AFaultEndsTheRunWithItsWordsAndNothingWritten) {
        "VERDEL_C14_PROJECTION_WORKERS must be a positive integer\n",
        {},
        "VERDEL_C14_PROJECTION_WORKERS=many"},
+      {"no file beyond 16 kB",
+       nothing,
+       "cannot reserve .*: File too large\n",
+       {},
+       {},
+       "sh -c 'ulimit -f 16; exec \"$@\"' sh"},
       {"stems over taps", nothing, "“taps/a.wav” would be overwritten.*\n", {"--out", "taps"}},
   };
   for (const Fault& fault : kFaults) {
@@ -144,7 +164,8 @@ TEST(Programs, AFaultEndsTheRunWithItsWordsAndNothingWritten) {
     const ProgramResult result = run_program({.program = "verdel-engine",
                                               .arguments = arguments,
                                               .folder = project.path(),
-                                              .environment = fault.environment});
+                                              .environment = fault.environment,
+                                              .prefix = fault.prefix});
     EXPECT_EQ(result.status, 1) << fault.what;
     EXPECT_THAT(result.err, MatchesRegex(fault.error)) << fault.what;
     EXPECT_THAT(result.out, ::testing::Not(HasSubstr("PASS"))) << fault.what;
@@ -165,14 +186,123 @@ TEST(Programs, WhatCannotBeFoundIsSaid) {
   }
 }
 
-TEST(Programs, AReaderThatIsGoneIsAFailureOfWriting) {
+TEST(Programs, StandardOutputThatTakesNothingIsAFailureOfWriting) {
   const SmallProject project({"a", "b"});
-  for (const Arguments& more : {Arguments{}, Arguments{"--progress-json"}}) {
-    fs::remove_all(project.out());
+  const struct {
+    const char* redirections;
+    bool reader_is_gone;
+    const char* reason;
+  } kCases[] = {{"", true, "Broken pipe"},
+                {">/dev/full", false, "No space left on device"},
+                {">&-", false, "Bad file descriptor"}};
+  for (const auto& c : kCases) {
+    if (std::string(c.redirections) == ">/dev/full" && !fs::exists("/dev/full")) continue;
+    for (const Arguments& more : {Arguments{}, Arguments{"--progress-json"}}) {
+      fs::remove_all(project.out());
+      const auto result = run_program({.program = "verdel-engine",
+                                       .arguments = project.render(more),
+                                       .redirections = c.redirections,
+                                       .reader_is_gone = c.reader_is_gone});
+      EXPECT_EQ(result.status, 1);
+      EXPECT_EQ(result.err, std::string("cannot write to standard output: ") + c.reason + "\n");
+      // With progress it shows before there is anything to deliver. The lines that nobody could
+      // read have not gone into a stem.
+      EXPECT_EQ(fs::exists(project.out()), more.empty()) << c.reason;
+      for (const char* stem : {"/a.wav", "/b.wav"}) {
+        if (more.empty()) {
+          EXPECT_EQ(testing::bytes_of(project.out() + stem).substr(0, 4), "RIFF");
+        }
+      }
+    }
+  }
+}
+
+/// Whether this system lets the test mount file systems of its own, in a namespace of its own.
+bool can_mount() {
+  return std::system("unshare -rm mount -t tmpfs none /tmp 2>/dev/null") == 0;
+}
+
+// A volume that is full, or refuses, at one place and then at the next: one line that names what
+// could not be written, stems of an earlier run whole, nothing of this one left.
+TEST(Programs, AVolumeThatRefusesIsOneLineAndLosesNothing) {
+  if (!can_mount()) GTEST_SKIP() << "NOT TESTED: no file system can be mounted here";
+  const SmallProject project({"a", "b"});  // stems of 96 kB
+  const struct {
+    const char* folder;
+    const char* mount;  ///< options
+    const char* error;
+    std::size_t new_stems;
+  } kCases[] = {
+      {"out", "size=8k", "cannot write “out/a.wav”: No space left on device\n", 0},
+      {"out", "size=60k", "cannot write “out/a.wav”: No space left on device\n", 0},
+      {"out", "size=120k", "cannot write “out/b.wav”: No space left on device\n", 1},
+      {"out", "size=192k", "cannot write “out/b.wav”: No space left on device\n", 1},
+      {"out", "nr_inodes=3", "cannot write “out/a.wav”: No space left on device\n", 0},
+      {"out", "remount,ro", "cannot write “out/a.wav”: Read-only file system\n", 0},
+      {"tmp", "size=8k", "cannot reserve 0 MiB of temporary space for .*: No space left.*\n", 0},
+      {"tmp", "size=2m", "cannot reserve [0-9] MiB of temporary .*: No space left.*\n", 0},
+      {"tmp", "nr_inodes=1", "cannot create a temporary directory in .*: No space left.*\n", 0},
+      {"tmp", "remount,ro", "cannot create a temporary directory in .*: Read-only.*\n", 0},
+  };
+  fs::create_directory(project.path("tmp"));
+  fs::create_directory(project.path("out"));
+  for (const auto& c : kCases) {
+    const std::string folder = project.path(c.folder), options = c.mount;
+    // The volume is there for the program alone, so its files are listed before it is gone.
+    std::string script =
+        "mount -t tmpfs none " + folder + " && echo old >out/a.wav && echo old >out/b.wav";
+    script +=
+        " && mount -o remount," + options + " " + folder + " && { \"$@\"; status=$?; cd out; ";
+    script += "ls -A . ../tmp >&3; wc -c <a.wav >&3; wc -c <b.wav >&3; exit $status; }";
     const auto result = run_program(
-        {.program = "verdel-engine", .arguments = project.render(more), .reader_is_gone = true});
-    EXPECT_EQ(result.status, 1);
-    EXPECT_EQ(result.err, "cannot write to standard output: Broken pipe\n");
+        {.program = "verdel",
+         .arguments = {"--mix", "mix.wav", "--taps", "taps", "--out", "out", "--no-report"},
+         .folder = project.path(),
+         .environment = "TMPDIR=" + project.path("tmp"),
+         .prefix = "unshare -rm sh -c '" + script + "' sh",
+         .redirections = "3>listing"});
+    EXPECT_EQ(result.status, 1) << c.mount;
+    EXPECT_THAT(result.err, MatchesRegex(c.error)) << c.mount;
+    const auto size = [&](std::size_t stem) { return c.new_stems > stem ? "96088" : "4"; };
+    const std::string listing = testing::bytes_of(project.path("listing"));
+    EXPECT_EQ(listing,
+              ".:\na.wav\nb.wav\n\n../tmp:\n" + std::string(size(0)) + "\n" + size(1) + "\n")
+        << c.mount;
+  }
+}
+
+// 39 taps that fail as soon as one of them is decoded, and a last one whose header does not fit.
+TEST(Programs, TheLastTapsHeaderIsReadBeforeTheFirstTapIsDecoded) {
+  const SmallProject project({});
+  const auto sound = testing::test_sound(2, 12000);
+  for (int tap = 10; tap < 49; ++tap) {
+    const std::string path = project.path("taps/" + std::to_string(tap) + ".flac");
+    testing::write_audio(path, sound, 8000, SF_FORMAT_FLAC | SF_FORMAT_PCM_16);
+    std::string bytes = testing::bytes_of(path);
+    testing::write_bytes(path, bytes.replace(bytes.size() / 2, 40, 40, '\0'));
+  }
+  project.write_tap("last.wav", sound, 48000);
+  const auto run = [&] {
+    return run_program(
+        {.program = "verdel-engine", .arguments = project.render({"--progress-json"})});
+  };
+  EXPECT_EQ(run().err, "last: 48000 Hz but mix is 8000 Hz\n");
+  EXPECT_THAT(run().out, EndsWith("\n\nmix   mix.wav  8000 Hz  2ch  1.5s\n"));
+  project.write_tap("last.wav", sound);
+  EXPECT_THAT(run().err, HasSubstr("/taps/10.flac” is damaged or cut short"));
+}
+
+TEST(Programs, ANameCannotForgeALineOfTheProtocol) {
+  const SmallProject project({"Kick\nexcerpt-start-sample: 7 of 7", "b\r\tc"});
+  fs::rename(project.mix_path(), project.path("m\nalignment-json: {}.wav"));
+  const auto result = run_program(
+      {.program = "verdel",
+       .arguments = {"--mix", "m\nalignment-json: {}.wav", "--taps", "taps", "--out", "out"},
+       .folder = project.path()});
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_THAT(result.out, HasSubstr("\nstem  Kick\\x0Aexcerpt-start-sample: 7 of 7 peak "));
+  for (const std::string& line : testing::lines_of(result.out)) {
+    EXPECT_FALSE(line.starts_with("excerpt-") || line.starts_with("alignment-")) << line;
   }
 }
 

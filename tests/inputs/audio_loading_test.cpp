@@ -111,12 +111,15 @@ class LoadStems : public ::testing::Test {
     testing::write_audio(folder.path(name), test_sound(channels, frames), sr,
                          name.ends_with("flac") ? kFlac : kWav);
   }
-  std::string load() {
+  std::string load(const std::function<void()>& at_first_line = {}) {
     loading.folder = folder.path();
     lines.clear();
     stems.clear();
-    return failure_of<std::runtime_error>([this] {
-      stems = load_stem_inputs(loading, [this](auto line) { lines.emplace_back(line); });
+    return failure_of<std::runtime_error>([&] {
+      stems = load_stem_inputs(loading, [&](auto line) {
+        lines.emplace_back(line);
+        if (at_first_line && lines.size() == 1) at_first_line();
+      });
     });
   }
 
@@ -198,6 +201,24 @@ TEST_F(LoadStems, SeesEveryHeaderBeforeItDecodesAnything) {
   EXPECT_THAT(load(), HasSubstr("/z.flac” is damaged or cut short"));
   write("z.flac", 20000);
   EXPECT_THAT(load(), HasSubstr("/a.flac” is damaged or cut short"));
+}
+
+// The warning about a tap's length comes between planning and loading.
+TEST_F(LoadStems, NamesATapThatVanishesOrShrinksOnTheWay) {
+  loading.mix_frames = 20000;
+  for (const std::string changed : {"a.wav", "c.wav"}) {
+    write("a.wav", 20000);
+    write("b.wav", 19000);
+    write("c.wav", 20000);
+    const std::string path = folder.path(changed);
+    EXPECT_EQ(load([&] { std::filesystem::remove(path); }),
+              "cannot open “" + path + "”: No such file or directory");
+    write(changed, 20000);
+    EXPECT_THAT(load([&] { cut(path); }), HasSubstr("“" + path + "” is cut short"));
+    write(changed, 20000);
+    EXPECT_EQ(load([&] { write(changed, 20000, 500); }),
+              changed.substr(0, 1) + ": 500 Hz but mix is 1000 Hz");
+  }
 }
 
 }  // namespace

@@ -1,0 +1,130 @@
+#include "delivery/unfinished_file.hpp"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <random>
+#include <string_view>
+#include <vector>
+
+#include "inputs/byte_source.hpp"
+#include "inputs/folder.hpp"
+#include "inputs/path_text.hpp"
+#include "support/errors.hpp"
+
+namespace verdel {
+namespace {
+
+// The name of an unfinished file: this, some random letters, and that.
+constexpr std::string_view kPrefix = ".verdel-", kSuffix = ".part";
+constexpr std::string_view kLetters = "abcdefghijklmnopqrstuvwxyz0123456789";
+constexpr std::size_t kRandomLetters = 8;
+
+std::string folder_of(const std::string& path) {
+  const std::string folder = dirname(path);
+  return folder.empty() ? "." : folder;
+}
+
+std::string unfinished_name() {
+  std::random_device random;
+  std::uniform_int_distribution<std::size_t> letter(0, kLetters.size() - 1);
+  std::string name(kPrefix);
+  for (std::size_t i = 0; i < kRandomLetters; ++i) name += kLetters[letter(random)];
+  return name.append(kSuffix);
+}
+
+bool is_unfinished_name(std::string_view name) {
+  return name.size() == kPrefix.size() + kRandomLetters + kSuffix.size() &&
+         name.starts_with(kPrefix) && name.ends_with(kSuffix) &&
+         name.substr(kPrefix.size(), kRandomLetters).find_first_not_of(kLetters) == name.npos;
+}
+
+// Whether the path still leads to the open file, and that is a regular one.
+bool is_named(int descriptor, const std::string& path) {
+  struct stat opened {
+  }, named{};
+  return fstat(descriptor, &opened) == 0 && lstat(path.c_str(), &named) == 0 &&
+         S_ISREG(named.st_mode) && opened.st_dev == named.st_dev && opened.st_ino == named.st_ino;
+}
+
+// Locks a new file; false if a sweep was quicker. On a file system without locks there is none,
+// and no sweep either.
+bool lock_new_file(int descriptor, const std::string& path) {
+  if (flock(descriptor, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) return false;
+  struct stat status {};
+  return lstat(path.c_str(), &status) == 0;
+}
+
+void sweep(const std::string& path) {
+  // Open for writing, because some network file systems lock nothing else.
+  const int descriptor = open(path.c_str(), O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+  if (descriptor < 0) return;
+  // Once it is locked nobody writes it, but its writer may just have given it its final name.
+  if (flock(descriptor, LOCK_EX | LOCK_NB) == 0 && is_named(descriptor, path)) {
+    unlink(path.c_str());
+  }
+  close(descriptor);
+}
+
+// Makes a new name last; where folders cannot be synced, the file is complete all the same.
+void sync_folder(const std::string& path) {
+  const int folder = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (folder < 0) return;
+  fsync(folder);
+  close(folder);
+}
+
+}  // namespace
+
+UnfinishedFile::UnfinishedFile(const std::string& target)
+    : target_(target), file_([this] { return create(); }) {}
+
+UnfinishedFile::~UnfinishedFile() {
+  close(descriptor_);
+}
+
+std::string UnfinishedFile::create() {
+  constexpr int kMostClashes = 100;
+  for (int attempt = 0;; ++attempt) {
+    std::string path = join(folder_of(target_), unfinished_name());
+    descriptor_ = open(path.c_str(), O_CREAT | O_EXCL | O_RDWR | O_CLOEXEC, 0666);
+    if (descriptor_ >= 0 && lock_new_file(descriptor_, path)) return path;
+    const int error = descriptor_ >= 0 ? EEXIST : errno;
+    if (descriptor_ >= 0) close(descriptor_);
+    if (error != EEXIST || attempt == kMostClashes) refuse(error);
+  }
+}
+
+void UnfinishedFile::take_target_name() {
+  // Renames only what the disk holds: otherwise a crash could leave the name on an empty file.
+  while (fsync(descriptor_) != 0) {
+    if (errno == EINVAL || errno == ENOTSUP) break;  // a file system that cannot say
+    if (errno != EINTR) refuse(errno);
+  }
+  // Some network file systems report a full disk no earlier than on closing. The descriptor itself
+  // keeps the lock until the name is taken.
+  const int copy = fcntl(descriptor_, F_DUPFD_CLOEXEC, 0);
+  if (copy >= 0 && close(copy) != 0 && errno != EINTR) refuse(errno);
+  file_.hand_over([this] {
+    if (std::rename(file_.path().c_str(), target_.c_str()) != 0) refuse(errno);
+  });
+  sync_folder(folder_of(target_));
+}
+
+void UnfinishedFile::refuse(int error) const {
+  throw OSError("cannot write " + quoted_path(target_), error);
+}
+
+void sweep_unfinished_files(const std::string& folder) try {
+  for (const std::string& name : list_folder(folder)) {
+    if (is_unfinished_name(name)) sweep(join(folder, name));
+  }
+} catch (const OSError&) {
+  // A folder that can be written to but not listed keeps its leftovers.
+}
+
+}  // namespace verdel

@@ -1,0 +1,41 @@
+#pragma once
+
+#include <string>
+
+#include "support/temporary.hpp"
+
+namespace verdel {
+
+/// A new, empty file in its target's folder, called ".verdel-", 8 lower-case letters or digits, and
+/// ".part". Its owner writes it and gives it the target's name; otherwise it goes with its owner.
+/// While it lives it is locked, which tells it from one that a killed process has left behind.
+class UnfinishedFile {
+ public:
+  /// Throws OSError, as take_target_name(), with the target's name and the system's reason.
+  explicit UnfinishedFile(const std::string& target);
+  ~UnfinishedFile();
+  UnfinishedFile(const UnfinishedFile&) = delete;
+  UnfinishedFile& operator=(const UnfinishedFile&) = delete;
+
+  int descriptor() const { return descriptor_; }
+
+  /// Replaces what stands under the target's name in one step, once the disk holds all that was
+  /// written; the last call.
+  void take_target_name();
+
+  /// Throws what a refusal by the system comes to.
+  [[noreturn]] void refuse(int error) const;
+
+ private:
+  std::string create();
+
+  std::string target_;
+  int descriptor_ = -1;
+  Temporary file_;
+};
+
+/// Removes from a folder the unfinished files that no living process writes: regular files of such
+/// a name whose lock is free. What cannot be opened, or locked, or looked at stays.
+void sweep_unfinished_files(const std::string& folder);
+
+}  // namespace verdel
