@@ -4,9 +4,10 @@
 
 #include <algorithm>
 #include <limits>
-#include <span>
 #include <string_view>
 
+#include "inputs/alac_packets.hpp"
+#include "inputs/chunk_bytes.hpp"
 #include "support/errors.hpp"
 
 namespace verdel {
@@ -18,16 +19,6 @@ constexpr std::uint64_t kOnes64 = std::numeric_limits<std::uint64_t>::max();
 constexpr int kMostChunks = 65536;
 constexpr int kMostTags = 16;
 
-enum class Order { big, little };
-
-std::uint64_t number(std::span<const unsigned char> bytes, Order order) {
-  std::uint64_t value = 0;
-  for (std::size_t i = 0; i < bytes.size(); ++i) {
-    value = value << 8 | bytes[order == Order::big ? i : bytes.size() - 1 - i];
-  }
-  return value;
-}
-
 BytePatch number_patch(std::uint64_t offset, std::size_t count, std::uint64_t value, Order order) {
   BytePatch patch{offset, {}, count};
   for (std::size_t i = 0; i < count; ++i) {
@@ -36,23 +27,6 @@ BytePatch number_patch(std::uint64_t offset, std::size_t count, std::uint64_t va
   }
   return patch;
 }
-
-// The first bytes of something, as many as there are; the others are 0.
-template <std::size_t size>
-struct Bytes {
-  std::array<unsigned char, size> bytes{};
-  bool complete = false;
-
-  Bytes(const ByteSource& source, std::uint64_t offset) {
-    complete = offset <= source.size && source.read_at(offset, bytes) == size;
-  }
-  std::uint64_t at(std::size_t first, std::size_t count, Order order) const {
-    return number(std::span(bytes).subspan(first, count), order);
-  }
-  std::string_view text(std::size_t first, std::size_t count) const {
-    return {reinterpret_cast<const char*>(bytes.data()) + first, count};
-  }
-};
 
 // The walk over one file.
 class Walk {
@@ -86,7 +60,8 @@ class Walk {
     if (size > available(body)) fail_without_audio();
     return body + size;
   }
-  void require_pcm_frames(const Bytes<22>& common, bool is_compressible,
+  void require_plain_wav(std::uint64_t format, Order order) const;
+  void require_plain_aiff(const Bytes<22>& common, bool is_compressible,
                           std::uint64_t data_bytes) const;
 
   const ByteSource& source_;
@@ -101,6 +76,15 @@ bool is_open(std::uint64_t container_size, std::uint64_t ones, std::uint64_t aud
   constexpr std::uint64_t kContainerHeader = 8;
   const bool container_is_open = container_size == 0 || container_size == ones;
   return available > 0 && (container_is_open || container_size <= audio_start - kContainerHeader);
+}
+
+void Walk::require_plain_wav(std::uint64_t format, Order order) const {
+  constexpr std::uint64_t kExtensible = 0xFFFE;  // the encoding stands in its own place
+  constexpr std::array<std::uint64_t, 4> kPlain = {1, 3, 6, 7};  // PCM, float, A-law, mu-law
+  const Bytes<26> bytes(source_, format);
+  std::uint64_t encoding = bytes.at(0, 2, order);
+  if (encoding == kExtensible) encoding = bytes.at(24, 2, order);
+  if (std::find(kPlain.begin(), kPlain.end(), encoding) == kPlain.end()) fail_audio_encoding(path_);
 }
 
 AudioContainer Walk::wav(Order order) {
@@ -127,6 +111,7 @@ AudioContainer Walk::wav(Order order) {
       long_size_offset = body + 8;
       ones = kOnes64;
     }
+    if (heading.text(0, 4) == "fmt ") require_plain_wav(body, order);
     if (heading.text(0, 4) != "data") {
       position = behind(body, size + size % 2);
       continue;
@@ -150,16 +135,19 @@ AudioContainer Walk::wav(Order order) {
   fail_without_audio();
 }
 
-// Holds the frame count of a common chunk against the bytes of linear samples.
-void Walk::require_pcm_frames(const Bytes<22>& common, bool is_compressible,
+// Holds the frame count of a common chunk against the bytes of its samples.
+void Walk::require_plain_aiff(const Bytes<22>& common, bool is_compressible,
                               std::uint64_t data_bytes) const {
-  constexpr std::array<std::string_view, 12> kLinear = {"NONE", "sowt", "twos", "raw ",
-                                                        "fl32", "FL32", "fl64", "FL64",
-                                                        "in24", "in32", "42ni", "23ni"};
-  if (is_compressible &&
-      std::find(kLinear.begin(), kLinear.end(), common.text(18, 4)) == kLinear.end()) {
-    return;
-  }
+  // The last is what a widespread library makes of the one before.
+  constexpr std::array<std::string_view, 13> kLinear = {"NONE", "sowt", "twos", "raw ", "fl32",
+                                                        "FL32", "fl64", "FL64", "in24", "in32",
+                                                        "23ni", "42ni", "42n1"};
+  constexpr std::array<std::string_view, 4> kLogarithmic = {"ulaw", "ULAW", "alaw", "ALAW"};
+  const auto is_one_of = [&](const auto& names) {
+    return std::find(names.begin(), names.end(), common.text(18, 4)) != names.end();
+  };
+  if (is_compressible && is_one_of(kLogarithmic)) return;  // the sample size is not that on disk
+  if (is_compressible && !is_one_of(kLinear)) fail_audio_encoding(path_);
   const std::uint64_t frames = common.at(2, 4, Order::big);
   if (frames == kOnes32) return;
   const std::uint64_t sample_bytes = (common.at(6, 2, Order::big) + 7) / 8;
@@ -202,12 +190,18 @@ AudioContainer Walk::aiff() {
     position = behind(body, size + size % 2);
   }
   if (!found.data_bytes) fail_without_audio();
-  if (common) require_pcm_frames(*common, is_compressible, *found.data_bytes);
+  if (common) require_plain_aiff(*common, is_compressible, *found.data_bytes);
   return found;
 }
 
 AudioContainer Walk::caf() {
+  constexpr std::array<std::string_view, 4> kEncodings = {"lpcm", "ulaw", "alaw", "alac"};
   std::uint64_t position = 8;
+  const Bytes<24> description(source_, position);
+  const std::string_view format = description.text(20, 4);
+  if (description.text(0, 4) != "desc") fail_without_audio();
+  if (std::find(kEncodings.begin(), kEncodings.end(), format) == kEncodings.end())
+    fail_audio_encoding(path_);
   for (int chunk = 0; chunk < kMostChunks; ++chunk) {
     const Bytes<12> heading(source_, position);
     if (!heading.complete) break;
@@ -223,6 +217,11 @@ AudioContainer Walk::caf() {
     if (!open) require_available(size - kEditCount, present - kEditCount);
     AudioContainer found;
     found.data_bytes = (open ? present : size) - kEditCount;
+    if (format == "alac" && !alac_packets_are_sound(source_, *found.data_bytes)) {
+      throw RuntimeError(quoted_path(path_) +
+                         " is damaged or cut short: its table of packets makes no sense. Copy or "
+                         "bounce it again.");
+    }
     if (open) found.patches.push_back(number_patch(body - 8, 8, present, Order::big));
     return found;
   }
@@ -243,6 +242,12 @@ std::uint64_t end_of_tags(const ByteSource& source) {
 }
 
 }  // namespace
+
+void fail_audio_encoding(const std::string& path) {
+  throw RuntimeError(quoted_path(path) +
+                     " is compressed in a way that VERDEL does not read. Bounce it as PCM or "
+                     "floating point.");
+}
 
 AudioContainer read_audio_container(const ByteSource& source, const std::string& path) {
   if (source.size == 0) throw RuntimeError(quoted_path(path) + " is empty.");

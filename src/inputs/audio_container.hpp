@@ -31,9 +31,14 @@ struct AudioContainer {
 /// Finds the audio in a WAV (RIFF, RIFX, RF64, BW64), AIFF, AIFF-C, CAF or FLAC file, chunk by
 /// chunk and in bounded memory, whatever the bytes are. `path` is for messages only.
 ///
-/// Throws RuntimeError if the file is none of these, holds no audio, or promises more audio than it
-/// has. The chunk layouts are those of the RIFF and AIFF-C documents, EBU Tech 3306 and ITU-R
-/// BS.2088 (64-bit WAV), and the description of CAF by its maker.
+/// Throws RuntimeError if the file is none of these, holds no audio, promises more audio than it
+/// has, or is encoded in another way than as PCM, floating point, A-law, mu-law, FLAC, or ALAC with
+/// a sound table of packets: decoders of rare codecs see no bytes at all. The chunk layouts are
+/// those of the RIFF and AIFF-C documents, EBU Tech 3306 and ITU-R BS.2088 (64-bit WAV), and the
+/// description of CAF by its maker.
 AudioContainer read_audio_container(const ByteSource& source, const std::string& path);
+
+/// Refuses the encoding of a file with the RuntimeError of read_audio_container.
+[[noreturn]] void fail_audio_encoding(const std::string& path);
 
 }  // namespace verdel

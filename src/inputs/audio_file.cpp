@@ -4,6 +4,7 @@
 #include <sndfile.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdint>
 #include <exception>
 #include <limits>
@@ -92,7 +93,7 @@ FileHandle open_decoder(DecoderInput& input, const std::string& path, SF_INFO& p
   return file;
 }
 
-// Bytes of one sample where every sample has the same; 0 where it is compressed.
+// Bytes of one sample where every sample has the same; 0 for other encodings.
 std::uint64_t sample_bytes(int format) {
   switch (format & SF_FORMAT_SUBMASK) {
     case SF_FORMAT_PCM_S8:
@@ -112,6 +113,13 @@ std::uint64_t sample_bytes(int format) {
     default:
       return 0;
   }
+}
+
+bool is_flac_or_alac(int format) {
+  constexpr std::array<int, 4> kAlac = {SF_FORMAT_ALAC_16, SF_FORMAT_ALAC_20, SF_FORMAT_ALAC_24,
+                                        SF_FORMAT_ALAC_32};
+  return (format & SF_FORMAT_TYPEMASK) == SF_FORMAT_FLAC ||
+         std::find(kAlac.begin(), kAlac.end(), format & SF_FORMAT_SUBMASK) != kAlac.end();
 }
 
 AudioHeader header_of(const SF_INFO& properties, const std::string& path) {
@@ -164,6 +172,8 @@ AudioFile::AudioFile(ByteSource source, const std::string& path)
   state.header = header_of(properties, path);
 
   const std::uint64_t bytes = sample_bytes(properties.format);
+  // A header may say different things to the walk and to the decoder.
+  if (bytes == 0 && !is_flac_or_alac(properties.format)) fail_audio_encoding(path);
   if (!container.data_bytes || bytes == 0 || !state.header.frames) return;
   const std::uint64_t frames_present = *container.data_bytes / (bytes * state.header.channels);
   if (*state.header.frames < frames_present) {

@@ -77,7 +77,8 @@ std::string printable(std::string_view text) {
   std::string result;
   result.reserve(text.size());
   for_each_code_point(text, [&](std::string_view bytes, bool valid) {
-    if (valid) {
+    const bool is_control = static_cast<unsigned char>(bytes.front()) < ' ';
+    if (valid && !is_control) {
       result += bytes;
       return;
     }

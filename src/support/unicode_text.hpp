@@ -20,7 +20,8 @@ std::string lower(std::string_view text);
 /// Number of code points; a byte that belongs to none counts as one.
 std::size_t code_points(std::string_view text);
 
-/// The text with every byte that is not UTF-8 as \xNN, so that any name can stand in a message.
+/// The text with every byte that is not UTF-8, and every line break and other control character of
+/// ASCII below the blank, as \xNN, so that any name can stand in a line of its own.
 std::string printable(std::string_view text);
 
 /// The text with blanks behind it up to `width` code points; a longer text is not cut.

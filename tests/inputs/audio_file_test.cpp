@@ -105,7 +105,7 @@ TEST(AudioFile, ReadsEveryFormatExactly) {
 
 TEST(AudioFile, RefusesEveryTruncation) {
   for (const int format : uncompressed_and(
-           {SF_FORMAT_AIFF | SF_FORMAT_ULAW, SF_FORMAT_WAV | SF_FORMAT_IMA_ADPCM, kFlac})) {
+           {SF_FORMAT_AIFF | SF_FORMAT_ULAW, SF_FORMAT_CAF | SF_FORMAT_ALAC_16, kFlac})) {
     const std::string whole = audio_bytes(format);
     for (std::size_t length = 0; length < whole.size(); length += length < 90 ? 1 : 61) {
       const std::string cut = whole.substr(0, length);
@@ -148,6 +148,47 @@ TEST(AudioFile, SaysWhatIsWrong) {
     EXPECT_THAT(failure_of<RuntimeError>([&, &sound = bytes] { decode(sound); }),
                 StartsWith(message));
   }
+}
+
+// Decoders of rare codecs are the least tried, and one ends the process by assertions; complaints of
+// ALAC's go to standard output, which carries the run's lines.
+TEST(AudioFile, KeepsBytesFromDecodersThatCannotBearThem) {
+  for (const int format :
+       {SF_FORMAT_WAV | SF_FORMAT_GSM610, SF_FORMAT_WAV | SF_FORMAT_IMA_ADPCM | SF_ENDIAN_BIG,
+        SF_FORMAT_AIFF | SF_FORMAT_DWVW_16}) {
+    const std::string bytes = [&] {
+      const testing::TemporaryFolder folder;
+      testing::write_audio(folder.path("a"), testing::test_sound(1, kFrames), 8000, format);
+      return testing::bytes_of(folder.path("a"));
+    }();
+    EXPECT_THAT(failure_of<RuntimeError>([&] { decode(bytes); }),
+                StartsWith("“test” is compressed in a way that VERDEL does not read."));
+  }
+
+  const std::string alac = audio_bytes(SF_FORMAT_CAF | SF_FORMAT_ALAC_16);
+  const std::string table = alac.substr(chunk_at(alac, "pakt"), 12 + 24 + 4);
+  const std::pair<std::string, const char*> kCases[] = {
+      {with(alac, "pakt", 36, 4, 0xFF), "a size without an end"},
+      {with(alac, "pakt", 36, 1, 0x00), "fewer packets than announced"},
+      {with(alac, "pakt", 36, 1, 0xFF), "a packet that reaches behind the sound"},
+      {with(alac, "pakt", 26, 1, 0x7F), "more frames than the packets hold"},
+      {with(alac, "desc", 27, 1, 0x05), "a bit depth that there is not"},
+      {with(alac, "desc", 27, 1, 0x03), "two bit depths"},
+      {with(alac, "desc", 34, 1, 0x7F), "packets of too many frames"},
+      {std::string(alac).insert(chunk_at(alac, "pakt"), table), "two tables"},
+      {with(alac, "kuki", 0, 1, 'x'), "no description of the codec"}};
+  ::testing::internal::CaptureStdout();
+  for (const auto& [bytes, what] : kCases) {
+    EXPECT_THAT(failure_of<RuntimeError>([&, &sound = bytes] { decode(sound); }),
+                HasSubstr("its table of packets makes no sense"))
+        << what;
+  }
+  EXPECT_EQ(::testing::internal::GetCapturedStdout(), "");
+
+  // Other writers put the table behind the sound, and no odd byte between the two.
+  std::string behind = std::string(alac).erase(chunk_at(alac, "pakt"), table.size());
+  behind.pop_back();
+  EXPECT_EQ(decode(behind + table), expected_samples());
 }
 
 // Writers that cannot go back leave sizes at 0 or all ones: the audio reaches to the file's end.

@@ -30,7 +30,7 @@ TEST(UnicodeText, CountsPadsAndPrintsAnyBytes) {
   EXPECT_EQ(code_points("a\xE9z\xF0\x9F"), 5u);
   EXPECT_EQ(pad_right("é", 3), "é  ");
   EXPECT_EQ(pad_right("long", 3), "long");
-  EXPECT_EQ(printable("caf\xE9.wav \xF0\x9F é"), "caf\\xE9.wav \\xF0\\x9F é");
+  EXPECT_EQ(printable("caf\xE9.wav \xF0\x9F é\n\x1F "), "caf\\xE9.wav \\xF0\\x9F é\\x0A\\x1F ");
 }
 
 }  // namespace
