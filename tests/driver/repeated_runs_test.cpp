@@ -1,8 +1,10 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <iterator>
+#include <thread>
 
 #include "driver/small_projects.hpp"
 
@@ -55,8 +57,13 @@ TEST(RepeatedRuns, HoldNoMoreThanTheFirstOne) {
     // The first two fill the caches of the libraries and the allocator's arenas.
     if (run == 2) after_second = holdings();
   }
-  const Holdings at_end = holdings();
-  EXPECT_EQ(at_end.threads, after_second.threads);
+  Holdings at_end = holdings();
+  // The system's list may name a joined thread for a moment more.
+  for (int look = 0; look < 1000 && at_end.threads > after_second.threads; ++look) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    at_end = holdings();
+  }
+  EXPECT_LE(at_end.threads, after_second.threads);
   EXPECT_EQ(at_end.descriptors, after_second.descriptors);
   EXPECT_TRUE(fs::is_empty(scratch.path()));
   constexpr std::size_t kSmallChange = 64 << 10;
