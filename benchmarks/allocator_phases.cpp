@@ -26,8 +26,8 @@ std::size_t slice_frames(std::size_t start, std::size_t stop, std::size_t sample
 /// How far a thread has come with its present interval.
 struct ThreadPlace {
   std::size_t step = 0;
-  double last = 0.0;  // seconds; a thread's processor time begins at 0
-  bool first = true;  // with these scratch files
+  double last = 0.0;   // seconds; a thread's processor time begins at 0
+  bool first = false;  // with its scratch files
   bool begun = false;
 };
 thread_local ThreadPlace place;
@@ -56,8 +56,8 @@ void PhaseTimes::scale(double factor) {
   for (double& value : seconds) value *= factor;
 }
 
-PhaseWatch::PhaseWatch(std::size_t stems, bool one_thread, bool cut)
-    : stems_(stems), one_thread_(one_thread), cut_(cut), begin_(Moment::now().wall) {}
+PhaseWatch::PhaseWatch(std::size_t stems, bool one_thread, std::size_t sets)
+    : stems_(stems), one_thread_(one_thread), fresh_sets_(sets), begin_(Moment::now().wall) {}
 
 void PhaseWatch::step(std::size_t done, std::size_t total) {
   const double now = one_thread_ ? thread_seconds() : Moment::now().wall;
@@ -69,16 +69,18 @@ void PhaseWatch::step(std::size_t done, std::size_t total) {
   // No interval begins when all is done: this is the channel's own last report, and what begins
   // from now on belongs to another channel.
   if (place.step == 0 && done == total) {
-    place.first = true;
     begin_ = now;
     return;
   }
-  PhaseTimes& times = place.first || !cut_ ? first_ : repeated_;
+  if (place.step == 0) {
+    place.first = fresh_sets_ > 0;
+    fresh_sets_ -= place.first;
+  }
+  PhaseTimes& times = place.first ? first_ : repeated_;
   times.seconds[place.step == 0 ? 0 : 1 + (place.step - 1) / stems_] += spent;
   if (++place.step <= C14_STEPS_PER_STEM * stems_) return;
   ++times.intervals;
   place.step = 0;
-  place.first = false;
 }
 
 double working_bytes_per_cell(const Model& model, const Machine& machine, int sr) {

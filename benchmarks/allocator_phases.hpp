@@ -39,9 +39,9 @@ struct PhaseTimes {
 class PhaseWatch {
  public:
   /// `one_thread`: whether a render works on its own thread alone and its processor time is taken;
-  /// else it is time on the clock, good for shares only. `cut`: whether channels are cut into
-  /// intervals.
-  PhaseWatch(std::size_t stems, bool one_thread, bool cut);
+  /// else it is time on the clock, good for shares only. `sets` of scratch: intervals at once, which
+  /// the first ones to begin make.
+  PhaseWatch(std::size_t stems, bool one_thread, std::size_t sets);
 
   /// One report; `done` and `total` as a channel's progress has them. Threads: any.
   void step(std::size_t done, std::size_t total);
@@ -51,7 +51,8 @@ class PhaseWatch {
 
  private:
   std::size_t stems_;
-  bool one_thread_, cut_;
+  bool one_thread_;
+  std::size_t fresh_sets_;
   double begin_;
   std::mutex mutex_;
   PhaseTimes first_, repeated_;

@@ -148,14 +148,15 @@ void take_phases(const PhaseWatch& watch, const std::vector<std::size_t>& frames
     results.first.scale(factor);
     results.repeated.scale(factor);
   }
-  const auto firsts =
-      frames.begin() + static_cast<std::ptrdiff_t>(results.first.intervals / results.channels);
-  const auto per_frame = static_cast<double>(results.stems * results.channels);
-  const auto frames_of = [](auto begin, auto end) {
-    return static_cast<double>(std::accumulate(begin, end, std::size_t{0}));
-  };
-  results.first_units = per_frame * frames_of(frames.begin(), firsts);
-  results.repeated_units = per_frame * frames_of(firsts, frames.end());
+  // Each channel that renders at once begins with the first of its intervals.
+  const auto firsts = frames.begin() + static_cast<std::ptrdiff_t>(results.first.intervals /
+                                                                   results.channels_at_once);
+  const auto stems = static_cast<double>(results.stems);
+  const double first = std::accumulate(frames.begin(), firsts, 0.0);
+  const double all = std::accumulate(frames.begin(), frames.end(), 0.0);
+  results.first_units = stems * static_cast<double>(results.channels_at_once) * first;
+  results.repeated_units =
+      stems * static_cast<double>(results.channels) * all - results.first_units;
 }
 
 Results measure_render(Run& run) {
@@ -184,7 +185,8 @@ Results measure_render(Run& run) {
   const double nine_before = nine_bare_transforms();
   // With more workers a render hands its stems to threads of its own.
   results.phases_by_clock = _c14_inner_worker_count(results.channels_at_once, run.machine) > 1;
-  PhaseWatch watch(stems, !results.phases_by_clock, frames.size() > 1);
+  PhaseWatch watch(stems, !results.phases_by_clock,
+                   results.channels_at_once * std::min(results.intervals_at_once, frames.size()));
   const StemMap est = measure.stage("allocate", [&] {
     const ChannelsJob job{
         .sr = mix.sr,

@@ -78,18 +78,23 @@ StemMap render_channels(Model model, const ChannelsJob& job, const Machine& mach
       _c14_channel_worker_count(frames, length, stems, channels, machine);
   const std::size_t inner_workers = _c14_inner_worker_count(channel_workers, machine);
   SharedCount count(job.progress, channels, channel_steps(channels, stems));
-  const auto render_candidate_channel = [&](std::size_t channel) {
+  const auto part_of = [&](std::size_t channel) {
     ChannelJob part = job_of(model, channel);
     part.sr = job.sr;
     part.start = job.start;
     part.stop = job.stop;
     part.workers = inner_workers;
     part.active_channels = channel_workers;
+    return part;
+  };
+  ChannelRenderer renderer(part_of(0), machine);
+  const auto render_candidate_channel = [&](std::size_t channel) {
+    ChannelJob part = part_of(channel);
     part.progress = [&count, &job, channel](std::size_t done, std::size_t total) {
       count.report(channel, done);
       if (job.watch) job.watch(done, total);
     };
-    return render_transient_release_tail_channel(part, machine, stop);
+    return renderer.render(part, stop);
   };
 
   ThreadPool pool(channel_workers, "");

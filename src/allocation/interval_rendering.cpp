@@ -1,13 +1,13 @@
 #include "allocation/interval_rendering.hpp"
 
 #include <algorithm>
+#include <cassert>
 #include <cmath>
 #include <memory>
 #include <mutex>
 #include <numeric>
 #include <vector>
 
-#include "allocation/scratch_pool.hpp"
 #include "allocation/worker_budgets.hpp"
 #include "support/ordered_prefetch.hpp"
 
@@ -17,9 +17,7 @@ namespace {
 constexpr std::size_t kBefore = C14_CONTEXT_BEFORE_HOPS * C14_HOP;
 constexpr std::size_t kAfter = C14_CONTEXT_AFTER_HOPS * C14_HOP;
 
-struct Interval {
-  std::size_t first, stop;
-};
+using Interval = IntervalPlan::Interval;
 
 /// Consecutive intervals that cover the span, their lengths one sample apart at most.
 std::vector<Interval> cut_span(std::size_t start, std::size_t stop, int sr) {
@@ -69,45 +67,31 @@ class IntervalProgress {
   std::mutex progress_lock_;
 };
 
-Array2D<double> render_intervals(const ChannelJob& job, const Machine& machine,
-                                 const StopToken& stop) {
+IntervalPlan plan_intervals(const ChannelJob& job, const Machine& machine) {
+  assert(job.start < job.stop);
   const std::size_t span = job.stop - job.start;
-  const std::size_t stems = job.source_models.size();
+  const double shortest_split = std::nearbyint(C14_INTERVAL_MIN_SECONDS * job.sr);
+  if (static_cast<double>(span) < shortest_split) return {{{job.start, job.stop}}, 1, job.workers};
   const std::size_t active = std::max<std::size_t>(1, job.active_channels);
   const std::size_t time_workers =
-      _c14_time_worker_count(span, job.sr, stems, job.active_channels, machine);
-  const std::vector<Interval> intervals = cut_span(job.start, job.stop, job.sr);
+      _c14_time_worker_count(span, job.sr, job.source_models.size(), job.active_channels, machine);
   // Intervals side by side use the processors better than threads inside one.
   const std::size_t inner_workers = std::max<std::size_t>(
       1, std::min({std::size_t{2}, job.workers, machine.processors() / (active * time_workers)}));
-  IntervalProgress progress(job.progress, intervals.size(), stems * C14_STEPS_PER_STEM);
-  auto rendered = Array2D<double>::uninitialised(stems, span);
-  // The longest interval, with its context rounded out to whole hops.
-  const std::size_t longest =
-      std::min(job.residual.size(), span / intervals.size() + 1 + kBefore + kAfter + 2 * C14_HOP);
-  ScratchPool<RenderScratch> scratches(
-      [&] { return std::make_unique<RenderScratch>(machine, stems, longest, inner_workers); });
+  return {cut_span(job.start, job.stop, job.sr), time_workers, inner_workers};
+}
 
-  auto results = _ordered_prefetch(
-      [&](std::size_t index) {
-        ChannelJob part = job;
-        part.start = intervals[index].first;
-        part.stop = intervals[index].stop;
-        part.workers = inner_workers;
-        part.progress = progress.of_interval(index);
-        const auto scratch = scratches.lease();
-        return _render_transient_release_tail_channel_interval(part, machine, stop, &*scratch);
-      },
-      intervals.size(), time_workers, "verdel-c14-time");
-  for (const Interval& interval : intervals) {
-    const auto chunk = results.next();
-    for (std::size_t index = 0; index < stems; ++index) {
-      std::copy_n(chunk->row(index).data(), interval.stop - interval.first,
-                  rendered.row(index).data() + (interval.first - job.start));
-    }
-  }
-  progress.finish();
-  return rendered;
+/// Room for the longest interval, with its context rounded out to whole hops.
+ScratchPool<RenderScratch> scratch_for(const ChannelJob& shape, const IntervalPlan& plan,
+                                       const Machine& machine) {
+  const std::size_t span = (shape.stop - shape.start) / plan.intervals.size() + 1;
+  const std::size_t longest =
+      std::min(shape.residual.size(), span + kBefore + kAfter + 2 * C14_HOP);
+  const std::size_t spectra = std::min(plan.inner_workers, RenderScratch::kMostScoringSpectra);
+  return ScratchPool<RenderScratch>(
+      [machine, stems = shape.source_models.size(), longest, spectra] {
+        return std::make_unique<RenderScratch>(machine, stems, longest, spectra);
+      });
 }
 
 }  // namespace
@@ -134,11 +118,45 @@ Array2D<double> _render_transient_release_tail_channel_interval(const ChannelJob
 Array2D<double> render_transient_release_tail_channel(const ChannelJob& job, const Machine& machine,
                                                       const StopToken& stop) {
   check_channel_job(job, C14_FFT_SIZE);
-  const double shortest_split = std::nearbyint(C14_INTERVAL_MIN_SECONDS * job.sr);
-  if (static_cast<double>(job.stop - job.start) < shortest_split) {
-    return _render_transient_release_tail_channel_interval(job, machine, stop);
+  return ChannelRenderer(job, machine).render(job, stop);
+}
+
+ChannelRenderer::ChannelRenderer(const ChannelJob& shape, const Machine& machine)
+    : machine_(machine),
+      plan_(plan_intervals(shape, machine)),
+      scratches_(scratch_for(shape, plan_, machine)) {}
+
+Array2D<double> ChannelRenderer::render(const ChannelJob& job, const StopToken& stop) {
+  check_channel_job(job, C14_FFT_SIZE);
+  if (plan_.intervals.size() > 1) return render_intervals(job, stop);
+  const auto scratch = scratches_.lease();
+  return _render_transient_release_tail_channel_interval(job, machine_, stop, &*scratch);
+}
+
+Array2D<double> ChannelRenderer::render_intervals(const ChannelJob& job, const StopToken& stop) {
+  const std::size_t stems = job.source_models.size();
+  IntervalProgress progress(job.progress, plan_.intervals.size(), stems * C14_STEPS_PER_STEM);
+  auto rendered = Array2D<double>::uninitialised(stems, job.stop - job.start);
+  auto results = _ordered_prefetch(
+      [&](std::size_t index) {
+        ChannelJob part = job;
+        part.start = plan_.intervals[index].first;
+        part.stop = plan_.intervals[index].stop;
+        part.workers = plan_.inner_workers;
+        part.progress = progress.of_interval(index);
+        const auto scratch = scratches_.lease();
+        return _render_transient_release_tail_channel_interval(part, machine_, stop, &*scratch);
+      },
+      plan_.intervals.size(), plan_.time_workers, "verdel-c14-time");
+  for (const Interval& interval : plan_.intervals) {
+    const auto chunk = results.next();
+    for (std::size_t index = 0; index < stems; ++index) {
+      std::copy_n(chunk->row(index).data(), interval.stop - interval.first,
+                  rendered.row(index).data() + (interval.first - job.start));
+    }
   }
-  return render_intervals(job, machine, stop);
+  progress.finish();
+  return rendered;
 }
 
 }  // namespace verdel
