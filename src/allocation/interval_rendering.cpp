@@ -1,7 +1,6 @@
 #include "allocation/interval_rendering.hpp"
 
 #include <algorithm>
-#include <cassert>
 #include <cmath>
 #include <memory>
 #include <mutex>
@@ -68,8 +67,8 @@ class IntervalProgress {
 };
 
 IntervalPlan plan_intervals(const ChannelJob& job, const Machine& machine) {
-  assert(job.start < job.stop);
-  const std::size_t span = job.stop - job.start;
+  // A span that is none is refused when it is to be rendered.
+  const std::size_t span = job.stop - std::min(job.start, job.stop);
   const double shortest_split = std::nearbyint(C14_INTERVAL_MIN_SECONDS * job.sr);
   if (static_cast<double>(span) < shortest_split) return {{{job.start, job.stop}}, 1, job.workers};
   const std::size_t active = std::max<std::size_t>(1, job.active_channels);
@@ -84,7 +83,8 @@ IntervalPlan plan_intervals(const ChannelJob& job, const Machine& machine) {
 /// Room for the longest interval, with its context rounded out to whole hops.
 ScratchPool<RenderScratch> scratch_for(const ChannelJob& shape, const IntervalPlan& plan,
                                        const Machine& machine) {
-  const std::size_t span = (shape.stop - shape.start) / plan.intervals.size() + 1;
+  const Interval& first = plan.intervals.front();
+  const std::size_t span = first.stop - std::min(first.first, first.stop) + 1;
   const std::size_t longest =
       std::min(shape.residual.size(), span + kBefore + kAfter + 2 * C14_HOP);
   const std::size_t spectra = std::min(plan.inner_workers, RenderScratch::kMostScoringSpectra);

@@ -1,16 +1,18 @@
 #include "support/temporary.hpp"
 
 #include <algorithm>
+#include <chrono>
 #include <filesystem>
 #include <mutex>
 #include <system_error>
+#include <thread>
 #include <vector>
 
 namespace verdel {
 namespace {
 
 struct Registry {
-  std::timed_mutex lock;
+  std::mutex lock;
   std::vector<const Temporary*> known;
 };
 
@@ -22,6 +24,18 @@ Registry& registry() {
 
 void forget(const Temporary& temporary) {
   std::erase(registry().known, &temporary);
+}
+
+/// Whether the lock could be taken in time. A timed mutex would do the same, but the thread
+/// sanitizer of g++ 12 does not know its call and reports races that are none.
+bool lock_within(std::unique_lock<std::mutex>& lock, std::chrono::milliseconds patience) {
+  constexpr std::chrono::milliseconds kPause{1};
+  const auto end = std::chrono::steady_clock::now() + patience;
+  while (!lock.try_lock()) {
+    if (std::chrono::steady_clock::now() >= end) return false;
+    std::this_thread::sleep_for(kPause);
+  }
+  return true;
 }
 
 bool remove_from_disk(const Temporary& temporary) {
@@ -56,7 +70,7 @@ void Temporary::hand_over(const std::function<void()>& hand_over) {
 
 void remove_all_temporaries(std::chrono::milliseconds patience) {
   std::unique_lock lock(registry().lock, std::defer_lock);
-  if (!lock.try_lock_for(patience)) return;
+  if (!lock_within(lock, patience)) return;
   // A file that an owner makes in a directory between its listing and its removal keeps the
   // directory: the next attempt finds it.
   constexpr int kMostAttempts = 100;
