@@ -39,8 +39,8 @@ struct PhaseTimes {
 class PhaseWatch {
  public:
   /// `one_thread`: whether a render works on its own thread alone and its processor time is taken;
-  /// else it is time on the clock, good for shares only. `sets` of scratch: intervals at once, which
-  /// the first ones to begin make.
+  /// else it is time on the clock, good for shares only. `sets` of scratch: intervals at once,
+  /// which the first ones to begin make.
   PhaseWatch(std::size_t stems, bool one_thread, std::size_t sets);
 
   /// One report; `done` and `total` as a channel's progress has them. Threads: any.

@@ -25,7 +25,7 @@ struct Results {
   std::size_t stems = 0, channels = 0;  ///< counts
   int sr = 0;                           ///< Hz
   std::size_t processors = 0;           ///< as the engine was told
-  std::string instruction_set;     ///< of the engine's own kernels
+  std::string instruction_set;          ///< of the engine's own kernels
   std::size_t channels_at_once = 0, intervals_at_once = 0;
 
   // What it cost.

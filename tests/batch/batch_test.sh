@@ -74,7 +74,8 @@ with_slurm() {
   chmod 755 "$work"
   (umask 077 && head -c 1024 /dev/urandom >"$work/munge/key")
   munged --foreground --force --key-file="$work/munge/key" --socket="$work/munge/socket" \
-    --pid-file="$work/munge/pid" --seed-file="$work/munge/seed" --log-file="$work/munged.log" 2>"$work/munged-start.log" &
+    --pid-file="$work/munge/pid" --seed-file="$work/munge/seed" --log-file="$work/munged.log" \
+    2>"$work/munged-start.log" &
   daemons+=($!)
   cat >"$work/slurm.conf" <<END
 ClusterName=batch

@@ -150,8 +150,8 @@ TEST(AudioFile, SaysWhatIsWrong) {
   }
 }
 
-// Decoders of rare codecs are the least tried, and one ends the process by assertions; complaints of
-// ALAC's go to standard output, which carries the run's lines.
+// Decoders of rare codecs are the least tried, and one ends the process by assertions; complaints
+// of ALAC's go to standard output, which carries the run's lines.
 TEST(AudioFile, KeepsBytesFromDecodersThatCannotBearThem) {
   for (const int format :
        {SF_FORMAT_WAV | SF_FORMAT_GSM610, SF_FORMAT_WAV | SF_FORMAT_IMA_ADPCM | SF_ENDIAN_BIG,
