@@ -98,9 +98,12 @@ double working_bytes_per_cell(const Model& model, const Machine& machine, int sr
   release_freed_memory();
   MemoryWatch watch;
   const auto before = static_cast<double>(watch.take_peak());
-  const auto rendered = render_transient_release_tail_channel(job, machine);
-  const double taken = static_cast<double>(watch.take_peak()) - before -
-                       static_cast<double>(rendered.size() * sizeof(double));
+  std::size_t result = 0;
+  render_channel_intervals({job}, machine, {}, [&](auto, auto, RowsView<const double> stems) {
+    result = stems.rows() * stems.columns() * sizeof(double);
+  });
+  const double taken =
+      static_cast<double>(watch.take_peak()) - before - static_cast<double>(result);
   release_freed_memory();
   return taken / static_cast<double>(spectrum_frames(samples) * C14_BINS);
 }

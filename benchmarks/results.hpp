@@ -36,7 +36,7 @@ struct Results {
   double first_units = 0.0, repeated_units = 0.0;
   double nine_transforms = 0.0;  ///< s; see nine_bare_transforms()
   double bytes_per_cell = 0.0;   ///< see working_bytes_per_cell()
-  double result_bytes = 0.0;     ///< of the stems that the allocator returns, for a channel
+  double result_bytes = 0.0;     ///< new memory for the stems that the allocator returns
   double null_peak = 0.0;        ///< dBFS
 
   StageCost total() const;

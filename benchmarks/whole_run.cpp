@@ -133,7 +133,11 @@ Results results_of_job(const Run& run, const Mix& mix, std::size_t stems, Output
       _c14_channel_worker_count(mix.frames(), range.length(), stems, mix.channels(), run.machine);
   results.intervals_at_once =
       _c14_time_worker_count(range.length(), mix.sr, stems, results.channels_at_once, run.machine);
-  results.result_bytes = static_cast<double>(stems * range.length() * sizeof(double));
+  // The stems of a whole song take the place of its models.
+  if (!range.is_whole(mix.frames())) {
+    results.result_bytes =
+        static_cast<double>(stems * mix.channels() * range.length() * sizeof(double));
+  }
   return results;
 }
 

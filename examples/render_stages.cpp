@@ -73,7 +73,8 @@ void allocate_channel(const StemMap& models, const AudioArray& residual, std::si
   phases.project_stems();
   phases.build_histories();
   phases.build_gate_of_all();
-  const Array2D<double> blended = phases.blend();
+  auto blended = AudioArray::uninitialised(models.size(), residual.columns());
+  phases.blend(blended.view());
   for (std::size_t i = 0; i < models.size(); ++i) {
     std::ranges::copy(render.signal_row(render.output09, i),
                       result.endpoint09[i].audio.row(channel).begin());

@@ -3,8 +3,8 @@
 #include <fmt/core.h>
 
 #include <algorithm>
+#include <cassert>
 #include <cmath>
-#include <optional>
 
 #include "allocation/phase_runner.hpp"
 #include "allocation/worker_budgets.hpp"
@@ -19,7 +19,7 @@ bool all_finite(std::span<const double> values) {
 
 /// The largest magnitude by which the stems miss models plus residual over the span, and that of
 /// the sum itself. It holds by construction; this proves it.
-void check_conservation(const ChannelJob& job, const Array2D<double>& rendered) {
+void check_conservation(const ChannelJob& job, RowsView<const double> rendered) {
   double error = 0.0;
   double peak = 0.0;
   for (std::size_t i = job.start; i < job.stop; ++i) {
@@ -44,8 +44,8 @@ std::size_t scoring_workers_of(const ChannelJob& job, const Machine& machine) {
                   RenderScratch::kMostScoringSpectra);
 }
 
-Array2D<double> render_phases(const ChannelJob& job, const Machine& machine, const StopToken& stop,
-                              RenderScratch& scratch) {
+void render_phases(const ChannelJob& job, const Machine& machine, const StopToken& stop,
+                   RenderScratch& scratch, RowsView<double> rendered) {
   const SpectralTransform transform;
   ChannelRender render(job, transform, scratch, stop);
   PhaseRunner phases(render, scoring_workers_of(job, machine), machine);
@@ -55,7 +55,7 @@ Array2D<double> render_phases(const ChannelJob& job, const Machine& machine, con
   phases.project_stems();
   phases.build_histories();
   phases.build_gate_of_all();
-  return phases.blend();
+  phases.blend(rendered);
 }
 
 }  // namespace
@@ -91,22 +91,19 @@ void check_channel_job(const ChannelJob& job, std::size_t shortest) {
   }
 }
 
-Array2D<double> _render_transient_release_tail_channel_full(const ChannelJob& job,
-                                                            const Machine& machine,
-                                                            const StopToken& stop,
-                                                            RenderScratch* scratch) {
+void _render_transient_release_tail_channel_full(const ChannelJob& job, const Machine& machine,
+                                                 RenderScratch& scratch,
+                                                 RowsView<double> rendered,
+                                                 const StopToken& stop) {
   check_channel_job(job, 0);
-  std::optional<RenderScratch> own;
-  if (scratch == nullptr) {
-    own.emplace(machine, job.source_models.size(), job.residual.size(),
-                scoring_workers_of(job, machine));
-    scratch = &*own;
+  assert(rendered.rows() == job.source_models.size());
+  assert(rendered.columns() == job.stop - job.start);
+  render_phases(job, machine, stop, scratch, rendered);
+  for (std::size_t index = 0; index < rendered.rows(); ++index) {
+    if (all_finite(rendered.row(index))) continue;
+    throw FloatingPointError("non-finite candidate-14 allocation");
   }
-  auto rendered = render_phases(job, machine, stop, *scratch);
-  own.reset();
-  if (!all_finite(rendered.flat())) throw FloatingPointError("non-finite candidate-14 allocation");
   check_conservation(job, rendered);
-  return rendered;
 }
 
 }  // namespace verdel

@@ -78,17 +78,18 @@ struct ChannelRender {
   std::vector<char> gate_opens;
 };
 
-/// Renders the whole signal and returns the stems over the job's span, [stems][stop - start]. The
-/// span selects what is returned and what the closing test covers, never a value.
+/// Renders the whole signal and writes the stems over the job's span to `rendered`,
+/// [stems][stop - start]. The span selects what is written and what the closing test covers, never
+/// a value.
 ///
-/// Errors: ValueError and FloatingPointError for inputs that do not fit or are not finite, OSError
-/// from the temporary files, FloatingPointError if the stems miss the sum of models and residual by
-/// more than C14_CONSERVATION_TOLERANCE. Temporary files are gone on every road.
-/// `scratch`, if given, has room for the job; without one the render makes its own.
-Array2D<double> _render_transient_release_tail_channel_full(const ChannelJob& job,
-                                                            const Machine& machine,
-                                                            const StopToken& stop = {},
-                                                            RenderScratch* scratch = nullptr);
+/// `scratch` has room for the job; what it holds afterwards means nothing.
+/// Errors: ValueError and FloatingPointError for inputs that do not fit or are not finite,
+/// FloatingPointError if the stems miss the sum of models and residual by more than
+/// C14_CONSERVATION_TOLERANCE.
+void _render_transient_release_tail_channel_full(const ChannelJob& job, const Machine& machine,
+                                                 RenderScratch& scratch,
+                                                 RowsView<double> rendered,
+                                                 const StopToken& stop = {});
 
 /// The tests that inputs must pass: one length, finite, a span inside it.
 /// `shortest`: the fewest samples accepted, or 0 where that is judged elsewhere.

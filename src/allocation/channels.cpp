@@ -1,14 +1,13 @@
 #include "allocation/channels.hpp"
 
 #include <algorithm>
-#include <future>
 #include <mutex>
 #include <numeric>
+#include <vector>
 
 #include "allocation/c14_constants.hpp"
 #include "allocation/interval_rendering.hpp"
 #include "allocation/worker_budgets.hpp"
-#include "support/thread_pool.hpp"
 
 namespace verdel {
 namespace {
@@ -19,7 +18,7 @@ class SharedCount {
   SharedCount(const RenderProgress& progress, std::size_t channels, std::size_t steps)
       : progress_(progress), steps_(steps), done_(channels, 0) {}
 
-  /// Called from the channels' threads. The caller hears of it under the lock, so that each call
+  /// Called from the renders' threads. The caller hears of it under the lock, so that each call
   /// carries a sum that includes its own update and the count never falls.
   void report(std::size_t channel, std::size_t done) {
     if (!progress_) return;
@@ -35,7 +34,7 @@ class SharedCount {
   std::vector<std::size_t> done_;
 };
 
-ChannelJob job_of(const Model& model, std::size_t channel) {
+ChannelJob rows_of(const Model& model, std::size_t channel) {
   ChannelJob job;
   job.residual = model.residual.row(channel);
   for (const auto& source : model.sources) job.source_models.push_back(source.audio.row(channel));
@@ -48,14 +47,6 @@ StemMap unfilled_stems(const StemMap& like, std::size_t length) {
     stems.push_back({stem.name, AudioArray::uninitialised(stem.audio.rows(), length)});
   }
   return stems;
-}
-
-// A stem may stand in the storage of its model, which the channel's task reads: a row is stored
-// only after that task has returned.
-void store_channel(const Array2D<double>& rendered, std::size_t channel, StemMap& est) {
-  for (std::size_t stem = 0; stem < est.size(); ++stem) {
-    std::ranges::copy(rendered.row(stem), est[stem].audio.row(channel).begin());
-  }
 }
 
 }  // namespace
@@ -76,40 +67,27 @@ StemMap render_channels(Model model, const ChannelsJob& job, const Machine& mach
 
   const std::size_t channel_workers =
       _c14_channel_worker_count(frames, length, stems, channels, machine);
-  const std::size_t inner_workers = _c14_inner_worker_count(channel_workers, machine);
   SharedCount count(job.progress, channels, channel_steps(channels, stems));
-  const auto part_of = [&](std::size_t channel) {
-    ChannelJob part = job_of(model, channel);
+  std::vector<ChannelJob> parts;
+  for (std::size_t channel = 0; channel < channels; ++channel) {
+    ChannelJob& part = parts.emplace_back(rows_of(model, channel));
     part.sr = job.sr;
     part.start = job.start;
     part.stop = job.stop;
-    part.workers = inner_workers;
+    part.workers = _c14_inner_worker_count(channel_workers, machine);
     part.active_channels = channel_workers;
-    return part;
-  };
-  ChannelRenderer renderer(part_of(0), machine);
-  const auto render_candidate_channel = [&](std::size_t channel) {
-    ChannelJob part = part_of(channel);
     part.progress = [&count, &job, channel](std::size_t done, std::size_t total) {
       count.report(channel, done);
       if (job.watch) job.watch(done, total);
     };
-    return renderer.render(part, stop);
-  };
-
-  ThreadPool pool(channel_workers, "");
-  std::vector<std::future<Array2D<double>>> results;
-  for (std::size_t channel = 0; channel < channels; ++channel) {
-    results.push_back(pool.submit([&, channel] { return render_candidate_channel(channel); }));
   }
-  try {
-    for (std::size_t channel = 0; channel < channels; ++channel) {
-      store_channel(results[channel].get(), channel, est);
+  const auto store = [&](std::size_t channel, std::size_t first, RowsView<const double> rendered) {
+    for (std::size_t stem = 0; stem < stems; ++stem) {
+      std::ranges::copy(rendered.row(stem),
+                        est[stem].audio.row(channel).subspan(first - job.start).begin());
     }
-  } catch (...) {
-    pool.cancel_pending();
-    throw;
-  }
+  };
+  render_channel_intervals(parts, machine, stop, store);
   return in_place ? std::move(model.sources) : std::move(excerpt);
 }
 

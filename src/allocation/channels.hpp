@@ -20,7 +20,7 @@ struct ChannelsJob {
   int sr = 0;                       ///< Hz
   std::size_t start = 0, stop = 0;  ///< the samples to deliver, stop excluded
   /// Called with the finished steps of all channels and their number, one call at a time, from the
-  /// channels' threads; the count never falls.
+  /// renders' threads; the count never falls.
   RenderProgress progress = {};
   /// Called with each channel's own progress, on the threads that make it.
   RenderProgress watch = {};
@@ -33,8 +33,8 @@ std::size_t channel_steps(std::size_t channels, std::size_t stems);
 /// the stems of the range, [channels][range], in stem order; if the range is the whole source they
 /// take the storage of the model's sources row by row.
 ///
-/// Threads: results are taken in channel order. The failure of the lowest channel is the one
-/// thrown; channels not yet begun are dropped, one that runs finishes first.
+/// The failure of the lowest channel is the one thrown; what has not yet begun is dropped, a render
+/// that runs finishes first.
 StemMap render_channels(Model model, const ChannelsJob& job, const Machine& machine,
                         const StopToken& stop = {});
 

@@ -2,11 +2,13 @@
 
 #include <algorithm>
 #include <cmath>
+#include <deque>
 #include <memory>
 #include <mutex>
 #include <numeric>
 #include <vector>
 
+#include "allocation/scratch_pool.hpp"
 #include "allocation/worker_budgets.hpp"
 #include "support/ordered_prefetch.hpp"
 
@@ -16,7 +18,25 @@ namespace {
 constexpr std::size_t kBefore = C14_CONTEXT_BEFORE_HOPS * C14_HOP;
 constexpr std::size_t kAfter = C14_CONTEXT_AFTER_HOPS * C14_HOP;
 
-using Interval = IntervalPlan::Interval;
+/// A piece of a span, in samples of the source, stop excluded.
+struct Interval {
+  std::size_t first, stop;
+  std::size_t length() const { return stop - first; }
+};
+
+/// The intervals of a span in order, and how many at once on how many threads each.
+struct IntervalPlan {
+  std::vector<Interval> intervals;
+  std::size_t time_workers, inner_workers;
+};
+
+/// The samples that an interval is rendered from: itself and its context.
+Interval with_context(const Interval& interval, std::size_t samples) {
+  const std::size_t before = interval.first - std::min(interval.first, kBefore);
+  const std::size_t after = interval.stop + kAfter;
+  return {before / C14_HOP * C14_HOP,
+          std::min(samples, (after + C14_HOP - 1) / C14_HOP * C14_HOP)};
+}
 
 /// Consecutive intervals that cover the span, their lengths one sample apart at most.
 std::vector<Interval> cut_span(std::size_t start, std::size_t stop, int sr) {
@@ -80,13 +100,16 @@ IntervalPlan plan_intervals(const ChannelJob& job, const Machine& machine) {
   return {cut_span(job.start, job.stop, job.sr), time_workers, inner_workers};
 }
 
+std::size_t longest_interval(const IntervalPlan& plan) {
+  const Interval& first = plan.intervals.front();
+  return first.stop - std::min(first.first, first.stop) + 1;  // lengths differ by one at most
+}
+
 /// Room for the longest interval, with its context rounded out to whole hops.
 ScratchPool<RenderScratch> scratch_for(const ChannelJob& shape, const IntervalPlan& plan,
                                        const Machine& machine) {
-  const Interval& first = plan.intervals.front();
-  const std::size_t span = first.stop - std::min(first.first, first.stop) + 1;
-  const std::size_t longest =
-      std::min(shape.residual.size(), span + kBefore + kAfter + 2 * C14_HOP);
+  const std::size_t longest = std::min(
+      shape.residual.size(), longest_interval(plan) + kBefore + kAfter + 2 * C14_HOP);
   const std::size_t spectra = std::min(plan.inner_workers, RenderScratch::kMostScoringSpectra);
   return ScratchPool<RenderScratch>(
       [machine, stems = shape.source_models.size(), longest, spectra] {
@@ -94,69 +117,136 @@ ScratchPool<RenderScratch> scratch_for(const ChannelJob& shape, const IntervalPl
       });
 }
 
-}  // namespace
-
-Array2D<double> _render_transient_release_tail_channel_interval(const ChannelJob& job,
-                                                                const Machine& machine,
-                                                                const StopToken& stop,
-                                                                RenderScratch* scratch) {
-  const std::size_t samples = job.residual.size();
-  if (job.start == 0 && job.stop == samples) {
-    return _render_transient_release_tail_channel_full(job, machine, stop, scratch);
-  }
-  const std::size_t left = job.start < kBefore ? 0 : (job.start - kBefore) / C14_HOP * C14_HOP;
-  const std::size_t right =
-      std::min(samples, (job.stop + kAfter + C14_HOP - 1) / C14_HOP * C14_HOP);
-  ChannelJob slice = job;
-  slice.start = job.start - left;
-  slice.stop = job.stop - left;
-  slice.residual = job.residual.subspan(left, right - left);
-  for (auto& source : slice.source_models) source = source.subspan(left, right - left);
-  return _render_transient_release_tail_channel_full(slice, machine, stop, scratch);
+/// Room for the stems of the longest interval.
+ScratchPool<AudioArray> results_for(const ChannelJob& shape, const IntervalPlan& plan) {
+  return ScratchPool<AudioArray>(
+      [stems = shape.source_models.size(), longest = longest_interval(plan)] {
+        return std::make_unique<AudioArray>(AudioArray::uninitialised(stems, longest));
+      });
 }
+
+/// Renders one interval: `span`, from the slice of the signals that is its context.
+void _render_transient_release_tail_channel_interval(const ChannelJob& job, const Interval& span,
+                                                     const Machine& machine,
+                                                     RenderScratch& scratch,
+                                                     RowsView<double> rendered,
+                                                     const StopToken& stop) {
+  const std::size_t samples = job.residual.size();
+  const Interval slice = with_context(span, samples);
+  ChannelJob part = job;
+  part.start = span.first - slice.first;
+  part.stop = span.stop - slice.first;
+  part.residual = job.residual.subspan(slice.first, slice.length());
+  for (auto& source : part.source_models) source = source.subspan(slice.first, slice.length());
+  _render_transient_release_tail_channel_full(part, machine, scratch, rendered, stop);
+}
+
+/// The intervals of all channels, channel after channel, as one sequence of renders.
+class IntervalSequence {
+ public:
+  IntervalSequence(const std::vector<ChannelJob>& channels, const Machine& machine,
+                   const StopToken& stop)
+      : channels_(channels),
+        machine_(machine),
+        stop_(stop),
+        plan_(plan_intervals(channels.front(), machine)),
+        scratches_(scratch_for(channels.front(), plan_, machine)),
+        results_(results_for(channels.front(), plan_)) {
+    const std::size_t units = channels.front().source_models.size() * C14_STEPS_PER_STEM;
+    for (const ChannelJob& job : channels) {
+      counts_.emplace_back(job.progress, plan_.intervals.size(), units);
+    }
+  }
+
+  void run(const StoreInterval& store);
+
+ private:
+  using Stems = ScratchPool<AudioArray>::Lease;
+
+  bool is_split() const { return plan_.intervals.size() > 1; }
+  std::size_t workers() const;
+  Stems render_interval(std::size_t channel, std::size_t interval);
+  /// The last interval of a channel whose render reads the models of this one.
+  std::size_t last_reader(std::size_t interval) const;
+
+  const std::vector<ChannelJob>& channels_;
+  const Machine& machine_;
+  const StopToken& stop_;
+  IntervalPlan plan_;
+  ScratchPool<RenderScratch> scratches_;
+  ScratchPool<AudioArray> results_;
+  std::deque<IntervalProgress> counts_;  // by channel
+};
+
+std::size_t IntervalSequence::workers() const {
+  const std::size_t active = std::max<std::size_t>(1, channels_.front().active_channels);
+  return std::min(active, channels_.size()) * plan_.time_workers;
+}
+
+IntervalSequence::Stems IntervalSequence::render_interval(std::size_t channel,
+                                                          std::size_t interval) {
+  ChannelJob job = channels_[channel];
+  if (interval == 0) check_channel_job(job, C14_FFT_SIZE);
+  job.workers = plan_.inner_workers;
+  if (is_split()) job.progress = counts_[channel].of_interval(interval);
+  const Interval& span = plan_.intervals[interval];
+  Stems stems = results_.lease();
+  const auto scratch = scratches_.lease();
+  _render_transient_release_tail_channel_interval(
+      job, span, machine_, *scratch, (*stems).view().column_range(0, span.length()), stop_);
+  return stems;
+}
+
+std::size_t IntervalSequence::last_reader(std::size_t interval) const {
+  const std::size_t samples = channels_.front().residual.size();
+  std::size_t reader = interval;
+  while (reader + 1 < plan_.intervals.size() &&
+         with_context(plan_.intervals[reader + 1], samples).first < plan_.intervals[interval].stop) {
+    ++reader;
+  }
+  return reader;
+}
+
+void IntervalSequence::run(const StoreInterval& store) {
+  const std::size_t intervals = plan_.intervals.size();
+  auto rendered = _ordered_prefetch(
+      [&](std::size_t index) { return render_interval(index / intervals, index % intervals); },
+      channels_.size() * intervals, workers(), "verdel-c14-time", 1);
+  for (std::size_t channel = 0; channel < channels_.size(); ++channel) {
+    std::deque<Stems> waiting;  // for the last reader of the models in their place
+    std::size_t stored = 0;
+    for (std::size_t interval = 0; interval < intervals; ++interval) {
+      waiting.push_back(*rendered.next());
+      for (; !waiting.empty() && last_reader(stored) <= interval; ++stored) {
+        const Interval& span = plan_.intervals[stored];
+        store(channel, span.first, (*waiting.front()).view().column_range(0, span.length()));
+        waiting.pop_front();
+      }
+    }
+    if (is_split()) counts_[channel].finish();
+  }
+}
+
+}  // namespace
 
 Array2D<double> render_transient_release_tail_channel(const ChannelJob& job, const Machine& machine,
                                                       const StopToken& stop) {
   check_channel_job(job, C14_FFT_SIZE);
-  return ChannelRenderer(job, machine).render(job, stop);
-}
-
-ChannelRenderer::ChannelRenderer(const ChannelJob& shape, const Machine& machine)
-    : machine_(machine),
-      plan_(plan_intervals(shape, machine)),
-      scratches_(scratch_for(shape, plan_, machine)) {}
-
-Array2D<double> ChannelRenderer::render(const ChannelJob& job, const StopToken& stop) {
-  check_channel_job(job, C14_FFT_SIZE);
-  if (plan_.intervals.size() > 1) return render_intervals(job, stop);
-  const auto scratch = scratches_.lease();
-  return _render_transient_release_tail_channel_interval(job, machine_, stop, &*scratch);
-}
-
-Array2D<double> ChannelRenderer::render_intervals(const ChannelJob& job, const StopToken& stop) {
-  const std::size_t stems = job.source_models.size();
-  IntervalProgress progress(job.progress, plan_.intervals.size(), stems * C14_STEPS_PER_STEM);
-  auto rendered = Array2D<double>::uninitialised(stems, job.stop - job.start);
-  auto results = _ordered_prefetch(
-      [&](std::size_t index) {
-        ChannelJob part = job;
-        part.start = plan_.intervals[index].first;
-        part.stop = plan_.intervals[index].stop;
-        part.workers = plan_.inner_workers;
-        part.progress = progress.of_interval(index);
-        const auto scratch = scratches_.lease();
-        return _render_transient_release_tail_channel_interval(part, machine_, stop, &*scratch);
-      },
-      plan_.intervals.size(), plan_.time_workers, "verdel-c14-time");
-  for (const Interval& interval : plan_.intervals) {
-    const auto chunk = results.next();
-    for (std::size_t index = 0; index < stems; ++index) {
-      std::copy_n(chunk->row(index).data(), interval.stop - interval.first,
-                  rendered.row(index).data() + (interval.first - job.start));
-    }
-  }
-  progress.finish();
+  auto rendered = AudioArray::uninitialised(job.source_models.size(), job.stop - job.start);
+  render_channel_intervals(
+      {job}, machine, stop,
+      [&](std::size_t, std::size_t first, RowsView<const double> stems) {
+        for (std::size_t index = 0; index < stems.rows(); ++index) {
+          std::ranges::copy(stems.row(index),
+                            rendered.row(index).subspan(first - job.start).begin());
+        }
+      });
   return rendered;
+}
+
+void render_channel_intervals(const std::vector<ChannelJob>& channels, const Machine& machine,
+                              const StopToken& stop, const StoreInterval& store) {
+  IntervalSequence(channels, machine, stop).run(store);
 }
 
 }  // namespace verdel

@@ -1,24 +1,15 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <vector>
 
 #include "allocation/channel_render.hpp"
-#include "allocation/scratch_pool.hpp"
 #include "signal/arrays.hpp"
 #include "support/machine.hpp"
 #include "support/stop_token.hpp"
 
 namespace verdel {
-
-/// The intervals of a span in order, and how many at once on how many threads each.
-struct IntervalPlan {
-  struct Interval {
-    std::size_t first, stop;
-  };
-  std::vector<Interval> intervals;
-  std::size_t time_workers, inner_workers;
-};
 
 /// The allocator's front door: shares the residual of one channel among its stems and returns them
 /// over the job's span, [stems][stop - start].
@@ -34,30 +25,22 @@ struct IntervalPlan {
 Array2D<double> render_transient_release_tail_channel(const ChannelJob& job, const Machine& machine,
                                                       const StopToken& stop = {});
 
-/// The same for several channels of one song: they share scratch files and buffers, whose pages are
-/// touched once for all.
-class ChannelRenderer {
- public:
-  /// `shape`: any of the channels. How the machine is used is settled here, before the scratch
-  /// files of the first channel take space from the second.
-  ChannelRenderer(const ChannelJob& shape, const Machine& machine);
+/// Called with a channel's index, a position in the source and the stems from there,
+/// [stems][samples].
+using StoreInterval =
+    std::function<void(std::size_t channel, std::size_t first, RowsView<const double> stems)>;
 
-  /// Threads: several channels may be rendered at once.
-  Array2D<double> render(const ChannelJob& job, const StopToken& stop = {});
-
- private:
-  Array2D<double> render_intervals(const ChannelJob& job, const StopToken& stop);
-
-  Machine machine_;
-  IntervalPlan plan_;
-  ScratchPool<RenderScratch> scratches_;
-};
-
-/// One interval: the job's span, with context cut from around it. `scratch`, if given, has room for
-/// both.
-Array2D<double> _render_transient_release_tail_channel_interval(const ChannelJob& job,
-                                                                const Machine& machine,
-                                                                const StopToken& stop = {},
-                                                                RenderScratch* scratch = nullptr);
+/// The same for all channels of a song, whose intervals form one sequence: threads, scratch files
+/// and buffers pass from one channel to the next.
+///
+/// `channels`: jobs of one shape, each with its own progress. `store` is called on the caller's
+/// thread for every interval, in order, and only when no render needs the models there any more:
+/// it may put the stems in the models' place.
+///
+/// Threads: as the machine allows, up to `active_channels` times what one channel gets. The failure
+/// of the lowest channel and interval is the one thrown; intervals not yet begun are dropped, one
+/// that runs finishes first.
+void render_channel_intervals(const std::vector<ChannelJob>& channels, const Machine& machine,
+                              const StopToken& stop, const StoreInterval& store);
 
 }  // namespace verdel

@@ -147,12 +147,9 @@ void PhaseRunner::finish_gate() {
   }
 }
 
-Array2D<double> PhaseRunner::blend() {
-  auto rendered =
-      Array2D<double>::uninitialised(render_.stems(), render_.job.stop - render_.job.start);
+void PhaseRunner::blend(RowsView<double> rendered) {
   for_each_stem(stem_workers_, "verdel-c14-blend",
                 [&](std::size_t index) { blend_stem(render_, index, rendered.row(index)); });
-  return rendered;
 }
 
 }  // namespace verdel

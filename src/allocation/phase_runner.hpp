@@ -25,7 +25,7 @@ class PhaseRunner {
   void project_stems();
   void build_histories();
   void build_gate_of_all();
-  Array2D<double> blend();  ///< [stems][stop - start]
+  void blend(RowsView<double> rendered);  ///< [stems][stop - start]
 
  private:
   void report();

@@ -9,7 +9,7 @@
 namespace verdel {
 
 /// Working memory for tasks of one kind: a task leases a piece, made if none lies free, and gives
-/// it back at its end. As many pieces exist as tasks have run at once; their pages are touched
+/// it back at the lease's end. As many pieces exist as were out at once; their pages are touched
 /// once.
 template <class Scratch>
 class ScratchPool {
@@ -19,17 +19,18 @@ class ScratchPool {
   class Lease {
    public:
     Lease(ScratchPool& pool, std::unique_ptr<Scratch> scratch)
-        : pool_(pool), scratch_(std::move(scratch)) {}
+        : pool_(&pool), scratch_(std::move(scratch)) {}
     ~Lease() {
-      const std::lock_guard lock(pool_.mutex_);
-      pool_.free_.push_back(std::move(scratch_));
+      if (!scratch_) return;
+      const std::lock_guard lock(pool_->mutex_);
+      pool_->free_.push_back(std::move(scratch_));
     }
-    Lease(const Lease&) = delete;
-    Lease& operator=(const Lease&) = delete;
+    Lease(Lease&&) noexcept = default;
+    Lease& operator=(Lease&&) = delete;
     Scratch& operator*() const { return *scratch_; }
 
    private:
-    ScratchPool& pool_;
+    ScratchPool* pool_;
     std::unique_ptr<Scratch> scratch_;
   };
 

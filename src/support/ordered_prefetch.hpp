@@ -16,8 +16,9 @@
 namespace verdel {
 
 /// A lazy sequence: `function` of each item, in the order of the items, computed on up to `workers`
-/// threads ahead of the consumer. Nothing happens before the first next(). At most `workers` tasks
-/// exist at any moment; `next_item` (an item, or nothing at the end) is called on the consumer's
+/// threads ahead of the consumer. Nothing happens before the first next(). At most `workers + spare`
+/// tasks exist at any moment, finished ones that wait for their turn included: `spare` of them keep
+/// the threads at work while the oldest takes longest. `next_item` (an item, or nothing at the end) is called on the consumer's
 /// thread, as results are asked for. With one worker there is no thread: each result is computed
 /// when it is asked for. A failure surfaces at its item's turn, and ends the sequence; an
 /// abandoned sequence drops what has not begun and waits for what has.
@@ -28,10 +29,11 @@ class OrderedPrefetch {
 
  public:
   OrderedPrefetch(Function function, NextItem next_item, std::size_t workers,
-                  std::string thread_prefix)
+                  std::string thread_prefix, std::size_t spare = 0)
       : function_(std::move(function)),
         next_item_(std::move(next_item)),
         workers_(workers),
+        most_pending_(workers + spare),
         thread_prefix_(std::move(thread_prefix)) {
     assert(workers >= 1);
   }
@@ -48,7 +50,7 @@ class OrderedPrefetch {
     }
     if (!pool_ && !closed_) {
       pool_ = std::make_unique<ThreadPool>(workers_, thread_prefix_);
-      while (pending_.size() < workers_ && submit_one()) {
+      while (pending_.size() < most_pending_ && submit_one()) {
       }
     }
     if (pending_.empty()) {
@@ -85,7 +87,7 @@ class OrderedPrefetch {
 
   Function function_;
   NextItem next_item_;
-  std::size_t workers_;
+  std::size_t workers_, most_pending_;
   std::string thread_prefix_;
   bool closed_ = false;
   std::deque<std::future<Result>> pending_;
@@ -95,13 +97,13 @@ class OrderedPrefetch {
 /// The sequence over the items 0 .. count - 1.
 template <class Function>
 auto _ordered_prefetch(Function function, std::size_t count, std::size_t workers,
-                       std::string thread_prefix) {
+                       std::string thread_prefix, std::size_t spare = 0) {
   auto next_item = [index = std::size_t{0}, count]() mutable -> std::optional<std::size_t> {
     if (index == count) return std::nullopt;
     return index++;
   };
   return OrderedPrefetch<Function, decltype(next_item)>(std::move(function), std::move(next_item),
-                                                        workers, std::move(thread_prefix));
+                                                        workers, std::move(thread_prefix), spare);
 }
 
 }  // namespace verdel

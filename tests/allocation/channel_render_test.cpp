@@ -9,6 +9,7 @@
 #include <limits>
 #include <numeric>
 
+#include "allocation/interval_rendering.hpp"
 #include "allocation/phase_runner.hpp"
 #include "reference_allocation.hpp"
 #include "support/errors.hpp"
@@ -19,6 +20,7 @@ namespace verdel {
 namespace {
 
 using testing::Cells;
+using testing::render_full;
 using testing::test_song;
 using testing::TestSong;
 
@@ -34,7 +36,7 @@ Machine machine_with(std::size_t processors, const std::string& folder = "") {
 }
 
 Array2D<double> render(const ChannelJob& job) {
-  return _render_transient_release_tail_channel_full(job, machine_with(2));
+  return render_full(job, machine_with(2));
 }
 
 double largest_difference(std::span<const double> a, std::span<const double> b) {
@@ -98,7 +100,8 @@ TEST_P(AgainstDefinition, EveryPhaseAndTheStemsAgree) {
   compare("transient history", state.transient_histories, expected.transient,
           [](double value, auto, auto) { return 1e-4 * value + 1e-12; });
   phases.build_gate_of_all();
-  const Array2D<double> rendered = phases.blend();
+  auto rendered = AudioArray::zeros(3, song.residual.size());
+  phases.blend(rendered.view());
   for (std::size_t s = 0; s < 3; ++s) {
     EXPECT_LT(decibels(largest_difference(rendered.row(s), expected.rendered[s])), -140.0) << s;
   }
@@ -181,9 +184,9 @@ TEST(ChannelRender, WorkersAndUsedScratchChangeNoBit) {
     ChannelJob job = song.job();
     job.workers = workers;
     RenderScratch scratch(machine_with(8), 7, 34000, 4);
+    auto rendered = AudioArray::zeros(7, 30000);
     for (int run = 0; run < 2; ++run) {
-      const auto rendered =
-          _render_transient_release_tail_channel_full(job, machine_with(8), {}, &scratch);
+      _render_transient_release_tail_channel_full(job, machine_with(8), scratch, rendered.view());
       EXPECT_EQ(largest_difference(rendered.flat(), expected.flat()), 0.0) << workers;
     }
   }
@@ -199,7 +202,7 @@ TEST(ChannelRender, ProgressCountsEveryStepOnce) {
       seen.push_back(done);
       EXPECT_EQ(total, 18U);
     };
-    _render_transient_release_tail_channel_full(job, machine_with(8));
+    render_full(job, machine_with(8));
     std::vector<std::size_t> expected(19);
     std::iota(expected.begin(), expected.end(), std::size_t{0});
     EXPECT_EQ(seen, expected);
@@ -213,7 +216,7 @@ TEST(ChannelRender, RefusesWhatDoesNotFit) {
     ChannelJob job = copy.job();
     change(copy, job);
     try {
-      render(job);
+      render_transient_release_tail_channel(job, machine_with(2));
     } catch (const std::exception& error) {
       return error.what();
     }
@@ -250,7 +253,7 @@ TEST(ChannelRender, LeavesNoDirectoryBehindOnAnyRoad) {
       EXPECT_TRUE(std::filesystem::is_empty(entry)) << "its files have no names";
     }
   };
-  _render_transient_release_tail_channel_full(job, machine);
+  render_full(job, machine);
   EXPECT_EQ(directories, 19U);
   EXPECT_TRUE(std::filesystem::is_empty(folder.path()));
 
@@ -258,12 +261,12 @@ TEST(ChannelRender, LeavesNoDirectoryBehindOnAnyRoad) {
     job.progress = [&](std::size_t done, std::size_t) {
       if (done == moment) throw RuntimeError("stop here");
     };
-    EXPECT_THROW(_render_transient_release_tail_channel_full(job, machine), RuntimeError);
+    EXPECT_THROW(render_full(job, machine), RuntimeError);
     EXPECT_TRUE(std::filesystem::is_empty(folder.path())) << moment;
 
     std::atomic<bool> stopped{false};
     job.progress = [&](std::size_t done, std::size_t) { stopped = done >= moment; };
-    EXPECT_THROW(_render_transient_release_tail_channel_full(job, machine, StopToken(stopped)),
+    EXPECT_THROW(render_full(job, machine, StopToken(stopped)),
                  Cancelled);
     EXPECT_TRUE(std::filesystem::is_empty(folder.path())) << moment;
   }
@@ -272,7 +275,7 @@ TEST(ChannelRender, LeavesNoDirectoryBehindOnAnyRoad) {
 TEST(ChannelRender, FailsPlainlyWithoutATemporaryFolder) {
   const TestSong song = test_song(4096, 44100);
   EXPECT_THROW(
-      _render_transient_release_tail_channel_full(song.job(), machine_with(2, "/nowhere/at/all")),
+      render_full(song.job(), machine_with(2, "/nowhere/at/all")),
       OSError);
 }
 

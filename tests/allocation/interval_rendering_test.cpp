@@ -12,6 +12,7 @@
 namespace verdel {
 namespace {
 
+using testing::render_full;
 using testing::test_song;
 using testing::TestSong;
 
@@ -31,7 +32,7 @@ TEST(Intervals, AbutBitForBitAsOneRender) {
   const int sr = 8000;
   const TestSong song = test_song(static_cast<std::size_t>(sr) * 62 + 77, sr);
   ChannelJob job = song.job();
-  const auto whole = _render_transient_release_tail_channel_full(job, machine_with(1));
+  const auto whole = render_full(job, machine_with(1));
   for (const std::size_t processors : {1U, 2U, 8U}) {
     job.workers = processors;
     EXPECT_TRUE(
@@ -42,7 +43,7 @@ TEST(Intervals, AbutBitForBitAsOneRender) {
 
 TEST(Intervals, AnExcerptIsTheWholeRendersCut) {
   const TestSong song = test_song(400000, 8000);
-  const auto whole = _render_transient_release_tail_channel_full(song.job(), machine_with(1));
+  const auto whole = render_full(song.job(), machine_with(1));
   for (const auto& [start, stop] :
        {std::pair<std::size_t, std::size_t>{0, 3000}, {150001, 171234}, {399990, 400000}}) {
     ChannelJob job = song.job();

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
@@ -38,6 +39,16 @@ struct TestSong {
     return job;
   }
 };
+
+/// One render of the whole signal on scratch of its own.
+inline AudioArray render_full(const ChannelJob& job, const Machine& machine,
+                              const StopToken& stop = {}) {
+  RenderScratch scratch(machine, job.source_models.size(), job.residual.size(),
+                        std::min(job.workers, RenderScratch::kMostScoringSpectra));
+  auto rendered = AudioArray::uninitialised(job.source_models.size(), job.stop - job.start);
+  _render_transient_release_tail_channel_full(job, machine, scratch, rendered.view(), stop);
+  return rendered;
+}
 
 inline TestSong test_song(std::size_t samples, int sr, std::size_t stems = 3) {
   TestSong song{std::vector<std::vector<double>>(stems, std::vector<double>(samples)),
