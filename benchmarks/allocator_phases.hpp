@@ -21,7 +21,7 @@ struct PhaseTimes {
   /// The first holds everything in front of the phases: checks, scratch files, the residual's
   /// spectrum, and what is done with the interval before on the same thread.
   static constexpr std::array<const char*, 7> kNames = {
-      "set-up", "scoring", "endpoints", "projection", "history", "gate", "blend"};
+      "set-up", "scoring", "endpoints", "projection", "onsets", "gate", "blend"};
 
   std::array<double, kNames.size()> seconds{};
   std::size_t intervals = 0;

@@ -64,7 +64,7 @@ def make_plan(quick):
     few, many = (2, 3) if quick else (8, 32)
 
     def workers(count):
-        return Job(2 * minute, few, options=("--processors", str(count)))
+        return Job(4 * minute, few, options=("--processors", str(count)))
 
     return Plan(lengths=tuple(Job(length * minute, 4) for length in (0.5, 2, 8)),
                 stems=tuple(Job(minute, stems) for stems in (1 if quick else 2, few, many)),

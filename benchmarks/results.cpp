@@ -95,8 +95,8 @@ std::optional<double> Results::report_seconds() const {
 
 double Results::allocator_bytes() const {
   const StageCost& cost = *find("allocate");
-  return std::max(
-      0.0, static_cast<double>(cost.peak) - static_cast<double>(cost.before) - result_bytes);
+  return std::max(0.0,
+                  static_cast<double>(cost.peak) - static_cast<double>(cost.before) - result_bytes);
 }
 
 void print(const Results& results) {

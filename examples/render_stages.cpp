@@ -71,8 +71,8 @@ void allocate_channel(const StemMap& models, const AudioArray& residual, std::si
   phases.score_sources();
   phases.render_all_endpoints();
   phases.project_stems();
-  phases.build_histories();
-  phases.build_gate_of_all();
+  phases.find_all_onsets();
+  phases.build_whole_gate();
   auto blended = AudioArray::uninitialised(models.size(), residual.columns());
   phases.blend(blended.view());
   for (std::size_t i = 0; i < models.size(); ++i) {

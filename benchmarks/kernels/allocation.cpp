@@ -24,7 +24,7 @@ constexpr int kRate = 44100;
 using Step = void (PhaseRunner::*)();
 constexpr Step kSteps[] = {&PhaseRunner::prepare_residual,     &PhaseRunner::score_sources,
                            &PhaseRunner::render_all_endpoints, &PhaseRunner::project_stems,
-                           &PhaseRunner::build_histories,      &PhaseRunner::build_gate_of_all};
+                           &PhaseRunner::find_all_onsets,      &PhaseRunner::build_whole_gate};
 
 /// A render that stands in front of one of its phases, on pages that have been touched.
 class HalfRender {
@@ -112,30 +112,33 @@ void projection(benchmark::State& state) {
 }
 BENCHMARK(projection);
 
-void history(benchmark::State& state) {
-  time_on_render(state, 5, [](ChannelRender& render) { build_history(render, 0); });
+void onsets(benchmark::State& state) {
+  time_on_render(state, 5, [](ChannelRender& render) { find_onsets(render, 0); });
 }
-BENCHMARK(history);
+BENCHMARK(onsets);
 
 /// The look back alone, on one tile in which every frame is an onset, or none.
 void look_back(benchmark::State& state) {
   constexpr std::size_t kFrames = 1000, kColumns = CellGrid::kTileBins;
-  std::vector<float> current(kFrames * kColumns), past(current.size()), gated(current.size());
+  std::vector<float> current(kFrames * kColumns), past(kColumns), gated(kColumns);
   const std::vector<double> onset(kFrames, static_cast<double>(state.range(0)));
   fill_with_bursts(std::span(current), 0);
   for (float& value : current) value *= value;
+  const HistoryDecays decays = history_decays(kRate);
   for (auto _ : state) {
-    _c14_history(current.data(), onset, kColumns, kRate, past.data(), gated.data());
+    for (std::size_t t = 0; t < kFrames; ++t) {
+      _c14_history(current.data(), onset, kColumns, decays, t, past.data(), gated.data());
+    }
     benchmark::ClobberMemory();
   }
   count_items(state, "cell", current.size());
 }
 BENCHMARK(look_back)->ArgName("onset")->Arg(0)->Arg(1);
 
-/// With the look ahead.
+/// Of all stems, with the look back and the look ahead.
 void gate(benchmark::State& state) {
   time_on_render(state, 6, [](ChannelRender& render) {
-    for (std::size_t tile = 0; tile < CellGrid::kTiles; ++tile) build_gate(render, 0, tile);
+    for (std::size_t tile = 0; tile < CellGrid::kTiles; ++tile) build_gate(render, tile);
   });
 }
 BENCHMARK(gate);

@@ -53,8 +53,8 @@ void render_phases(const ChannelJob& job, const Machine& machine, const StopToke
   phases.score_sources();
   phases.render_all_endpoints();
   phases.project_stems();
-  phases.build_histories();
-  phases.build_gate_of_all();
+  phases.find_all_onsets();
+  phases.build_whole_gate();
   phases.blend(rendered);
 }
 
@@ -71,9 +71,7 @@ ChannelRender::ChannelRender(const ChannelJob& channel_job, const SpectralTransf
       scores09(scratch.scores09),
       scores10(scratch.scores10),
       output09(scratch.output09),
-      output10(scratch.output10),
-      histories(scratch.histories),
-      transient_histories(scratch.transient_histories) {}
+      output10(scratch.output10) {}
 
 void check_channel_job(const ChannelJob& job, std::size_t shortest) {
   const std::size_t samples = job.residual.size();
@@ -92,8 +90,7 @@ void check_channel_job(const ChannelJob& job, std::size_t shortest) {
 }
 
 void _render_transient_release_tail_channel_full(const ChannelJob& job, const Machine& machine,
-                                                 RenderScratch& scratch,
-                                                 RowsView<double> rendered,
+                                                 RenderScratch& scratch, RowsView<double> rendered,
                                                  const StopToken& stop) {
   check_channel_job(job, 0);
   assert(rendered.rows() == job.source_models.size());

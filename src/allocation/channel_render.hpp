@@ -57,8 +57,6 @@ struct ChannelRender {
   MappedArray& scores10;        ///< the same of endpoint 10. Phases 1, 3; phases 2, 5.
   MappedArray& output09;        ///< model plus share under endpoint 09, samples. Phase 2; 3, 6.
   MappedArray& output10;        ///< the same under endpoint 10. Phase 2; phases 3, 6.
-  MappedArray& histories;       ///< decaying memory of the support, cells. Phase 4; phase 5.
-  MappedArray& transient_histories;  ///< the same, of onsets alone. Phase 4; phase 5.
 
   /// Spectrum of the residual, two values a cell; from phase 3 on of the residual that endpoint 10
   /// allocated. Written: at the start, after phase 2. Read: phases 1 to 3.
@@ -67,10 +65,12 @@ struct ChannelRender {
   std::span<float> residual_power;
   /// Sums over the stems of scores09 and scores10, cells. After phases 1 and 3; phases 2 and 5.
   std::span<double> total09, total10;
-  /// Weight of each frame as an onset, [stems][frames]. Phase 4; phase 5.
+  /// Weight of each frame as an onset, and whether an onset reaches it through one of the history's
+  /// delays, both [stems][frames]. Where none does the gate stays shut. Phase 4; phase 5.
   Array2D<double> onsets;
-  /// Sum over the stems of histories, cells. After phase 4; phase 5.
-  std::span<double> history_total;
+  Array2D<char> behind_onsets;
+  /// Whether an onset of any stem reaches the frame. After phase 4; phase 5.
+  std::vector<char> behind_any_onset;
   /// Weight in 0 .. C14_TAIL_STRENGTH that moves a cell from endpoint 10 to endpoint 09, cells.
   /// Phase 5; phase 6.
   std::span<double> gate;
@@ -87,8 +87,7 @@ struct ChannelRender {
 /// FloatingPointError if the stems miss the sum of models and residual by more than
 /// C14_CONSERVATION_TOLERANCE.
 void _render_transient_release_tail_channel_full(const ChannelJob& job, const Machine& machine,
-                                                 RenderScratch& scratch,
-                                                 RowsView<double> rendered,
+                                                 RenderScratch& scratch, RowsView<double> rendered,
                                                  const StopToken& stop = {});
 
 /// The tests that inputs must pass: one length, finite, a span inside it.

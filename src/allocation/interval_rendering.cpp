@@ -34,8 +34,7 @@ struct IntervalPlan {
 Interval with_context(const Interval& interval, std::size_t samples) {
   const std::size_t before = interval.first - std::min(interval.first, kBefore);
   const std::size_t after = interval.stop + kAfter;
-  return {before / C14_HOP * C14_HOP,
-          std::min(samples, (after + C14_HOP - 1) / C14_HOP * C14_HOP)};
+  return {before / C14_HOP * C14_HOP, std::min(samples, (after + C14_HOP - 1) / C14_HOP * C14_HOP)};
 }
 
 /// Consecutive intervals that cover the span, their lengths one sample apart at most.
@@ -108,8 +107,8 @@ std::size_t longest_interval(const IntervalPlan& plan) {
 /// Room for the longest interval, with its context rounded out to whole hops.
 ScratchPool<RenderScratch> scratch_for(const ChannelJob& shape, const IntervalPlan& plan,
                                        const Machine& machine) {
-  const std::size_t longest = std::min(
-      shape.residual.size(), longest_interval(plan) + kBefore + kAfter + 2 * C14_HOP);
+  const std::size_t longest =
+      std::min(shape.residual.size(), longest_interval(plan) + kBefore + kAfter + 2 * C14_HOP);
   const std::size_t spectra = std::min(plan.inner_workers, RenderScratch::kMostScoringSpectra);
   return ScratchPool<RenderScratch>(
       [machine, stems = shape.source_models.size(), longest, spectra] {
@@ -127,8 +126,7 @@ ScratchPool<AudioArray> results_for(const ChannelJob& shape, const IntervalPlan&
 
 /// Renders one interval: `span`, from the slice of the signals that is its context.
 void _render_transient_release_tail_channel_interval(const ChannelJob& job, const Interval& span,
-                                                     const Machine& machine,
-                                                     RenderScratch& scratch,
+                                                     const Machine& machine, RenderScratch& scratch,
                                                      RowsView<double> rendered,
                                                      const StopToken& stop) {
   const std::size_t samples = job.residual.size();
@@ -201,7 +199,8 @@ std::size_t IntervalSequence::last_reader(std::size_t interval) const {
   const std::size_t samples = channels_.front().residual.size();
   std::size_t reader = interval;
   while (reader + 1 < plan_.intervals.size() &&
-         with_context(plan_.intervals[reader + 1], samples).first < plan_.intervals[interval].stop) {
+         with_context(plan_.intervals[reader + 1], samples).first <
+             plan_.intervals[interval].stop) {
     ++reader;
   }
   return reader;
@@ -234,8 +233,7 @@ Array2D<double> render_transient_release_tail_channel(const ChannelJob& job, con
   check_channel_job(job, C14_FFT_SIZE);
   auto rendered = AudioArray::uninitialised(job.source_models.size(), job.stop - job.start);
   render_channel_intervals(
-      {job}, machine, stop,
-      [&](std::size_t, std::size_t first, RowsView<const double> stems) {
+      {job}, machine, stop, [&](std::size_t, std::size_t first, RowsView<const double> stems) {
         for (std::size_t index = 0; index < stems.rows(); ++index) {
           std::ranges::copy(stems.row(index),
                             rendered.row(index).subspan(first - job.start).begin());

@@ -5,7 +5,6 @@
 #include <cassert>
 #include <cmath>
 
-#include "allocation/c14_constants.hpp"
 #include "allocation/cell_grid.hpp"
 #include "signal/instruction_sets.hpp"
 
@@ -49,9 +48,13 @@ VERDEL_INLINE void history_frame(const Past* pasts, std::size_t count, std::size
 
 }  // namespace
 
-double history_decay(std::size_t delay, int sr) {
-  const double seconds = static_cast<double>(delay * C14_HOP) / sr;
-  return std::exp(-seconds / C14_HISTORY_TAU);
+HistoryDecays history_decays(int sr) {
+  HistoryDecays decays{};
+  for (std::size_t i = 0; i < decays.size(); ++i) {
+    const double seconds = static_cast<double>(C14_HISTORY_DELAYS[i] * C14_HOP) / sr;
+    decays[i] = std::exp(-seconds / C14_HISTORY_TAU);
+  }
+  return decays;
 }
 
 std::vector<double> _c14_previous_mean(std::span<const double> envelope, std::size_t frames) {
@@ -65,22 +68,17 @@ std::vector<double> _c14_previous_mean(std::span<const double> envelope, std::si
   return means;
 }
 
-void _c14_history(const float* current, std::span<const double> onset, std::size_t columns, int sr,
-                  float* history, float* gated_history) {
+void _c14_history(const float* current, std::span<const double> onset, std::size_t columns,
+                  const HistoryDecays& decays, std::size_t t, float* history,
+                  float* gated_history) {
   assert(columns <= CellGrid::kTileBins);
-  std::array<double, C14_HISTORY_DELAYS.size()> decays{};
-  for (std::size_t i = 0; i < decays.size(); ++i)
-    decays[i] = history_decay(C14_HISTORY_DELAYS[i], sr);
   std::array<Past, C14_HISTORY_DELAYS.size()> pasts{};
-  for (std::size_t t = 0; t < onset.size(); ++t) {
-    std::size_t count = 0;
-    for (; count < pasts.size() && C14_HISTORY_DELAYS[count] <= t; ++count) {
-      const std::size_t earlier = t - C14_HISTORY_DELAYS[count];
-      pasts[count] = {current + earlier * columns, decays[count], onset[earlier]};
-    }
-    run_kernel<history_frame>(pasts.data(), count, columns, history + t * columns,
-                              gated_history + t * columns);
+  std::size_t count = 0;
+  for (; count < pasts.size() && C14_HISTORY_DELAYS[count] <= t; ++count) {
+    const std::size_t earlier = t - C14_HISTORY_DELAYS[count];
+    pasts[count] = {current + earlier * columns, decays[count], onset[earlier]};
   }
+  run_kernel<history_frame>(pasts.data(), count, columns, history, gated_history);
 }
 
 }  // namespace verdel

@@ -111,23 +111,37 @@ void PhaseRunner::project_stems() {
   sum_stems(render_.scores10, render_.total10);
 }
 
-void PhaseRunner::build_histories() {
-  render_.onsets = Array2D<double>::zeros(render_.stems(), render_.grid.frames());
-  for_each_stem(stem_workers_, "verdel-c14-history",
-                [&](std::size_t index) { build_history(render_, index); });
-  render_.scratch.flush(render_.histories);
-  render_.scratch.flush(render_.transient_histories);
+void PhaseRunner::find_all_onsets() {
+  render_.onsets = Array2D<double>::uninitialised(render_.stems(), render_.grid.frames());
+  render_.behind_onsets = Array2D<char>::uninitialised(render_.stems(), render_.grid.frames());
+  for_each_stem(stem_workers_, "verdel-c14-onset",
+                [&](std::size_t index) { find_onsets(render_, index); });
+  render_.behind_any_onset.assign(render_.grid.frames(), 0);
+  for (std::size_t index = 0; index < render_.stems(); ++index) {
+    std::ranges::transform(render_.behind_onsets.row(index), render_.behind_any_onset,
+                           render_.behind_any_onset.begin(), std::bit_or<>());
+  }
 }
 
-void PhaseRunner::build_gate_of_all() {
-  render_.history_total = render_.scratch.spectrum_then_history.as<double>(cells());
-  sum_stems(render_.histories, render_.history_total);
+void PhaseRunner::build_whole_gate() {
   render_.gate = render_.scratch.residual_then_gate.as<double>(cells());
   std::fill(render_.gate.begin(), render_.gate.end(), 0.0);
-  // One gate serves all stems, so they take turns, and each turn is spread over the tiles.
-  for_each_stem(1, "", [&](std::size_t index) {
-    for_each_tile([&](std::size_t tile) { build_gate(render_, index, tile); });
-  });
+  auto tiles = _ordered_prefetch(
+      [&](std::size_t tile) {
+        render_.stop.check();
+        build_gate(render_, tile);
+        return tile;
+      },
+      CellGrid::kTiles, std::max<std::size_t>(1, render_.job.workers), "verdel-c14-gate");
+  // One gate serves all stems: the phase's steps are spread over its tiles.
+  const std::size_t before = finished_;
+  while (const auto tile = tiles.next()) {
+    const std::size_t steps = (*tile + 1) * render_.stems() / CellGrid::kTiles;
+    while (finished_ < before + steps) {
+      ++finished_;
+      report();
+    }
+  }
   finish_gate();
 }
 

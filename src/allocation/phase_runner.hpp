@@ -23,8 +23,8 @@ class PhaseRunner {
   void score_sources();
   void render_all_endpoints();
   void project_stems();
-  void build_histories();
-  void build_gate_of_all();
+  void find_all_onsets();
+  void build_whole_gate();
   void blend(RowsView<double> rendered);  ///< [stems][stop - start]
 
  private:

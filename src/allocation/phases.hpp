@@ -5,8 +5,8 @@
 
 #include "allocation/channel_render.hpp"
 
-/// The work of each phase on one stem. All read the render's state and write the rows of their own
-/// stem; build_gate writes the one gate of all stems and so takes them in turn.
+/// The work of each phase: on one stem, whose rows alone it writes, or, for the one gate of all
+/// stems, on one tile.
 namespace verdel {
 
 /// Phase 1: how much of the residual the stem can claim in each cell, under either endpoint.
@@ -29,13 +29,13 @@ void measure_allocated_residual(ChannelRender& render);
 /// Writes: scores09, scores10.
 void project_stem(ChannelRender& render, std::size_t index);
 
-/// Phase 4: how strong the stem was in the recent past, and how much of that came from onsets.
-/// Writes: histories, transient_histories, the stem's row of onsets.
-void build_history(ChannelRender& render, std::size_t index);
+/// Phase 4: the frames in which the stem strikes. Writes: the stem's rows of onsets and
+/// behind_onsets.
+void find_onsets(ChannelRender& render, std::size_t index);
 
-/// Phase 5, for one stem and one tile: raises the gate where the tile's cells look like the release
-/// tail of this stem's transient.
-void build_gate(ChannelRender& render, std::size_t index, std::size_t tile);
+/// Phase 5, for one tile: opens the gate, zero before, where the tile's cells look like the release
+/// tail of a stem's transient. Writes: the tile's part of gate.
+void build_gate(ChannelRender& render, std::size_t tile);
 
 /// Phase 6: the stem over the job's span: endpoint 10, moved towards endpoint 09 by the gate.
 void blend_stem(const ChannelRender& render, std::size_t index, std::span<double> rendered);

@@ -11,11 +11,11 @@ std::size_t stored_cells(std::size_t samples) {
   return CellGrid(spectrum_frames(samples)).stored_cells();
 }
 
-/// Whether the seven arrays take more than this share of memory; a system begins to write back by
+/// Whether the five arrays take more than this share of memory; a system begins to write back by
 /// itself at about a tenth.
 bool is_large(const Machine& machine, std::size_t stems, std::size_t samples) {
   constexpr std::size_t kShare = 8;
-  const std::size_t bytes = stems * (5 * stored_cells(samples) + 2 * samples) * sizeof(float);
+  const std::size_t bytes = stems * (3 * stored_cells(samples) + 2 * samples) * sizeof(float);
   return bytes > machine.physical_memory() / kShare;
 }
 
@@ -29,24 +29,18 @@ RenderScratch::RenderScratch(const Machine& machine, std::size_t stems, std::siz
       scores10(directory_.path() + "/persistent.dat", stems, stored_cells(samples)),
       output09(directory_.path() + "/endpoint-09.dat", stems, samples),
       output10(directory_.path() + "/endpoint-10.dat", stems, samples),
-      histories(directory_.path() + "/history.dat", stems, stored_cells(samples)),
-      transient_histories(directory_.path() + "/transient-history.dat", stems,
-                          stored_cells(samples)),
       residual_then_gate(stored_cells(samples)),
-      spectrum_then_history(stored_cells(samples)),
       power_then_total09(stored_cells(samples)),
       spectrum_then_total10(stored_cells(samples)),
       large_(is_large(machine, stems, samples)) {
   assert(scoring_workers <= kMostScoringSpectra);
-  for (std::size_t worker = 2; worker < scoring_workers; ++worker) {
+  for (std::size_t worker = 1; worker < scoring_workers; ++worker) {
     further_spectra_.emplace_back(stored_cells(samples));
   }
 }
 
 CellBuffer& RenderScratch::scoring_spectrum(std::size_t worker) {
-  if (worker == 0) return spectrum_then_history;
-  if (worker == 1) return spectrum_then_total10;
-  return further_spectra_[worker - 2];
+  return worker == 0 ? spectrum_then_total10 : further_spectra_[worker - 1];
 }
 
 }  // namespace verdel

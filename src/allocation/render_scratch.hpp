@@ -61,13 +61,10 @@ class RenderScratch {
   TemporaryDirectory directory_;  // goes last
 
  public:
-  MappedArray support_scores, scores09, scores10, output09, output10, histories,
-      transient_histories;
+  MappedArray support_scores, scores09, scores10, output09, output10;
   // By phase: the residual's spectrum until phase 3, the gate from phase 5 on ...
   CellBuffer residual_then_gate;
-  // ... the first scoring spectrum in phase 1, the histories' total in phase 5 ...
-  CellBuffer spectrum_then_history;
-  // ... the residual's power, and the second scoring spectrum, in phase 1; then the scores' totals.
+  // ... the residual's power, and the first scoring spectrum, in phase 1; then the scores' totals.
   CellBuffer power_then_total09, spectrum_then_total10;
 
  private:

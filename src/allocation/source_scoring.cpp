@@ -331,9 +331,10 @@ void score_source(ChannelRender& render, std::size_t index, std::span<float> spe
   _c14_transform(render.transform, render.job.source_models[index], grid, spectrum, render.stop);
   ScoringTile tile{};
   tile.frames = grid.frames();
+  const HistoryDecays decays = history_decays(render.job.sr);
   for (std::size_t lag = 1; lag < kLags; ++lag) {
     tile.delay[lag] = C14_HISTORY_DELAYS[lag - 1];
-    tile.decay[lag] = static_cast<float>(history_decay(tile.delay[lag], render.job.sr));
+    tile.decay[lag] = static_cast<float>(decays[lag - 1]);
   }
   const auto state = std::make_unique<TileState>();
   for (std::size_t t = 0; t < CellGrid::kTiles; ++t) {

@@ -2,6 +2,7 @@
 #include <array>
 #include <vector>
 
+#include "allocation/onset_history.hpp"
 #include "allocation/phases.hpp"
 #include "signal/instruction_sets.hpp"
 
@@ -125,19 +126,6 @@ void LaterMaximum::load(const float* present, std::size_t frames, std::size_t co
   }
 }
 
-/// For each frame, whether an onset reaches it through one of the delays. Where none does, the
-/// transient history is zero and so is the gate.
-std::vector<char> frames_behind_onsets(std::span<const double> onset) {
-  std::vector<char> behind(onset.size(), 0);
-  for (std::size_t t = 0; t < onset.size(); ++t) {
-    if (onset[t] == 0.0) continue;
-    for (const std::size_t delay : C14_HISTORY_DELAYS) {
-      if (t + delay < behind.size()) behind[t + delay] = 1;
-    }
-  }
-  return behind;
-}
-
 std::array<double, CellGrid::kTileBins> bass_fade_of(std::size_t tile, int sr) {
   std::array<double, CellGrid::kTileBins> fade{};
   const double spacing = (sr / 2.0) / static_cast<double>(C14_BINS - 1);
@@ -148,41 +136,139 @@ std::array<double, CellGrid::kTileBins> bass_fade_of(std::size_t tile, int sr) {
   return fade;
 }
 
+/// The pasts of all stems in one tile, for a block of frames: how strong a stem was, and how much
+/// of that came from onsets. A block at a time stays in the near cache; over a whole render they
+/// would be two of five arrays as large as the spectrum.
+class BlockHistories {
+ public:
+  static constexpr std::size_t kBlock = LaterMaximum::kBlock;
+
+  BlockHistories(const ChannelRender& render, std::size_t tile)
+      : render_(render),
+        tile_(tile),
+        decays_(history_decays(render.job.sr)),
+        histories_(Rows::uninitialised(render.stems() * kBlock, CellGrid::kTileBins)),
+        transients_(Rows::uninitialised(render.stems() * kBlock, CellGrid::kTileBins)) {}
+
+  /// The pasts of the frames first .. stop - 1, where any stem needs them.
+  void load(std::size_t first, std::size_t stop);
+
+  const float* history(std::size_t index, std::size_t frame_of_block) const {
+    return histories_.row(index * kBlock + frame_of_block).data();
+  }
+  /// From onsets alone.
+  const float* transient(std::size_t index, std::size_t frame_of_block) const {
+    return transients_.row(index * kBlock + frame_of_block).data();
+  }
+  /// The sum over the stems.
+  const double* total(std::size_t frame_of_block) const { return totals_[frame_of_block].data(); }
+
+ private:
+  using Rows = Array2D<float>;
+
+  const ChannelRender& render_;
+  std::size_t tile_;
+  HistoryDecays decays_;
+  Rows histories_, transients_;  // [stems * kBlock][columns]
+  std::array<std::array<double, CellGrid::kTileBins>, kBlock> totals_{};
+};
+
+void BlockHistories::load(std::size_t first, std::size_t stop) {
+  const std::size_t columns = CellGrid::columns(tile_);
+  for (auto& total : totals_) total.fill(0.0);
+  for (std::size_t index = 0; index < render_.stems(); ++index) {
+    const float* present =
+        std::as_const(render_.support_scores).row(index).data() + render_.grid.offset(tile_, 0);
+    for (std::size_t frame = first; frame < stop; ++frame) {
+      if (render_.behind_any_onset[frame] == 0) continue;
+      const std::size_t row = index * kBlock + frame - first;
+      float* history = histories_.row(row).data();
+      _c14_history(present, render_.onsets.row(index), columns, decays_, frame, history,
+                   transients_.row(row).data());
+      for (std::size_t b = 0; b < columns; ++b) {
+        totals_[frame - first][b] += static_cast<double>(history[b]);
+      }
+    }
+  }
+}
+
+bool any_marked(std::span<const char> frames, std::size_t first, std::size_t stop) {
+  const auto block = frames.subspan(first, stop - first);
+  return std::find(block.begin(), block.end(), 1) != block.end();
+}
+
+/// The gate of one tile, opened by one block of frames after another.
+class TileGate {
+ public:
+  static constexpr std::size_t kBlock = LaterMaximum::kBlock;
+
+  TileGate(ChannelRender& render, std::size_t tile);
+  /// Whether the bass fade lets any bin of the tile open.
+  bool can_open() const { return open_from_ < columns_; }
+  void raise_block(std::size_t first);
+
+ private:
+  /// By one stem, in the frames that its onsets reach; the block's pasts are loaded.
+  void raise_for_stem(std::size_t index, std::size_t first, std::size_t stop);
+
+  ChannelRender& render_;
+  std::size_t tile_, columns_;
+  std::array<double, CellGrid::kTileBins> fade_;
+  std::size_t open_from_ = 0;  // the first column that can open
+  BlockHistories histories_;
+  LaterMaximum later_;
+};
+
+TileGate::TileGate(ChannelRender& render, std::size_t tile)
+    : render_(render),
+      tile_(tile),
+      columns_(CellGrid::columns(tile)),
+      fade_(bass_fade_of(tile, render.job.sr)),
+      histories_(render, tile) {
+  while (can_open() && fade_[open_from_ + kStretch - 1] == 0.0) open_from_ += kStretch;
+}
+
+void TileGate::raise_block(std::size_t first) {
+  const std::size_t stop = std::min(first + kBlock, render_.grid.frames());
+  if (!any_marked(render_.behind_any_onset, first, stop)) return;
+  histories_.load(first, stop);
+  for (std::size_t index = 0; index < render_.stems(); ++index) {
+    if (!any_marked(std::as_const(render_.behind_onsets).row(index), first, stop)) continue;
+    raise_for_stem(index, first, stop);
+  }
+}
+
+void TileGate::raise_for_stem(std::size_t index, std::size_t first, std::size_t stop) {
+  const CellGrid& grid = render_.grid;
+  const auto behind = render_.behind_onsets.row(index);
+  const float* present = std::as_const(render_.support_scores).row(index).data();
+  later_.load(present + grid.offset(tile_, 0), grid.frames(), columns_, first);
+  for (std::size_t frame = first; frame < stop; ++frame) {
+    if (behind[frame] == 0) continue;
+    const std::size_t at = grid.offset(tile_, frame);
+    run_kernel<gate_frame>(
+        GateFrame{.scores09 = std::as_const(render_.scores09).row(index).data() + at,
+                  .scores10 = std::as_const(render_.scores10).row(index).data() + at,
+                  .total09 = render_.total09.data() + at,
+                  .total10 = render_.total10.data() + at,
+                  .present = present + at,
+                  .history = histories_.history(index, frame - first),
+                  .transient = histories_.transient(index, frame - first),
+                  .later = later_.row(frame - first),
+                  .history_total = histories_.total(frame - first),
+                  .bass_fade = fade_.data(),
+                  .gate = render_.gate.data() + at},
+        open_from_, columns_);
+  }
+}
+
 }  // namespace
 
-void build_gate(ChannelRender& render, std::size_t index, std::size_t tile) {
-  const CellGrid& grid = render.grid;
-  const std::size_t columns = CellGrid::columns(tile);
-  const auto fade = bass_fade_of(tile, render.job.sr);
-  std::size_t open_from = 0;
-  while (open_from < columns && fade[open_from + kStretch - 1] == 0.0) open_from += kStretch;
-  if (open_from == columns) return;
-  const std::vector<char> behind = frames_behind_onsets(render.onsets.row(index));
-  const float* present = std::as_const(render.support_scores).row(index).data();
-  LaterMaximum later;
-  for (std::size_t first = 0; first < grid.frames(); first += LaterMaximum::kBlock) {
-    const std::size_t stop = std::min(first + LaterMaximum::kBlock, grid.frames());
-    const auto begin = behind.begin() + static_cast<std::ptrdiff_t>(first);
-    const auto end = behind.begin() + static_cast<std::ptrdiff_t>(stop);
-    if (std::find(begin, end, 1) == end) continue;
-    later.load(present + grid.offset(tile, 0), grid.frames(), columns, first);
-    for (std::size_t frame = first; frame < stop; ++frame) {
-      if (behind[frame] == 0) continue;
-      const std::size_t at = grid.offset(tile, frame);
-      run_kernel<gate_frame>(
-          GateFrame{.scores09 = std::as_const(render.scores09).row(index).data() + at,
-                    .scores10 = std::as_const(render.scores10).row(index).data() + at,
-                    .total09 = render.total09.data() + at,
-                    .total10 = render.total10.data() + at,
-                    .present = present + at,
-                    .history = std::as_const(render.histories).row(index).data() + at,
-                    .transient = std::as_const(render.transient_histories).row(index).data() + at,
-                    .later = later.row(frame - first),
-                    .history_total = render.history_total.data() + at,
-                    .bass_fade = fade.data(),
-                    .gate = render.gate.data() + at},
-          open_from, columns);
-    }
+void build_gate(ChannelRender& render, std::size_t tile) {
+  TileGate gate(render, tile);
+  if (!gate.can_open()) return;
+  for (std::size_t first = 0; first < render.grid.frames(); first += TileGate::kBlock) {
+    gate.raise_block(first);
   }
 }
 

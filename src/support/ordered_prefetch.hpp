@@ -16,12 +16,13 @@
 namespace verdel {
 
 /// A lazy sequence: `function` of each item, in the order of the items, computed on up to `workers`
-/// threads ahead of the consumer. Nothing happens before the first next(). At most `workers + spare`
-/// tasks exist at any moment, finished ones that wait for their turn included: `spare` of them keep
-/// the threads at work while the oldest takes longest. `next_item` (an item, or nothing at the end) is called on the consumer's
-/// thread, as results are asked for. With one worker there is no thread: each result is computed
-/// when it is asked for. A failure surfaces at its item's turn, and ends the sequence; an
-/// abandoned sequence drops what has not begun and waits for what has.
+/// threads ahead of the consumer. Nothing happens before the first next(). At most `workers +
+/// spare` tasks exist at any moment, finished ones that wait for their turn included: `spare` of
+/// them keep the threads at work while the oldest takes longest. `next_item` (an item, or nothing
+/// at the end) is called on the consumer's thread, as results are asked for. With one worker there
+/// is no thread: each result is computed when it is asked for. A failure surfaces at its item's
+/// turn, and ends the sequence; an abandoned sequence drops what has not begun and waits for what
+/// has.
 template <class Function, class NextItem>
 class OrderedPrefetch {
   using Item = typename std::invoke_result_t<NextItem&>::value_type;

@@ -62,6 +62,16 @@ double deviation(
   return largest;
 }
 
+double largest_gate_difference(const ChannelRender& state, const Cells& expected) {
+  double largest = 0.0;
+  for (std::size_t k = 0; k < C14_BINS; ++k) {
+    for (std::size_t t = 0; t < state.grid.frames(); ++t) {
+      largest = std::max(largest, std::abs(state.gate[state.grid.index(k, t)] - expected.at(k, t)));
+    }
+  }
+  return largest;
+}
+
 class AgainstDefinition : public ::testing::TestWithParam<std::size_t> {};
 
 TEST_P(AgainstDefinition, EveryPhaseAndTheStemsAgree) {
@@ -95,11 +105,9 @@ TEST_P(AgainstDefinition, EveryPhaseAndTheStemsAgree) {
   };
   compare("projection 09", state.scores09, expected.projection09, last_bit);
   compare("projection 10", state.scores10, expected.projection10, last_bit);
-  phases.build_histories();
-  compare("history", state.histories, expected.history, rounding);
-  compare("transient history", state.transient_histories, expected.transient,
-          [](double value, auto, auto) { return 1e-4 * value + 1e-12; });
-  phases.build_gate_of_all();
+  phases.find_all_onsets();
+  phases.build_whole_gate();
+  EXPECT_LT(largest_gate_difference(state, expected.gate), 1e-3);
   auto rendered = AudioArray::zeros(3, song.residual.size());
   phases.blend(rendered.view());
   for (std::size_t s = 0; s < 3; ++s) {
@@ -266,17 +274,14 @@ TEST(ChannelRender, LeavesNoDirectoryBehindOnAnyRoad) {
 
     std::atomic<bool> stopped{false};
     job.progress = [&](std::size_t done, std::size_t) { stopped = done >= moment; };
-    EXPECT_THROW(render_full(job, machine, StopToken(stopped)),
-                 Cancelled);
+    EXPECT_THROW(render_full(job, machine, StopToken(stopped)), Cancelled);
     EXPECT_TRUE(std::filesystem::is_empty(folder.path())) << moment;
   }
 }
 
 TEST(ChannelRender, FailsPlainlyWithoutATemporaryFolder) {
   const TestSong song = test_song(4096, 44100);
-  EXPECT_THROW(
-      render_full(song.job(), machine_with(2, "/nowhere/at/all")),
-      OSError);
+  EXPECT_THROW(render_full(song.job(), machine_with(2, "/nowhere/at/all")), OSError);
 }
 
 }  // namespace

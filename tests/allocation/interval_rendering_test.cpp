@@ -4,8 +4,10 @@
 
 #include <algorithm>
 #include <mutex>
+#include <string>
 #include <vector>
 
+#include "allocation/channels.hpp"
 #include "support/errors.hpp"
 #include "test_song.hpp"
 
@@ -38,6 +40,35 @@ TEST(Intervals, AbutBitForBitAsOneRender) {
     EXPECT_TRUE(
         same_bits(render_transient_release_tail_channel(job, machine_with(processors)), whole))
         << processors << " processors";
+  }
+}
+
+// The stems of one interval replace models that its neighbours' renders still look at.
+TEST(Intervals, OfAllChannelsTakeTheModelsPlaceBitForBit) {
+  const int sr = 8000;
+  const TestSong song = test_song(static_cast<std::size_t>(sr) * 62 + 77, sr);
+  ChannelJob reversed = song.job();
+  std::ranges::reverse(reversed.source_models);
+  const AudioArray expected[] = {render_full(song.job(), machine_with(1)),
+                                 render_full(reversed, machine_with(1))};
+  for (const std::size_t processors : {1U, 2U, 8U}) {
+    Model model{.sources = {}, .residual = AudioArray::zeros(2, song.residual.size())};
+    for (std::size_t channel = 0; channel < 2; ++channel) {
+      std::ranges::copy(song.residual, model.residual.row(channel).begin());
+    }
+    for (std::size_t s = 0; s < 3; ++s) {
+      model.sources.push_back({std::to_string(s), AudioArray::zeros(2, song.residual.size())});
+      std::ranges::copy(song.models[s], model.sources[s].audio.row(0).begin());
+      std::ranges::copy(song.models[2 - s], model.sources[s].audio.row(1).begin());
+    }
+    const ChannelsJob job{.sr = sr, .stop = song.residual.size()};
+    const StemMap stems = render_channels(std::move(model), job, machine_with(processors));
+    for (std::size_t s = 0; s < 3; ++s) {
+      for (std::size_t channel = 0; channel < 2; ++channel) {
+        EXPECT_TRUE(std::ranges::equal(stems[s].audio.row(channel), expected[channel].row(s)))
+            << "stem " << s << ", channel " << channel << ", " << processors << " processors";
+      }
+    }
   }
 }
 

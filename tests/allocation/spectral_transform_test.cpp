@@ -70,12 +70,13 @@ TEST(OnsetHistory, IsThePeakOfTheFadedPast) {
   testing::Noise noise(5);
   for (const std::size_t frames : {1U, 4U, 5U, 145U, 300U}) {
     const std::size_t columns = 16;
-    std::vector<float> current(frames * columns), history(current), gated(current);
+    std::vector<float> current(frames * columns), history(columns), gated(columns);
     std::vector<double> onset(frames);
     for (float& value : current) value = static_cast<float>(std::abs(noise()));
     for (double& value : onset) value = std::max(0.0, noise());
-    _c14_history(current.data(), onset, columns, 44100, history.data(), gated.data());
+    const HistoryDecays decays = history_decays(44100);
     for (std::size_t t = 0; t < frames; ++t) {
+      _c14_history(current.data(), onset, columns, decays, t, history.data(), gated.data());
       for (std::size_t b = 0; b < columns; ++b) {
         double peak = 0.0, gated_peak = 0.0;
         for (const std::size_t d : {4U, 7U, 11U, 17U, 26U, 40U, 64U, 96U, 144U}) {
@@ -85,8 +86,8 @@ TEST(OnsetHistory, IsThePeakOfTheFadedPast) {
           peak = std::max(peak, past);
           gated_peak = std::max(gated_peak, past * onset[t - d]);
         }
-        ASSERT_EQ(history[t * columns + b], static_cast<float>(peak));
-        ASSERT_EQ(gated[t * columns + b], static_cast<float>(gated_peak));
+        ASSERT_EQ(history[b], static_cast<float>(peak));
+        ASSERT_EQ(gated[b], static_cast<float>(gated_peak));
       }
     }
   }

@@ -240,7 +240,7 @@ TEST(Programs, AVolumeThatRefusesIsOneLineAndLosesNothing) {
       {"out", "nr_inodes=3", "cannot write “out/a.wav”: No space left on device\n", 0},
       {"out", "remount,ro", "cannot write “out/a.wav”: Read-only file system\n", 0},
       {"tmp", "size=8k", "cannot reserve 0 MiB of temporary space for .*: No space left.*\n", 0},
-      {"tmp", "size=2m", "cannot reserve [0-9] MiB of temporary .*: No space left.*\n", 0},
+      {"tmp", "size=1m", "cannot reserve [0-9] MiB of temporary .*: No space left.*\n", 0},
       {"tmp", "nr_inodes=1", "cannot create a temporary directory in .*: No space left.*\n", 0},
       {"tmp", "remount,ro", "cannot create a temporary directory in .*: Read-only.*\n", 0},
   };

@@ -6,17 +6,19 @@
 #include <chrono>
 #include <stdexcept>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace verdel {
 namespace {
 
-TEST(OrderedPrefetch, KeepsOrderAndNeverHoldsMoreThanItsWorkers) {
-  for (const std::size_t workers : {1U, 2U, 3U, 9U}) {
+TEST(OrderedPrefetch, KeepsOrderAndNeverHoldsMoreThanItMay) {
+  for (const auto& [workers, spare] :
+       {std::pair<std::size_t, std::size_t>{1, 0}, {1, 2}, {2, 0}, {2, 1}, {3, 0}, {9, 0}}) {
     std::size_t taken = 0;
     std::size_t handed_over = 0;
     auto items = [&]() -> std::optional<std::size_t> {
-      EXPECT_LE(taken - handed_over, workers) << "items are taken on demand";
+      EXPECT_LE(taken - handed_over, workers + spare) << "items are taken on demand";
       if (taken == 6) return std::nullopt;
       return taken++;
     };
@@ -25,7 +27,7 @@ TEST(OrderedPrefetch, KeepsOrderAndNeverHoldsMoreThanItsWorkers) {
           std::this_thread::sleep_for(std::chrono::milliseconds(2 * (6 - i)));
           return 10 * i;
         },
-        items, workers, "test");
+        items, workers, "test", spare);
     EXPECT_EQ(taken, 0U) << "nothing happens before the first request";
     for (std::size_t i = 0; i < 6; ++i) {
       EXPECT_EQ(sequence.next(), 10 * i);

@@ -79,7 +79,7 @@ double band_flatness(const CellGrid& grid, const float* support, const BinRange&
 
 /// Weight of each frame as an onset: a jump of the band's strength above its recent mean, in a
 /// broad spectrum. No onset is recognised before a full baseline exists.
-void find_onsets(const CellGrid& grid, const float* support, int sr, std::span<double> onset) {
+void weigh_onsets(const CellGrid& grid, const float* support, int sr, std::span<double> onset) {
   std::fill(onset.begin(), onset.end(), 0.0);
   const BinRange band = transient_band(sr);
   if (band.first >= band.stop) return;  // a rate so low that the band holds no bin
@@ -94,22 +94,24 @@ void find_onsets(const CellGrid& grid, const float* support, int sr, std::span<d
   }
 }
 
+/// Marks the frames that an onset reaches through one of the delays.
+void mark_frames_behind(std::span<const double> onset, std::span<char> behind) {
+  std::fill(behind.begin(), behind.end(), 0);
+  for (std::size_t t = 0; t < onset.size(); ++t) {
+    if (onset[t] == 0.0) continue;
+    for (const std::size_t delay : C14_HISTORY_DELAYS) {
+      if (t + delay < behind.size()) behind[t + delay] = 1;
+    }
+  }
+}
+
 }  // namespace
 
-void build_history(ChannelRender& render, std::size_t index) {
-  const CellGrid& grid = render.grid;
+void find_onsets(ChannelRender& render, std::size_t index) {
   const float* support = std::as_const(render.support_scores).row(index).data();
   const auto onset = render.onsets.row(index);
-  find_onsets(grid, support, render.job.sr, onset);
-  render.histories.fetch_row(index);
-  render.transient_histories.fetch_row(index);
-  for (std::size_t tile = 0; tile < CellGrid::kTiles; ++tile) {
-    render.stop.check();
-    const std::size_t at = grid.offset(tile, 0);
-    _c14_history(support + at, onset, CellGrid::columns(tile), render.job.sr,
-                 render.histories.row(index).data() + at,
-                 render.transient_histories.row(index).data() + at);
-  }
+  weigh_onsets(render.grid, support, render.job.sr, onset);
+  mark_frames_behind(onset, render.behind_onsets.row(index));
 }
 
 }  // namespace verdel
