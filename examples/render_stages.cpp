@@ -66,15 +66,8 @@ void allocate_channel(const StemMap& models, const AudioArray& residual, std::si
   const StopToken never_stopped;
   RenderScratch scratch(machine, models.size(), residual.columns(), 1);
   ChannelRender render(job, transform, scratch, never_stopped);
-  PhaseRunner phases(render, 1, machine);
-  phases.prepare_residual();
-  phases.score_sources();
-  phases.render_all_endpoints();
-  phases.project_stems();
-  phases.find_all_onsets();
-  phases.build_whole_gate();
   auto blended = AudioArray::uninitialised(models.size(), residual.columns());
-  phases.blend(blended.view());
+  PhaseRunner(render, 1, machine).run(blended.view());
   for (std::size_t i = 0; i < models.size(); ++i) {
     std::ranges::copy(render.signal_row(render.output09, i),
                       result.endpoint09[i].audio.row(channel).begin());

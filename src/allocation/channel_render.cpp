@@ -48,14 +48,7 @@ void render_phases(const ChannelJob& job, const Machine& machine, const StopToke
                    RenderScratch& scratch, RowsView<double> rendered) {
   const SpectralTransform transform;
   ChannelRender render(job, transform, scratch, stop);
-  PhaseRunner phases(render, scoring_workers_of(job, machine), machine);
-  phases.prepare_residual();
-  phases.score_sources();
-  phases.render_all_endpoints();
-  phases.project_stems();
-  phases.find_all_onsets();
-  phases.build_whole_gate();
-  phases.blend(rendered);
+  PhaseRunner(render, scoring_workers_of(job, machine), machine).run(rendered);
 }
 
 }  // namespace

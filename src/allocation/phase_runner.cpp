@@ -28,6 +28,16 @@ PhaseRunner::PhaseRunner(ChannelRender& render, std::size_t scoring_workers, con
   if (render.job.workers > 1) rows_.emplace(render.job.workers, "verdel-c14-row");
 }
 
+void PhaseRunner::run(RowsView<double> rendered) {
+  prepare_residual();
+  score_sources();
+  render_all_endpoints();
+  project_stems();
+  find_all_onsets();
+  build_whole_gate();
+  blend(rendered);
+}
+
 void PhaseRunner::report() {
   if (render_.job.progress) render_.job.progress(finished_, render_.stems() * C14_STEPS_PER_STEM);
 }

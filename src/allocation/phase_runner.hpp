@@ -12,12 +12,15 @@
 
 namespace verdel {
 
-/// The six phases of a render, to be run in the order in which they stand, and its count of
+/// The six phases of a render, in the order in which they stand, and its count of
 /// finished steps: one a stem and phase, in stem order, reported on the calling thread.
 class PhaseRunner {
  public:
   /// `scoring_workers`: stems scored at once; the scratch has that many spectra.
   PhaseRunner(ChannelRender& render, std::size_t scoring_workers, const Machine& machine);
+
+  /// All of them: the stems over the job's span, [stems][stop - start].
+  void run(RowsView<double> rendered);
 
   void prepare_residual();  ///< and the first report, of no step
   void score_sources();
@@ -25,7 +28,7 @@ class PhaseRunner {
   void project_stems();
   void find_all_onsets();
   void build_whole_gate();
-  void blend(RowsView<double> rendered);  ///< [stems][stop - start]
+  void blend(RowsView<double> rendered);
 
  private:
   void report();
