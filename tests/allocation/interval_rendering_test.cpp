@@ -9,6 +9,7 @@
 
 #include "allocation/channels.hpp"
 #include "support/errors.hpp"
+#include "support/machines.hpp"
 #include "test_song.hpp"
 
 namespace verdel {
@@ -18,12 +19,8 @@ using testing::render_full;
 using testing::test_song;
 using testing::TestSong;
 
-Machine machine_with(std::size_t processors) {
-  Machine machine = system_machine();
-  machine.processors = [processors] { return processors; };
-  machine.physical_memory = [] { return std::uint64_t{64} << 30U; };
-  machine.temporary_space = [] { return std::uint64_t{64} << 30U; };
-  return machine;
+Machine roomy(std::size_t processors) {
+  return testing::machine_with(processors, std::uint64_t{64} << 30U, std::uint64_t{64} << 30U);
 }
 
 bool same_bits(const Array2D<double>& a, const Array2D<double>& b) {
@@ -34,11 +31,10 @@ TEST(Intervals, AbutBitForBitAsOneRender) {
   const int sr = 8000;
   const TestSong song = test_song(static_cast<std::size_t>(sr) * 62 + 77, sr);
   ChannelJob job = song.job();
-  const auto whole = render_full(job, machine_with(1));
+  const auto whole = render_full(job, roomy(1));
   for (const std::size_t processors : {1U, 2U, 8U}) {
     job.workers = processors;
-    EXPECT_TRUE(
-        same_bits(render_transient_release_tail_channel(job, machine_with(processors)), whole))
+    EXPECT_TRUE(same_bits(render_transient_release_tail_channel(job, roomy(processors)), whole))
         << processors << " processors";
   }
 }
@@ -49,8 +45,8 @@ TEST(Intervals, OfAllChannelsTakeTheModelsPlaceBitForBit) {
   const TestSong song = test_song(static_cast<std::size_t>(sr) * 62 + 77, sr);
   ChannelJob reversed = song.job();
   std::ranges::reverse(reversed.source_models);
-  const AudioArray expected[] = {render_full(song.job(), machine_with(1)),
-                                 render_full(reversed, machine_with(1))};
+  const AudioArray expected[] = {render_full(song.job(), roomy(1)),
+                                 render_full(reversed, roomy(1))};
   for (const std::size_t processors : {1U, 2U, 8U}) {
     Model model{.sources = {}, .residual = AudioArray::zeros(2, song.residual.size())};
     for (std::size_t channel = 0; channel < 2; ++channel) {
@@ -62,7 +58,7 @@ TEST(Intervals, OfAllChannelsTakeTheModelsPlaceBitForBit) {
       std::ranges::copy(song.models[2 - s], model.sources[s].audio.row(1).begin());
     }
     const ChannelsJob job{.sr = sr, .stop = song.residual.size()};
-    const StemMap stems = render_channels(std::move(model), job, machine_with(processors));
+    const StemMap stems = render_channels(std::move(model), job, roomy(processors));
     for (std::size_t s = 0; s < 3; ++s) {
       for (std::size_t channel = 0; channel < 2; ++channel) {
         EXPECT_TRUE(std::ranges::equal(stems[s].audio.row(channel), expected[channel].row(s)))
@@ -74,13 +70,13 @@ TEST(Intervals, OfAllChannelsTakeTheModelsPlaceBitForBit) {
 
 TEST(Intervals, AnExcerptIsTheWholeRendersCut) {
   const TestSong song = test_song(400000, 8000);
-  const auto whole = render_full(song.job(), machine_with(1));
+  const auto whole = render_full(song.job(), roomy(1));
   for (const auto& [start, stop] :
        {std::pair<std::size_t, std::size_t>{0, 3000}, {150001, 171234}, {399990, 400000}}) {
     ChannelJob job = song.job();
     job.start = start;
     job.stop = stop;
-    const auto part = render_transient_release_tail_channel(job, machine_with(2));
+    const auto part = render_transient_release_tail_channel(job, roomy(2));
     for (std::size_t s = 0; s < part.rows(); ++s) {
       const auto expected = whole.row(s).subspan(start, stop - start);
       EXPECT_TRUE(std::equal(expected.begin(), expected.end(), part.row(s).begin())) << start;
@@ -113,7 +109,7 @@ TEST(Intervals, SplitFromAMinuteOn) {
       job.start = 60001 - length;
       Counts counts;
       count_into(counts, job);
-      render_transient_release_tail_channel(job, machine_with(processors));
+      render_transient_release_tail_channel(job, roomy(processors));
       EXPECT_EQ(counts.seen.size(), reports) << length;
       EXPECT_TRUE(std::is_sorted(counts.seen.begin(), counts.seen.end()));
       EXPECT_EQ(counts.seen.front(), 0U);
@@ -125,7 +121,7 @@ TEST(Intervals, SplitFromAMinuteOn) {
 TEST(Intervals, RefusesASignalShorterThanAFrame) {
   const TestSong song = test_song(2047, 44100);
   try {
-    render_transient_release_tail_channel(song.job(), machine_with(1));
+    render_transient_release_tail_channel(song.job(), roomy(1));
     FAIL() << "accepted";
   } catch (const ValueError& error) {
     EXPECT_STREQ(error.what(), "Candidate 14 needs at least 2048 audio frames");
@@ -139,13 +135,11 @@ TEST(Intervals, AFailureOrAStopEndsAllOfThem) {
     job.progress = [](std::size_t done, std::size_t) {
       if (done == 5) throw RuntimeError("stop here");
     };
-    EXPECT_THROW(render_transient_release_tail_channel(job, machine_with(processors)),
-                 RuntimeError);
+    EXPECT_THROW(render_transient_release_tail_channel(job, roomy(processors)), RuntimeError);
     std::atomic<bool> stopped{false};
     job.progress = [&](std::size_t done, std::size_t) { stopped = done >= 2; };
-    EXPECT_THROW(
-        render_transient_release_tail_channel(job, machine_with(processors), StopToken(stopped)),
-        Cancelled);
+    EXPECT_THROW(render_transient_release_tail_channel(job, roomy(processors), StopToken(stopped)),
+                 Cancelled);
   }
 }
 

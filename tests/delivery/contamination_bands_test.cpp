@@ -28,7 +28,7 @@ TEST(ContaminationBands, TakenAndAddedBandsAreTheMaskedSpectrum) {
   for (const int sr : {22050, 44100, 96000}) {
     for (const std::size_t n_bands : {2u, 5u, 32u, 128u}) {
       const std::size_t length = 1 << 17;
-      const BandLayout layout = lay_out_bands(length, sr, n_bands, false);
+      const BandLayout layout = lay_out_bands(length, sr, n_bands, n_bands == 5);
       const StreamedBandMasks masks(length, sr, n_bands);
       std::mt19937 random(5);
       std::uniform_real_distribution<float> value(-1, 1);
@@ -52,23 +52,6 @@ TEST(ContaminationBands, TakenAndAddedBandsAreTheMaskedSpectrum) {
       for (std::size_t i = 0; i < sum.size(); ++i) {
         ASSERT_LT(std::abs(static_cast<float>(length) * sum[i] - spectrum[i]), 2e-6F) << i;
       }
-    }
-  }
-}
-
-TEST(ContaminationBands, BandsAreSampledAsDenselyAsTheyMustBe) {
-  for (const bool full_rate : {false, true}) {
-    const BandLayout layout = lay_out_bands(1 << 18, 44100, 128, full_rate);
-    for (const ReportBand& band : layout.bands) {
-      EXPECT_LE(band.points, layout.length);
-      EXPECT_EQ(band.points % 2, 0u);
-      EXPECT_EQ(band.points == layout.length, full_rate);
-      // A signal of so many samples holds the band's bins on both sides of its 0 Hz, or on one.
-      const std::size_t reach = band.complex() ? band.stop - band.first
-                                : band.origin == ReportBand::Origin::kZero
-                                    ? 2 * (band.stop - 1)
-                                    : 2 * (layout.bins() - 1 - band.first);
-      EXPECT_GE(band.points, reach);
     }
   }
 }

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <numeric>
 #include <random>
 
 #include "delivery/contamination_envelopes.hpp"
@@ -104,19 +105,16 @@ TEST(ContaminationEnvelopes, CellsAreMeanSquaresOfTheMonoSum) {
   }
 }
 
-TEST(ContaminationEnvelopes, CorrelationKnowsItsAnswers) {
-  std::vector<float> ramp(500), fall(500), constant(500, 0.3F), silent(500), bursts(500);
-  for (std::size_t i = 0; i < 500; ++i) {
-    ramp[i] = static_cast<float>(i * i);
-    fall[i] = static_cast<float>((500 - i) * (500 - i));
-    bursts[i] = i < 100 ? 1.0F : 0.0F;  // digital silence after sound
-  }
+TEST(ContaminationEnvelopes, WhatDoesNotMoveResemblesNothing) {
+  std::vector<float> ramp(500);
+  std::iota(ramp.begin(), ramp.end(), 0.0F);
   const auto curve = [](const std::vector<float>& cells) { return envelope_curve(cells, 27.6); };
   EXPECT_NEAR(correlation(curve(ramp), curve(ramp)), 1.0, 1e-9);
-  EXPECT_NEAR(correlation(curve(ramp), curve(fall)), -1.0, 1e-3);
-  EXPECT_LT(correlation(curve(bursts), curve(ramp)), -0.5);
-  EXPECT_TRUE(std::isnan(correlation(curve(constant), curve(ramp))));
-  EXPECT_TRUE(std::isnan(correlation(curve(ramp), curve(silent))));
+  for (const float level : {0.3F, 0.0F}) {
+    const auto still = curve(std::vector<float>(500, level));
+    EXPECT_TRUE(std::isnan(correlation(still, curve(ramp))));
+    EXPECT_TRUE(std::isnan(correlation(curve(ramp), still)));
+  }
 }
 
 }  // namespace

@@ -12,6 +12,7 @@
 #include "driver/small_projects.hpp"
 #include "inputs/audio_loading.hpp"
 #include "signal/instruction_sets.hpp"
+#include "support/machines.hpp"
 
 namespace verdel {
 namespace {
@@ -19,17 +20,12 @@ namespace {
 using testing::Channels;
 using ::testing::ContainsRegex;
 using ::testing::HasSubstr;
+using testing::machine_with;
 using ::testing::MatchesRegex;
 using testing::run_entry;
 using testing::RunResult;
 using testing::SmallProject;
 namespace fs = std::filesystem;
-
-Machine machine_with(std::size_t processors) {
-  Machine machine = system_machine();
-  machine.processors = [processors] { return processors; };
-  return machine;
-}
 
 /// The machine as a run sees it, and the copies of the kernels that it takes.
 struct Computer {
@@ -196,14 +192,6 @@ TEST(Run, AFailureOnTheWayLeavesNothingWritten) {
   const std::atomic<bool> stopped{true};
   result = run_entry(shipping_main, project.render(), system_machine(), StopToken(stopped));
   EXPECT_EQ(result.status, kExitCancelled);
-
-  if (std::FILE* const full = std::fopen("/dev/full", "w")) {  // refuses writing
-    RunContext context{.machine = system_machine(), .out = full, .err = std::tmpfile()};
-    EXPECT_EQ(shipping_main(project.render({"--progress-json"}), context), kExitFailure);
-    EXPECT_EQ(main({"--help"}, context), kExitFailure);
-    std::fclose(context.err);
-    std::fclose(full);
-  }
   EXPECT_FALSE(fs::exists(project.out()));
 }
 

@@ -78,6 +78,7 @@ class SmallProject {
     write_audio(mix_path(), mix_, sr);
   }
 
+  const TemporaryFolder& folder() const { return folder_; }
   const std::string& path() const { return folder_.path(); }
   std::string path(const std::string& name) const { return folder_.path(name); }
   std::string mix_path() const { return folder_.path("mix.wav"); }
