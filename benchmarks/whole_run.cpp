@@ -180,7 +180,7 @@ Results measure_render(Run& run) {
   Model model = measure.stage("model", [&] {
     const double mix_rms = levels(mix.audio.view()).rms;
     print_raw_difference(run, mix, taps, mix_rms);
-    return fit_model(run, mix, taps, mix_rms);
+    return fit_model(run, mix, taps, mix_rms, range);
   });
 
   Results results = results_of_job(run, mix, stems, range);

@@ -51,6 +51,13 @@ StemMap unfilled_stems(const StemMap& like, std::size_t length) {
 
 }  // namespace
 
+Model model_of_part(StemMap sources, AudioArray residual, const SampleSpan& part) {
+  if (part.length() < residual.columns()) {
+    residual = AudioArray::copy_of(residual.view().column_range(part.first, part.stop));
+  }
+  return {.sources = std::move(sources), .residual = std::move(residual), .first = part.first};
+}
+
 std::size_t channel_steps(std::size_t channels, std::size_t stems) {
   return channels * C14_STEPS_PER_STEM * stems;
 }
@@ -61,6 +68,7 @@ StemMap render_channels(Model model, const ChannelsJob& job, const Machine& mach
   const std::size_t frames = model.residual.columns();
   const std::size_t stems = model.sources.size();
   const std::size_t length = job.stop - job.start;
+  const std::size_t start = job.start - model.first;
   const bool in_place = length == frames;
   StemMap excerpt = in_place ? StemMap{} : unfilled_stems(model.sources, length);
   StemMap& est = in_place ? model.sources : excerpt;
@@ -72,8 +80,8 @@ StemMap render_channels(Model model, const ChannelsJob& job, const Machine& mach
   for (std::size_t channel = 0; channel < channels; ++channel) {
     ChannelJob& part = parts.emplace_back(rows_of(model, channel));
     part.sr = job.sr;
-    part.start = job.start;
-    part.stop = job.stop;
+    part.start = start;
+    part.stop = start + length;
     part.workers = _c14_inner_worker_count(channel_workers, machine);
     part.active_channels = channel_workers;
     part.progress = [&count, &job, channel](std::size_t done, std::size_t total) {
@@ -84,7 +92,7 @@ StemMap render_channels(Model model, const ChannelsJob& job, const Machine& mach
   const auto store = [&](std::size_t channel, std::size_t first, RowsView<const double> rendered) {
     for (std::size_t stem = 0; stem < stems; ++stem) {
       std::ranges::copy(rendered.row(stem),
-                        est[stem].audio.row(channel).subspan(first - job.start).begin());
+                        est[stem].audio.row(channel).subspan(first - start).begin());
     }
   };
   render_channel_intervals(parts, machine, stop, store);

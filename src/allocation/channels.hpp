@@ -9,16 +9,21 @@
 
 namespace verdel {
 
-/// What the shared gain explains of the mix, and what it leaves.
+/// What the shared gain explains of the mix, and what it leaves: of the whole source, or of the
+/// part that a render looks at (see with_context).
 struct Model {
-  StemMap sources;      ///< tap times gain, [channels][frames], in stem order
-  AudioArray residual;  ///< mix minus the sum of the sources, [channels][frames]
+  StemMap sources;        ///< tap times gain, [channels][part], in stem order
+  AudioArray residual;    ///< mix minus the sum of the sources, [channels][part]
+  std::size_t first = 0;  ///< where in the source the part begins
 };
+
+/// The model of a part, from its sources and the residual of the whole source.
+Model model_of_part(StemMap sources, AudioArray residual, const SampleSpan& part);
 
 /// How a model is to be rendered.
 struct ChannelsJob {
   int sr = 0;                       ///< Hz
-  std::size_t start = 0, stop = 0;  ///< the samples to deliver, stop excluded
+  std::size_t start = 0, stop = 0;  ///< the samples of the source to deliver, stop excluded
   /// Called with the finished steps of all channels and their number, one call at a time, from the
   /// renders' threads; the count never falls.
   RenderProgress progress = {};

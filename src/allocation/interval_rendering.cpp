@@ -18,27 +18,14 @@ namespace {
 constexpr std::size_t kBefore = C14_CONTEXT_BEFORE_HOPS * C14_HOP;
 constexpr std::size_t kAfter = C14_CONTEXT_AFTER_HOPS * C14_HOP;
 
-/// A piece of a span, in samples of the source, stop excluded.
-struct Interval {
-  std::size_t first, stop;
-  std::size_t length() const { return stop - first; }
-};
-
 /// The intervals of a span in order, and how many at once on how many threads each.
 struct IntervalPlan {
-  std::vector<Interval> intervals;
+  std::vector<SampleSpan> intervals;
   std::size_t time_workers, inner_workers;
 };
 
-/// The samples that an interval is rendered from: itself and its context.
-Interval with_context(const Interval& interval, std::size_t samples) {
-  const std::size_t before = interval.first - std::min(interval.first, kBefore);
-  const std::size_t after = interval.stop + kAfter;
-  return {before / C14_HOP * C14_HOP, std::min(samples, (after + C14_HOP - 1) / C14_HOP * C14_HOP)};
-}
-
 /// Consecutive intervals that cover the span, their lengths one sample apart at most.
-std::vector<Interval> cut_span(std::size_t start, std::size_t stop, int sr) {
+std::vector<SampleSpan> cut_span(std::size_t start, std::size_t stop, int sr) {
   const double seconds = std::nearbyint(C14_INTERVAL_SECONDS * sr);
   const auto length = static_cast<double>(stop - start);
   const auto count = std::max<std::size_t>(
@@ -49,7 +36,7 @@ std::vector<Interval> cut_span(std::size_t start, std::size_t stop, int sr) {
     const double position = static_cast<double>(start) + static_cast<double>(i) * step;
     return static_cast<std::size_t>(std::floor(position));
   };
-  std::vector<Interval> intervals(count);
+  std::vector<SampleSpan> intervals(count);
   for (std::size_t i = 0; i < count; ++i) intervals[i] = {bound(i), bound(i + 1)};
   return intervals;
 }
@@ -100,7 +87,7 @@ IntervalPlan plan_intervals(const ChannelJob& job, const Machine& machine) {
 }
 
 std::size_t longest_interval(const IntervalPlan& plan) {
-  const Interval& first = plan.intervals.front();
+  const SampleSpan& first = plan.intervals.front();
   return first.stop - std::min(first.first, first.stop) + 1;  // lengths differ by one at most
 }
 
@@ -125,12 +112,12 @@ ScratchPool<AudioArray> results_for(const ChannelJob& shape, const IntervalPlan&
 }
 
 /// Renders one interval: `span`, from the slice of the signals that is its context.
-void _render_transient_release_tail_channel_interval(const ChannelJob& job, const Interval& span,
+void _render_transient_release_tail_channel_interval(const ChannelJob& job, const SampleSpan& span,
                                                      const Machine& machine, RenderScratch& scratch,
                                                      RowsView<double> rendered,
                                                      const StopToken& stop) {
   const std::size_t samples = job.residual.size();
-  const Interval slice = with_context(span, samples);
+  const SampleSpan slice = with_context(span, samples);
   ChannelJob part = job;
   part.start = span.first - slice.first;
   part.stop = span.stop - slice.first;
@@ -187,7 +174,7 @@ IntervalSequence::Stems IntervalSequence::render_interval(std::size_t channel,
   if (interval == 0) check_channel_job(job, C14_FFT_SIZE);
   job.workers = plan_.inner_workers;
   if (is_split()) job.progress = counts_[channel].of_interval(interval);
-  const Interval& span = plan_.intervals[interval];
+  const SampleSpan& span = plan_.intervals[interval];
   Stems stems = results_.lease();
   const auto scratch = scratches_.lease();
   _render_transient_release_tail_channel_interval(
@@ -217,7 +204,7 @@ void IntervalSequence::run(const StoreInterval& store) {
     for (std::size_t interval = 0; interval < intervals; ++interval) {
       waiting.push_back(*rendered.next());
       for (; !waiting.empty() && last_reader(stored) <= interval; ++stored) {
-        const Interval& span = plan_.intervals[stored];
+        const SampleSpan& span = plan_.intervals[stored];
         store(channel, span.first, (*waiting.front()).view().column_range(0, span.length()));
         waiting.pop_front();
       }
@@ -227,6 +214,12 @@ void IntervalSequence::run(const StoreInterval& store) {
 }
 
 }  // namespace
+
+SampleSpan with_context(const SampleSpan& span, std::size_t samples) {
+  const std::size_t before = span.first - std::min(span.first, kBefore);
+  const std::size_t after = span.stop + kAfter;
+  return {before / C14_HOP * C14_HOP, std::min(samples, (after + C14_HOP - 1) / C14_HOP * C14_HOP)};
+}
 
 Array2D<double> render_transient_release_tail_channel(const ChannelJob& job, const Machine& machine,
                                                       const StopToken& stop) {

@@ -25,6 +25,10 @@ namespace verdel {
 Array2D<double> render_transient_release_tail_channel(const ChannelJob& job, const Machine& machine,
                                                       const StopToken& stop = {});
 
+/// The samples that a render of the span looks at: the span itself and its context, as far as the
+/// signal reaches, from a multiple of the hop on.
+SampleSpan with_context(const SampleSpan& span, std::size_t samples);
+
 /// Called with a channel's index, a position in the source and the stems from there,
 /// [stems][samples].
 using StoreInterval =

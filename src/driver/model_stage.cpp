@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "allocation/interval_rendering.hpp"
 #include "gain/shared_gain.hpp"
 #include "inputs/levels.hpp"
 #include "signal/stem_sums.hpp"
@@ -47,19 +48,21 @@ void print_raw_difference(const Run& run, const Mix& mix, const StemMap& taps, d
   run.lines.print("");
 }
 
-Model fit_model(const Run& run, const Mix& mix, const StemMap& taps, double mix_rms) {
+Model fit_model(const Run& run, const Mix& mix, const StemMap& taps, double mix_rms,
+                OutputRange range) {
   print_model_lines(run, taps);
   run.lines.stage("fitting the shared gain");
   const ProgressLines progress(run.lines, run.options.progress_json);
   progress.emit_progress("render", 0, mix.channels() + 1);
-  SharedGainModel fitted = shared_single_band_model(
-      mix.audio.view(), taps, mix.sr, run.options.gain_window, *run.options.gain_smooth, run.stop);
+  const SampleSpan part = with_context({range.start, range.stop}, mix.frames());
+  SharedGainModel fitted =
+      shared_single_band_model(mix.audio.view(), taps, mix.sr, run.options.gain_window,
+                               *run.options.gain_smooth, run.stop, part);
   fitted.gain = {};
-  Model model{.sources = std::move(fitted.models),
-              .residual = difference_from(mix.audio.view(), std::move(fitted.model_sum))};
+  AudioArray residual = difference_from(mix.audio.view(), std::move(fitted.model_sum));
   run.lines.print(fmt::format("after single-band gain: {} left to allocate",
-                              level_against(model.residual.view(), mix_rms)));
-  return model;
+                              level_against(residual.view(), mix_rms)));
+  return model_of_part(std::move(fitted.models), std::move(residual), part);
 }
 
 StemMap allocate(const Run& run, Model model, int sr, OutputRange range) {

@@ -23,7 +23,7 @@ void print_suggestion(const Run& run, const Mix& mix) {
 /// Aligns the taps and fits the model; a failure that an input's samples explain names the file on
 /// a second line.
 Model align_and_fit(const Run& run, const Mix& mix, StemMap& taps,
-                    const std::vector<StemInput>& plan) {
+                    const std::vector<StemInput>& plan, OutputRange range) {
   std::vector<AppliedLag> lags;
   const auto with_file = [&](const std::exception& failure) {
     const auto file = unfit_input(mix, taps, plan, lags);
@@ -34,7 +34,7 @@ Model align_and_fit(const Run& run, const Mix& mix, StemMap& taps,
     run.lines.stage("aligning the taps");
     lags = align_taps(run, mix, taps);
     print_raw_difference(run, mix, taps, mix_rms);
-    return fit_model(run, mix, taps, mix_rms);
+    return fit_model(run, mix, taps, mix_rms, range);
   } catch (const FloatingPointError& failure) {
     throw FloatingPointError(with_file(failure));
   } catch (const ValueError& failure) {
@@ -61,7 +61,7 @@ void run_engine(Run run) {
   require_known_low_resolution(run.options, names_of(taps), run.command_line);
   const OutputRange range = choose_output_range(run, mix);
 
-  Model model = align_and_fit(run, mix, taps, plan);
+  Model model = align_and_fit(run, mix, taps, plan, range);
   const StemMap est = allocate(run, std::move(model), mix.sr, range);
   run.lines.stage("writing the stems");
   deliver(run, mix, taps, est, range);

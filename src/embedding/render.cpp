@@ -9,6 +9,7 @@
 
 #include "alignment/tap_alignment.hpp"
 #include "allocation/channels.hpp"
+#include "allocation/interval_rendering.hpp"
 #include "allocation/worker_budgets.hpp"
 #include "delivery/coordinated_float32.hpp"
 #include "gain/shared_gain.hpp"
@@ -116,11 +117,12 @@ RenderResult render_request(const RenderRequest& request, CallersProgress& progr
   if (request.align) {
     lags = align_taps_to_mix(mix.view(), taps, request.sample_rate, machine, stop);
   }
+  const SampleSpan needed = with_context({request.start, to}, frames);
   SharedGainModel fitted =
-      shared_single_band_model(mix.view(), taps, request.sample_rate, 30.0, 120.0, stop);
+      shared_single_band_model(mix.view(), taps, request.sample_rate, 30.0, 120.0, stop, needed);
   taps.clear();
-  Model model{.sources = std::move(fitted.models),
-              .residual = difference_from(mix.view(), std::move(fitted.model_sum))};
+  Model model = model_of_part(std::move(fitted.models),
+                              difference_from(mix.view(), std::move(fitted.model_sum)), needed);
   const ChannelsJob job{.sr = request.sample_rate,
                         .start = request.start,
                         .stop = to,

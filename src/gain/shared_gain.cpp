@@ -62,21 +62,25 @@ std::vector<double> tap_sum(const StemMap& taps, std::size_t channel, std::size_
 }
 
 // Multiplies and adds block by block, so that no array is read twice.
-void apply_gain(const StemMap& taps, std::size_t channel, const StopToken& stop,
-                SharedGainModel& result) {
+void apply_gain(const StemMap& taps, std::size_t channel, const SampleSpan& kept,
+                const StopToken& stop, SharedGainModel& result) {
   const auto gain = result.gain.row(channel);
   const auto sum = result.model_sum.row(channel);
   for (std::size_t first = 0; first < gain.size(); first += kBlock) {
     stop.check();
     const std::size_t count = std::min(kBlock, gain.size() - first);
-    std::array<double, kBlock> block_sum{};
+    const std::size_t keep_from = std::clamp(kept.first, first, first + count);
+    const std::size_t keep_to = std::clamp(kept.stop, keep_from, first + count);
+    std::array<double, kBlock> block_sum{}, model;
     for (std::size_t stem = 0; stem < taps.size(); ++stem) {
       const double* tap = taps[stem].audio.row(channel).data() + first;
-      double* model = result.models[stem].audio.row(channel).data() + first;
       for (std::size_t i = 0; i < count; ++i) {
         model[i] = tap[i] * gain[first + i];
         block_sum[i] += model[i];
       }
+      if (keep_from == keep_to) continue;
+      std::copy_n(model.data() + (keep_from - first), keep_to - keep_from,
+                  result.models[stem].audio.row(channel).data() + (keep_from - kept.first));
     }
     if (!all_finite({block_sum.data(), count})) {
       throw FloatingPointError("non-finite single-band model");
@@ -89,7 +93,7 @@ void apply_gain(const StemMap& taps, std::size_t channel, const StopToken& stop,
 
 SharedGainModel shared_single_band_model(AudioView mix, const StemMap& taps, int sr,
                                          double gain_window_ms, double gain_smooth_ms,
-                                         const StopToken& stop) {
+                                         const StopToken& stop, std::optional<SampleSpan> kept) {
   if (mix.empty() || taps.empty()) {
     throw ValueError("single-band model needs channels, samples and taps");
   }
@@ -102,18 +106,19 @@ SharedGainModel shared_single_band_model(AudioView mix, const StemMap& taps, int
       .sw = gain_smooth_ms > 0.0 ? odd_sample_count(sr, gain_smooth_ms) : 0,
       .sr = static_cast<double>(sr)};
 
+  const SampleSpan wanted = kept.value_or(SampleSpan{0, mix.columns()});
   SharedGainModel result;
   result.gain = AudioArray::uninitialised(mix.rows(), mix.columns());
   result.model_sum = AudioArray::uninitialised(mix.rows(), mix.columns());
   result.models.reserve(taps.size());
   for (const auto& tap : taps) {
-    result.models.push_back({tap.name, AudioArray::uninitialised(mix.rows(), mix.columns())});
+    result.models.push_back({tap.name, AudioArray::uninitialised(mix.rows(), wanted.length())});
   }
   for (std::size_t channel = 0; channel < mix.rows(); ++channel) {
     const auto summed = tap_sum(taps, channel, mix.columns(), stop);
     const auto gain = ls_gain(mix.row(channel), summed, settings, stop);
     std::copy(gain.begin(), gain.end(), result.gain.row(channel).begin());
-    apply_gain(taps, channel, stop, result);
+    apply_gain(taps, channel, wanted, stop, result);
   }
   return result;
 }

@@ -120,6 +120,12 @@ class Array2D {
   std::size_t rows_ = 0, columns_ = 0;
 };
 
+/// Samples first .. stop - 1.
+struct SampleSpan {
+  std::size_t first = 0, stop = 0;
+  std::size_t length() const { return stop - first; }
+};
+
 /// Audio: one channel per row, full scale at 1.0. A frame of audio is one sample of every channel.
 using AudioArray = Array2D<double>;
 using AudioView = RowsView<const double>;

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <functional>
 #include <limits>
@@ -28,6 +29,25 @@ Song song(std::size_t channels, std::size_t samples, unsigned stems) {
     s.taps.push_back({"tap", testing::noise_array(channels, samples, 2 + i)});
   }
   return s;
+}
+
+TEST(SharedGain, KeepsOfTheModelsWhatIsWanted) {
+  const Song s = song(2, 13000, 2);
+  const auto whole = shared_single_band_model(s.mix.view(), s.taps, 44100);
+  for (const SampleSpan kept :
+       {SampleSpan{0, 13000}, {0, 1}, {4095, 4097}, {4096, 12288}, {5000, 13000}, {70, 70}}) {
+    const auto part =
+        shared_single_band_model(s.mix.view(), s.taps, 44100, 30.0, 120.0, StopToken(), kept);
+    EXPECT_TRUE(std::ranges::equal(part.model_sum.flat(), whole.model_sum.flat()));
+    for (std::size_t stem = 0; stem < 2; ++stem) {
+      ASSERT_EQ(part.models[stem].audio.columns(), kept.length());
+      for (std::size_t channel = 0; channel < 2; ++channel) {
+        EXPECT_TRUE(std::ranges::equal(
+            part.models[stem].audio.row(channel),
+            whole.models[stem].audio.row(channel).subspan(kept.first, kept.length())));
+      }
+    }
+  }
 }
 
 TEST(SharedGain, IsTheFinishedFitOfTheTapSumChannelByChannel) {
