@@ -26,8 +26,8 @@ struct ChannelJob {
   std::span<const double> residual;
   int sr = 0;                       ///< Hz
   std::size_t start = 0, stop = 0;  ///< the span wanted, in samples, stop excluded
-  std::size_t workers = 1;          ///< threads that this render may use inside
-  std::size_t active_channels = 1;  ///< channels rendered at the same time
+  std::size_t workers = 1;          ///< threads that one render may use inside, at most
+  std::size_t active_channels = 1;  ///< channels that the machine is sure to carry at once
   RenderProgress progress;          ///< may be empty
 };
 

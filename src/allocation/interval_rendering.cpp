@@ -18,10 +18,18 @@ namespace {
 constexpr std::size_t kBefore = C14_CONTEXT_BEFORE_HOPS * C14_HOP;
 constexpr std::size_t kAfter = C14_CONTEXT_AFTER_HOPS * C14_HOP;
 
-/// The intervals of a span in order, and how many at once on how many threads each.
+/// The intervals of a channel's span in order, and the size of one render.
 struct IntervalPlan {
   std::vector<SampleSpan> intervals;
-  std::size_t time_workers, inner_workers;
+  std::size_t longest = 0;        ///< samples of the longest interval
+  std::size_t longest_slice = 0;  ///< the same with its context rounded out to whole hops
+  bool is_split() const { return intervals.size() > 1; }
+};
+
+/// Renders at once, of any channel, and the threads of each.
+struct RenderWorkers {
+  std::size_t renders, inner;
+  std::size_t scoring() const { return std::min(inner, RenderScratch::kMostScoringSpectra); }
 };
 
 /// Consecutive intervals that cover the span, their lengths one sample apart at most.
@@ -72,43 +80,51 @@ class IntervalProgress {
   std::mutex progress_lock_;
 };
 
-IntervalPlan plan_intervals(const ChannelJob& job, const Machine& machine) {
-  // A span that is none is refused when it is to be rendered.
-  const std::size_t span = job.stop - std::min(job.start, job.stop);
+/// Samples wanted; a span that is none is refused when it is to be rendered.
+std::size_t span_length(const ChannelJob& job) {
+  return job.stop - std::min(job.start, job.stop);
+}
+
+IntervalPlan plan_intervals(const ChannelJob& job) {
+  const std::size_t span = span_length(job);
   const double shortest_split = std::nearbyint(C14_INTERVAL_MIN_SECONDS * job.sr);
-  if (static_cast<double>(span) < shortest_split) return {{{job.start, job.stop}}, 1, job.workers};
+  const bool split = static_cast<double>(span) >= shortest_split;
+  IntervalPlan plan;
+  plan.intervals = split ? cut_span(job.start, job.stop, job.sr)
+                         : std::vector<SampleSpan>{{job.start, job.stop}};
+  plan.longest = split ? plan.intervals.front().length() + 1 : span;  // they differ by one at most
+  plan.longest_slice = std::min(job.residual.size(), plan.longest + kBefore + kAfter + 2 * C14_HOP);
+  return plan;
+}
+
+/// Renders that the machine carries beside the audio of all channels.
+std::size_t renders_that_fit(const std::vector<ChannelJob>& channels, const IntervalPlan& plan,
+                             const Machine& machine) {
+  const ChannelJob& shape = channels.front();
+  const std::size_t stems = shape.source_models.size();
+  const std::uint64_t results = stems * plan.longest * sizeof(double);
+  return render_worker_count(
+      persistent_bytes(shape.residual.size(), stems, channels.size()),
+      RenderScratch::file_bytes(stems, plan.longest_slice),
+      RenderScratch::memory_bytes(plan.longest_slice, RenderScratch::kMostScoringSpectra) + results,
+      machine);
+}
+
+/// Renders side by side use the processors better than threads inside one.
+RenderWorkers plan_workers(const std::vector<ChannelJob>& channels, const IntervalPlan& plan,
+                           const Machine& machine) {
+  const ChannelJob& job = channels.front();
   const std::size_t active = std::max<std::size_t>(1, job.active_channels);
-  const std::size_t time_workers =
-      _c14_time_worker_count(span, job.sr, job.source_models.size(), job.active_channels, machine);
-  // Intervals side by side use the processors better than threads inside one.
-  const std::size_t inner_workers = std::max<std::size_t>(
-      1, std::min({std::size_t{2}, job.workers, machine.processors() / (active * time_workers)}));
-  return {cut_span(job.start, job.stop, job.sr), time_workers, inner_workers};
-}
-
-std::size_t longest_interval(const IntervalPlan& plan) {
-  const SampleSpan& first = plan.intervals.front();
-  return first.stop - std::min(first.first, first.stop) + 1;  // lengths differ by one at most
-}
-
-/// Room for the longest interval, with its context rounded out to whole hops.
-ScratchPool<RenderScratch> scratch_for(const ChannelJob& shape, const IntervalPlan& plan,
-                                       const Machine& machine) {
-  const std::size_t longest =
-      std::min(shape.residual.size(), longest_interval(plan) + kBefore + kAfter + 2 * C14_HOP);
-  const std::size_t spectra = std::min(plan.inner_workers, RenderScratch::kMostScoringSpectra);
-  return ScratchPool<RenderScratch>(
-      [machine, stems = shape.source_models.size(), longest, spectra] {
-        return std::make_unique<RenderScratch>(machine, stems, longest, spectra);
-      });
-}
-
-/// Room for the stems of the longest interval.
-ScratchPool<AudioArray> results_for(const ChannelJob& shape, const IntervalPlan& plan) {
-  return ScratchPool<AudioArray>(
-      [stems = shape.source_models.size(), longest = longest_interval(plan)] {
-        return std::make_unique<AudioArray>(AudioArray::uninitialised(stems, longest));
-      });
+  const std::size_t at_least =
+      active *
+      _c14_time_worker_count(span_length(job), job.sr, job.source_models.size(), active, machine);
+  const std::size_t renders =
+      std::min(channels.size() * plan.intervals.size(),
+               std::max(at_least, renders_that_fit(channels, plan, machine)));
+  const std::size_t share = plan.is_split()
+                                ? std::min<std::size_t>(2, machine.processors() / renders)
+                                : _c14_inner_worker_count(renders, machine);
+  return {renders, std::clamp<std::size_t>(share, 1, std::max<std::size_t>(1, job.workers))};
 }
 
 /// Renders one interval: `span`, from the slice of the signals that is its context.
@@ -134,10 +150,16 @@ class IntervalSequence {
       : channels_(channels),
         machine_(machine),
         stop_(stop),
-        plan_(plan_intervals(channels.front(), machine)),
-        scratches_(scratch_for(channels.front(), plan_, machine)),
-        results_(results_for(channels.front(), plan_)) {
-    const std::size_t units = channels.front().source_models.size() * C14_STEPS_PER_STEM;
+        plan_(plan_intervals(channels.front())),
+        workers_(plan_workers(channels, plan_, machine)),
+        scratches_([this] {
+          return std::make_unique<RenderScratch>(machine_, stems(), plan_.longest_slice,
+                                                 workers_.scoring());
+        }),
+        results_([this] {
+          return std::make_unique<AudioArray>(AudioArray::uninitialised(stems(), plan_.longest));
+        }) {
+    const std::size_t units = stems() * C14_STEPS_PER_STEM;
     for (const ChannelJob& job : channels) {
       counts_.emplace_back(job.progress, plan_.intervals.size(), units);
     }
@@ -148,8 +170,7 @@ class IntervalSequence {
  private:
   using Stems = ScratchPool<AudioArray>::Lease;
 
-  bool is_split() const { return plan_.intervals.size() > 1; }
-  std::size_t workers() const;
+  std::size_t stems() const { return channels_.front().source_models.size(); }
   Stems render_interval(std::size_t channel, std::size_t interval);
   /// The last interval of a channel whose render reads the models of this one.
   std::size_t last_reader(std::size_t interval) const;
@@ -158,22 +179,18 @@ class IntervalSequence {
   const Machine& machine_;
   const StopToken& stop_;
   IntervalPlan plan_;
+  RenderWorkers workers_;
   ScratchPool<RenderScratch> scratches_;
   ScratchPool<AudioArray> results_;
   std::deque<IntervalProgress> counts_;  // by channel
 };
 
-std::size_t IntervalSequence::workers() const {
-  const std::size_t active = std::max<std::size_t>(1, channels_.front().active_channels);
-  return std::min(active, channels_.size()) * plan_.time_workers;
-}
-
 IntervalSequence::Stems IntervalSequence::render_interval(std::size_t channel,
                                                           std::size_t interval) {
   ChannelJob job = channels_[channel];
   if (interval == 0) check_channel_job(job, C14_FFT_SIZE);
-  job.workers = plan_.inner_workers;
-  if (is_split()) job.progress = counts_[channel].of_interval(interval);
+  job.workers = workers_.inner;
+  if (plan_.is_split()) job.progress = counts_[channel].of_interval(interval);
   const SampleSpan& span = plan_.intervals[interval];
   Stems stems = results_.lease();
   const auto scratch = scratches_.lease();
@@ -197,7 +214,7 @@ void IntervalSequence::run(const StoreInterval& store) {
   const std::size_t intervals = plan_.intervals.size();
   auto rendered = _ordered_prefetch(
       [&](std::size_t index) { return render_interval(index / intervals, index % intervals); },
-      channels_.size() * intervals, workers(), "verdel-c14-time", 1);
+      channels_.size() * intervals, workers_.renders, "verdel-c14-time", 1);
   for (std::size_t channel = 0; channel < channels_.size(); ++channel) {
     std::deque<Stems> waiting;  // for the last reader of the models in their place
     std::size_t stored = 0;
@@ -209,7 +226,7 @@ void IntervalSequence::run(const StoreInterval& store) {
         waiting.pop_front();
       }
     }
-    if (is_split()) counts_[channel].finish();
+    if (plan_.is_split()) counts_[channel].finish();
   }
 }
 

@@ -41,9 +41,9 @@ using StoreInterval =
 /// thread for every interval, in order, and only when no render needs the models there any more:
 /// it may put the stems in the models' place.
 ///
-/// Threads: as the machine allows, up to `active_channels` times what one channel gets. The failure
-/// of the lowest channel and interval is the one thrown; intervals not yet begun are dropped, one
-/// that runs finishes first.
+/// Threads: as many renders at once as have a processor and fit the machine. The failure of the
+/// lowest channel and interval is the one thrown; intervals not yet begun are dropped, one that
+/// runs finishes first.
 void render_channel_intervals(const std::vector<ChannelJob>& channels, const Machine& machine,
                               const StopToken& stop, const StoreInterval& store);
 

@@ -11,12 +11,11 @@ std::size_t stored_cells(std::size_t samples) {
   return CellGrid(spectrum_frames(samples)).stored_cells();
 }
 
-/// Whether the five arrays take more than this share of memory; a system begins to write back by
-/// itself at about a tenth.
+/// Whether the files take more than this share of memory; a system begins to write back by itself
+/// at about a tenth.
 bool is_large(const Machine& machine, std::size_t stems, std::size_t samples) {
   constexpr std::size_t kShare = 8;
-  const std::size_t bytes = stems * (3 * stored_cells(samples) + 2 * samples) * sizeof(float);
-  return bytes > machine.physical_memory() / kShare;
+  return RenderScratch::file_bytes(stems, samples) > machine.physical_memory() / kShare;
 }
 
 }  // namespace
@@ -37,6 +36,14 @@ RenderScratch::RenderScratch(const Machine& machine, std::size_t stems, std::siz
   for (std::size_t worker = 1; worker < scoring_workers; ++worker) {
     further_spectra_.emplace_back(stored_cells(samples));
   }
+}
+
+std::uint64_t RenderScratch::file_bytes(std::size_t stems, std::size_t samples) {
+  return stems * (3 * stored_cells(samples) + 2 * samples) * sizeof(float);
+}
+
+std::uint64_t RenderScratch::memory_bytes(std::size_t samples, std::size_t scoring_workers) {
+  return (2 + scoring_workers) * stored_cells(samples) * sizeof(double);
 }
 
 CellBuffer& RenderScratch::scoring_spectrum(std::size_t worker) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <new>
 #include <span>
 #include <type_traits>
@@ -45,6 +46,10 @@ class RenderScratch {
   /// Room for `stems` stems of `samples` samples, scored on `scoring_workers` threads.
   RenderScratch(const Machine& machine, std::size_t stems, std::size_t samples,
                 std::size_t scoring_workers);
+
+  /// What the files of one scratch take, in bytes, and its working memory.
+  static std::uint64_t file_bytes(std::size_t stems, std::size_t samples);
+  static std::uint64_t memory_bytes(std::size_t samples, std::size_t scoring_workers);
 
   /// Starts to write an array back that a phase has finished, if the arrays are large for this
   /// machine's memory. Elsewhere that is left to the system: a page that was written back faults

@@ -15,6 +15,8 @@ namespace {
 
 constexpr std::size_t kContextSamples =
     (C14_CONTEXT_BEFORE_HOPS + C14_CONTEXT_AFTER_HOPS) * C14_HOP;
+constexpr double kUsableMemory = 0.7;  // of the machine's
+constexpr double kUsableSpace = 0.6;   // of the temporary volume beyond its margin
 constexpr double kGibibyte = 1024.0 * 1024.0 * 1024.0;
 
 std::uint64_t rounded_up_quotient(double numerator, double denominator) {
@@ -31,14 +33,20 @@ std::uint64_t spectrum_cells(std::size_t padded) {
          (rounded_up_quotient(static_cast<double>(padded), static_cast<double>(C14_HOP)) + 2);
 }
 
-/// Temporary storage of one render of `padded` samples: five cell arrays and two signals a stem are
-/// 22 bytes a cell, and the rest leaves the volume room for its own bookkeeping.
+/// Temporary storage of one render of `padded` samples, on the safe side: three cell arrays and two
+/// signals a stem are 14 bytes a cell.
 std::uint64_t scratch_bytes(std::size_t stems, std::size_t padded) {
   return stems * spectrum_cells(padded) * 60;
 }
 
 std::uint64_t share_of(std::uint64_t bytes, double share) {
   return static_cast<std::uint64_t>(static_cast<double>(bytes) * share);
+}
+
+/// What the temporary volume holds beyond its margin.
+std::uint64_t free_space(const Machine& machine) {
+  const std::uint64_t space = machine.temporary_space();
+  return space > C14_DISK_MARGIN ? space - C14_DISK_MARGIN : 0;
 }
 
 std::uint64_t at_least_one(std::uint64_t count) {
@@ -60,14 +68,12 @@ std::uint64_t projection_ceiling() {
 std::optional<std::string> _c14_resource_budget_error(std::size_t audio_frames, int sr,
                                                       std::size_t stems, std::size_t channels,
                                                       const Machine& machine) {
-  const std::uint64_t persistent =
-      (2 * stems + 4) * channels * static_cast<std::uint64_t>(audio_frames) * sizeof(double);
   const std::size_t padded =
       std::min(audio_frames, samples_of(C14_INTERVAL_SECONDS, sr) + kContextSamples);
   const std::uint64_t temporary = scratch_bytes(stems, padded);
-  const std::uint64_t required = persistent + temporary;
+  const std::uint64_t required = persistent_bytes(audio_frames, stems, channels) + temporary;
   const std::uint64_t physical_memory = machine.physical_memory();
-  if (required > share_of(physical_memory, 0.7)) {
+  if (required > share_of(physical_memory, kUsableMemory)) {
     return "this render needs about " +
            std::to_string(rounded_up_quotient(static_cast<double>(required), kGibibyte)) +
            " GiB of working memory, but this Mac has " + std::to_string(physical_memory >> 30) +
@@ -116,12 +122,26 @@ std::size_t _c14_time_worker_count(std::size_t audio_frames, int sr, std::size_t
   const std::uint64_t memory_workers = at_least_one(
       static_cast<std::uint64_t>(static_cast<double>(machine.physical_memory()) * 0.36 / shared) /
       per_worker);
-  const std::uint64_t space = machine.temporary_space();
-  const std::uint64_t free_space = space > C14_DISK_MARGIN ? space - C14_DISK_MARGIN : 0;
   const std::uint64_t disk_workers = at_least_one(
-      static_cast<std::uint64_t>(static_cast<double>(free_space) * 0.6 / shared) / per_worker);
+      static_cast<std::uint64_t>(static_cast<double>(free_space(machine)) * kUsableSpace / shared) /
+      per_worker);
   const std::uint64_t processor_workers = at_least_one(machine.processors() / active);
   return std::min({intervals, std::uint64_t{6}, memory_workers, disk_workers, processor_workers});
+}
+
+std::uint64_t persistent_bytes(std::size_t audio_frames, std::size_t stems, std::size_t channels) {
+  return (2 * stems + 4) * channels * static_cast<std::uint64_t>(audio_frames) * sizeof(double);
+}
+
+std::size_t render_worker_count(std::uint64_t persistent, std::uint64_t file_bytes,
+                                std::uint64_t memory_bytes, const Machine& machine) {
+  const std::uint64_t usable = share_of(machine.physical_memory(), kUsableMemory);
+  const std::uint64_t memory = usable - std::min(usable, persistent);
+  const std::uint64_t space = share_of(free_space(machine), kUsableSpace);
+  // Files stand in memory too, as far as there is room, and are slow where there is none.
+  return at_least_one(
+      std::min({memory / at_least_one(file_bytes + memory_bytes), space / at_least_one(file_bytes),
+                std::uint64_t{machine.processors()}}));
 }
 
 std::size_t _c14_stem_worker_count(std::size_t cells, std::size_t worker_limit,

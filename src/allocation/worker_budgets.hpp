@@ -1,14 +1,16 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <optional>
 #include <string>
 
 #include "support/machine.hpp"
 
 /// How much of the machine a render may use: the test before anything is decoded, and how many
-/// channels, intervals and stems run at once. Pure functions of the job and the machine's measures;
-/// `frames` are samples of one channel, `cells` the cells of one spectrum, `stems` a count.
+/// renders, and stems inside one, run at once. Pure functions of the job and the machine's
+/// measures; `frames` are samples of one channel, `cells` the cells of one spectrum, `stems` a
+/// count.
 namespace verdel {
 
 /// Why the render does not fit this machine, or nothing if it does.
@@ -27,6 +29,16 @@ std::size_t _c14_inner_worker_count(std::size_t channel_workers, const Machine& 
 /// Intervals of one channel rendered at once: 1 to 6.
 std::size_t _c14_time_worker_count(std::size_t audio_frames, int sr, std::size_t stems,
                                    std::size_t active_channels, const Machine& machine);
+
+/// Renders at once when each takes `file_bytes` of temporary files and `memory_bytes` of memory:
+/// one a processor, as far as files and memory of all of them fit beside `persistent` bytes of
+/// audio. The counts above suppose 60 bytes a cell; a render that takes less may have company.
+/// At least 1.
+std::size_t render_worker_count(std::uint64_t persistent, std::uint64_t file_bytes,
+                                std::uint64_t memory_bytes, const Machine& machine);
+
+/// Bytes of the audio that stands in memory during a render, about: mix, taps, models, residual.
+std::uint64_t persistent_bytes(std::size_t audio_frames, std::size_t stems, std::size_t channels);
 
 /// Stems scored at once: 1 to 6.
 std::size_t _c14_stem_worker_count(std::size_t cells, std::size_t worker_limit,

@@ -76,6 +76,21 @@ TEST(WorkerCounts, Intervals) {
   EXPECT_EQ(count(600 * 48000, 1, machine(kGiB, 0, 16)), 1U);
 }
 
+// 70 GiB of 100 are usable and 60 of the 100 beyond the margin of 2.
+TEST(WorkerCounts, RendersBesideTheAudio) {
+  const auto count = [](std::uint64_t persistent, std::uint64_t files, std::uint64_t memory,
+                        std::uint64_t space = 102) {
+    return render_worker_count(persistent * kGiB, files * kGiB, memory * kGiB,
+                               machine(100 * kGiB, space * kGiB, 12));
+  };
+  EXPECT_EQ(count(10, 1, 1), 12U) << "one a processor";
+  EXPECT_EQ(count(10, 8, 2), 6U) << "memory and files beside the audio";
+  EXPECT_EQ(count(0, 20, 1), 3U) << "files on the volume";
+  EXPECT_EQ(count(69, 8, 2), 1U);
+  EXPECT_EQ(count(90, 1, 1), 1U) << "more audio than fits";
+  EXPECT_EQ(count(10, 1, 1, 1), 1U) << "no space beyond the margin";
+}
+
 TEST(WorkerCounts, StemsByMemory) {
   const std::size_t cells = 4000000;  // 288 MB a scorer, 224 MB a projector
   EXPECT_EQ(_c14_stem_worker_count(cells, 6, machine(64 * kGiB, 0, 16)), 6U);
