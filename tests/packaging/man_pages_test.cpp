@@ -23,8 +23,8 @@ std::vector<Page> pages() {
           {"verdel-verify", entries_of(verify_option_table())}};
 }
 
-std::string path_of(const Page& page) {
-  return VERDEL_SOURCE_ROOT "/packaging/man/" + page.program + ".1";
+std::string path_of(const std::string& page) {
+  return VERDEL_SOURCE_ROOT "/packaging/man/" + page + ".1";
 }
 
 /// The head of an option's entry: its choices, the word for its value, or nothing for a flag.
@@ -41,7 +41,7 @@ std::string head_of(const OptionEntry& option) {
 
 TEST(ManPages, HaveAnEntryForEachOptionAShellUserSeesAndNameNoOther) {
   for (const Page& page : pages()) {
-    const std::string text = testing::bytes_of(path_of(page));
+    const std::string text = testing::bytes_of(path_of(page.program));
     const auto lines = testing::lines_of(text);
     const auto entries_like = [&](const std::string& head) {
       const std::regex wanted(head);
@@ -69,7 +69,7 @@ TEST(ManPages, HaveAnEntryForEachOptionAShellUserSeesAndNameNoOther) {
 
 TEST(ManPages, AreCleanForTheFormatter) {
   if (std::system("command -v groff >/dev/null") != 0) GTEST_SKIP() << "NOT TESTED: no groff here";
-  for (const Page& page : pages()) {
+  for (const char* page : {"verdel", "verdel-engine", "verdel-verify", "verdel-song"}) {
     const std::string command = "groff -mandoc -ww -z -Tutf8 '" + path_of(page) + "' 2>&1";
     EXPECT_EQ(std::system(("test -z \"$(" + command + ")\"").c_str()), 0) << command;
   }
