@@ -26,6 +26,7 @@ struct ChannelJob {
   std::span<const double> residual;
   int sr = 0;                       ///< Hz
   std::size_t start = 0, stop = 0;  ///< the span wanted, in samples, stop excluded
+  std::size_t source_samples = 0;   ///< of the song, if the rows are a part of it
   std::size_t workers = 1;          ///< threads that one render may use inside, at most
   std::size_t active_channels = 1;  ///< channels that the machine is sure to carry at once
   RenderProgress progress;          ///< may be empty

@@ -52,10 +52,14 @@ StemMap unfilled_stems(const StemMap& like, std::size_t length) {
 }  // namespace
 
 Model model_of_part(StemMap sources, AudioArray residual, const SampleSpan& part) {
+  const std::size_t source_samples = residual.columns();
   if (part.length() < residual.columns()) {
     residual = AudioArray::copy_of(residual.view().column_range(part.first, part.stop));
   }
-  return {.sources = std::move(sources), .residual = std::move(residual), .first = part.first};
+  return {.sources = std::move(sources),
+          .residual = std::move(residual),
+          .first = part.first,
+          .source_samples = source_samples};
 }
 
 std::size_t channel_steps(std::size_t channels, std::size_t stems) {
@@ -80,6 +84,7 @@ StemMap render_channels(Model model, const ChannelsJob& job, const Machine& mach
   for (std::size_t channel = 0; channel < channels; ++channel) {
     ChannelJob& part = parts.emplace_back(rows_of(model, channel));
     part.sr = job.sr;
+    part.source_samples = model.source_samples;
     part.start = start;
     part.stop = start + length;
     part.workers = _c14_inner_worker_count(channel_workers, machine);

@@ -15,6 +15,8 @@ struct Model {
   StemMap sources;        ///< tap times gain, [channels][part], in stem order
   AudioArray residual;    ///< mix minus the sum of the sources, [channels][part]
   std::size_t first = 0;  ///< where in the source the part begins
+  /// Samples of the source, whose mix and taps may stand in memory beside a part; 0: of the model.
+  std::size_t source_samples = 0;
 };
 
 /// The model of a part, from its sources and the residual of the whole source.
@@ -34,9 +36,9 @@ struct ChannelsJob {
 /// The steps that a job's progress counts to.
 std::size_t channel_steps(std::size_t channels, std::size_t stems);
 
-/// Allocates the residual channel by channel, one or two at a time, and gives up the model. Returns
-/// the stems of the range, [channels][range], in stem order; if the range is the whole source they
-/// take the storage of the model's sources row by row.
+/// Allocates the residual of all channels, as many intervals at a time as the machine carries, and
+/// gives up the model. Returns the stems of the range, [channels][range], in stem order; if the
+/// range is the whole source they take the storage of the model's sources interval by interval.
 ///
 /// The failure of the lowest channel is the one thrown; what has not yet begun is dropped, a render
 /// that runs finishes first.

@@ -104,7 +104,8 @@ std::size_t renders_that_fit(const std::vector<ChannelJob>& channels, const Inte
   const std::size_t stems = shape.source_models.size();
   const std::uint64_t results = stems * plan.longest * sizeof(double);
   return render_worker_count(
-      persistent_bytes(shape.residual.size(), stems, channels.size()),
+      persistent_bytes(std::max(shape.residual.size(), shape.source_samples), stems,
+                       channels.size()),
       RenderScratch::file_bytes(stems, plan.longest_slice),
       RenderScratch::memory_bytes(plan.longest_slice, RenderScratch::kMostScoringSpectra) + results,
       machine);
