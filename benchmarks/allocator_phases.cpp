@@ -9,7 +9,7 @@
 #include "allocation/spectral_transform.hpp"
 #include "measures.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 constexpr double kMemorySeconds = 5.0;
@@ -108,4 +108,4 @@ double working_bytes_per_cell(const Model& model, const Machine& machine, int sr
   return taken / static_cast<double>(spectrum_frames(samples) * C14_BINS);
 }
 
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -10,7 +10,7 @@
 #include "support/machine.hpp"
 
 /// Where the allocator's time goes: its phases, told apart while it renders.
-namespace verdel {
+namespace verdel::internal {
 
 /// Spectrum frames of each interval in which the allocator renders a range of a song of `samples`,
 /// context included; the only one if the range is not cut.
@@ -62,4 +62,4 @@ class PhaseWatch {
 /// result aside: measured on a few seconds of the first channel.
 double working_bytes_per_cell(const Model& model, const Machine& machine, int sr);
 
-}  // namespace verdel
+}  // namespace verdel::internal

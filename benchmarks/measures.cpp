@@ -19,7 +19,7 @@
 #include "signal/arrays.hpp"
 #include "signal/transforms.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 double seconds_of(clockid_t clock) {
@@ -123,4 +123,4 @@ double nine_bare_transforms() {
   return *median;
 }
 
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -5,7 +5,7 @@
 #include <thread>
 
 /// What a stage costs: time on the clock, processor time of all threads, memory.
-namespace verdel {
+namespace verdel::internal {
 
 /// Seconds since some moment, of the clock on the wall and of all the process's threads together.
 struct Moment {
@@ -58,4 +58,4 @@ void release_freed_memory();
 /// measured.
 double nine_bare_transforms();
 
-}  // namespace verdel
+}  // namespace verdel::internal

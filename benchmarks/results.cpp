@@ -6,7 +6,7 @@
 #include <fstream>
 #include <stdexcept>
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 constexpr double kMebibyte = 1 << 20;
@@ -152,4 +152,4 @@ void write_json(const Results& results, const std::string& path) {
   if (!file.flush()) throw std::runtime_error(path + " cannot be written");
 }
 
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -10,7 +10,7 @@
 #include "measures.hpp"
 
 /// What a measured render was and what it cost, as tables for people and as JSON for programs.
-namespace verdel {
+namespace verdel::internal {
 
 struct StageCost {
   std::string name;
@@ -53,4 +53,4 @@ void print(const Results& results);
 /// Throws std::runtime_error if the file cannot be written.
 void write_json(const Results& results, const std::string& path);
 
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -19,8 +19,8 @@
 #include "allocation/c14_constants.hpp"
 #include "allocation/worker_budgets.hpp"
 #include "allocator_phases.hpp"
+#include "contamination/report.hpp"
 #include "delivery/audio_file_writing.hpp"
-#include "delivery/contamination_report.hpp"
 #include "delivery/coordinated_float32.hpp"
 #include "delivery/verification.hpp"
 #include "driver/input_stage.hpp"
@@ -28,15 +28,15 @@
 #include "driver/option_rules.hpp"
 #include "driver/option_table.hpp"
 #include "excerpt/excerpt_suggestion.hpp"
-#include "inputs/levels.hpp"
 #include "measures.hpp"
 #include "results.hpp"
 #include "signal/instruction_sets.hpp"
+#include "signal/levels.hpp"
 #include "support/errors.hpp"
 
 // Renders a project as the engine does, stage by stage, and tells what each stage cost. The stems
 // go to the project's output folder.
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 constexpr double kNullThreshold = -140.0;  // dBFS
@@ -300,18 +300,18 @@ void run(const Arguments& arguments) {
 }
 
 }  // namespace
-}  // namespace verdel
+}  // namespace verdel::internal
 
 int main(int argc, char** argv) {
   try {
-    verdel::run(verdel::parse({argv + 1, argv + argc}));
+    verdel::internal::run(verdel::internal::parse({argv + 1, argv + argc}));
     return EXIT_SUCCESS;
   } catch (const std::invalid_argument& misuse) {
-    std::fprintf(stderr, "%sverdel-bench: %s\n", verdel::kUsage, misuse.what());
+    std::fprintf(stderr, "%sverdel-bench: %s\n", verdel::internal::kUsage, misuse.what());
     return 2;
-  } catch (const verdel::TooLarge& refusal) {
+  } catch (const verdel::internal::TooLarge& refusal) {
     std::fprintf(stderr, "verdel-bench: %s\n", refusal.what());
-    return verdel::kTooLarge;
+    return verdel::internal::kTooLarge;
   } catch (const std::exception& failure) {
     std::fprintf(stderr, "verdel-bench: %s\n", failure.what());
     return EXIT_FAILURE;

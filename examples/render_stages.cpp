@@ -14,7 +14,7 @@
 #include "gain/shared_gain.hpp"
 #include "inputs/audio_loading.hpp"
 #include "inputs/input_planning.hpp"
-#include "inputs/levels.hpp"
+#include "signal/levels.hpp"
 #include "signal/stem_sums.hpp"
 #include "support/machine.hpp"
 
@@ -22,7 +22,7 @@
 // OUT/mix.wav, gain.wav (factors), residual.wav, and for each stem OUT/NAME.tap.wav (aligned),
 // NAME.model.wav, NAME.endpoint09.wav, NAME.endpoint10.wav, NAME.stem.wav. For pictures and for
 // listening to what the stages do; a song of minutes takes gigabytes of scratch space.
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 namespace fs = std::filesystem;
@@ -125,7 +125,7 @@ void render_stages(const fs::path& project, const fs::path& out) {
 }
 
 }  // namespace
-}  // namespace verdel
+}  // namespace verdel::internal
 
 int main(int argc, char** argv) {
   if (argc != 3) {
@@ -133,7 +133,7 @@ int main(int argc, char** argv) {
     return 2;
   }
   try {
-    verdel::render_stages(argv[1], argv[2]);
+    verdel::internal::render_stages(argv[1], argv[2]);
     return EXIT_SUCCESS;
   } catch (const std::exception& failure) {
     std::fprintf(stderr, "render_stages: %s\n", failure.what());

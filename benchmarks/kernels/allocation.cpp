@@ -15,7 +15,7 @@
 
 // The allocator's phases, on one stem of a render of some seconds. Times are per cell of its
 // spectrum and include the transforms that a phase makes.
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 constexpr std::size_t kStems = 3, kSamples = 5 * 44100;
@@ -150,4 +150,4 @@ void blend(benchmark::State& state) {
 BENCHMARK(blend);
 
 }  // namespace
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -8,7 +8,7 @@
 #include <span>
 
 /// What the micro-benchmarks share.
-namespace verdel {
+namespace verdel::internal {
 
 /// Prints the time of one item (a cell, a sample) beside that of the whole call.
 inline void count_items(benchmark::State& state, const char* item, std::size_t per_call) {
@@ -29,4 +29,4 @@ void fill_with_bursts(std::span<Real> signal, std::size_t place) {
   }
 }
 
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -7,12 +7,12 @@
 #include "delivery/coordinated_float32.hpp"
 #include "gain/gain_curves.hpp"
 #include "gain/shared_gain.hpp"
-#include "inputs/levels.hpp"
 #include "items.hpp"
 #include "signal/arrays.hpp"
+#include "signal/levels.hpp"
 
 // What happens to the audio before the allocator and after it.
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 constexpr int kRate = 44100;
@@ -84,4 +84,4 @@ void peak_and_rms(benchmark::State& state) {
 BENCHMARK(peak_and_rms);
 
 }  // namespace
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -6,17 +6,17 @@
 #include <type_traits>
 #include <vector>
 
-#include "delivery/contamination_bands.hpp"
-#include "delivery/contamination_envelopes.hpp"
-#include "delivery/contamination_figures.hpp"
-#include "delivery/contamination_gain.hpp"
-#include "delivery/contamination_slices.hpp"
-#include "delivery/contamination_windows.hpp"
+#include "contamination/bands.hpp"
+#include "contamination/envelopes.hpp"
+#include "contamination/figures.hpp"
+#include "contamination/gain.hpp"
+#include "contamination/slices.hpp"
+#include "contamination/windows.hpp"
 #include "items.hpp"
 #include "signal/arrays.hpp"
 
 // The report on stems: one stem and channel at 44.1 kHz.
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 constexpr int kRate = 44100;
@@ -115,4 +115,4 @@ void whole_report(benchmark::State& state) {
 BENCHMARK(whole_report)->Unit(benchmark::kMillisecond);
 
 }  // namespace
-}  // namespace verdel
+}  // namespace verdel::internal

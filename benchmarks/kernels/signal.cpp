@@ -10,7 +10,7 @@
 #include "signal/transforms.hpp"
 
 // The functions that everything else is made of. Arguments are lengths in samples.
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 template <class Real>
@@ -59,4 +59,4 @@ void moving_average(benchmark::State& state) {
 BENCHMARK(moving_average)->Arg(9)->Arg(1323)->Arg(5292);
 
 }  // namespace
-}  // namespace verdel
+}  // namespace verdel::internal

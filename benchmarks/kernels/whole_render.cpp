@@ -10,7 +10,7 @@
 
 // A render from arrays to arrays, through the header that applications use: what a song costs them
 // without files, and what a caller's progress callback may find out.
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 constexpr int kRate = 44100;
@@ -76,4 +76,4 @@ BENCHMARK(whole_render)
     ->UseRealTime();
 
 }  // namespace
-}  // namespace verdel
+}  // namespace verdel::internal

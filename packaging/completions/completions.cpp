@@ -9,7 +9,7 @@
 
 // Writes the completions of the command lines for bash, zsh and fish: `verdel_completions FOLDER`
 // fills FOLDER/bash, FOLDER/zsh and FOLDER/fish.
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 struct Program {
@@ -157,11 +157,11 @@ void write_all(const std::filesystem::path& folder) {
 }
 
 }  // namespace
-}  // namespace verdel
+}  // namespace verdel::internal
 
 int main(int argc, char** argv) try {
   if (argc != 2) throw std::runtime_error("usage: verdel_completions FOLDER");
-  verdel::write_all(argv[1]);
+  verdel::internal::write_all(argv[1]);
   return 0;
 } catch (const std::exception& failure) {
   std::fprintf(stderr, "%s\n", failure.what());

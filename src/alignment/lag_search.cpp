@@ -13,7 +13,7 @@
 #include "signal/moving_average.hpp"
 #include "signal/transforms.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 constexpr std::size_t kWindowSeconds = 10;    // the longest stretch that one search compares
@@ -186,4 +186,4 @@ std::ptrdiff_t find_lag(std::span<const double> a_mono, std::span<const double> 
   return agreements >= voters / 2 + 1 ? candidate : 0;
 }
 
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -9,7 +9,7 @@
 /// runs later: a_mono[n + lag] matches b_mono[n], so b_mono must be delayed by that much to line
 /// up. Every doubt gives lag 0: silence, short signals, no clear winner, values that are not
 /// finite.
-namespace verdel {
+namespace verdel::internal {
 
 /// The lag of the ten loudest seconds of b_mono by cross-correlation, searched max_ms to both sides
 /// and blind to polarity; 0 unless it beats lag 0 by more than 2 percent. Of equally good lags the
@@ -28,4 +28,4 @@ std::ptrdiff_t _find_lag_window(std::span<const double> a_mono, std::span<const 
 std::ptrdiff_t find_lag(std::span<const double> a_mono, std::span<const double> b_mono, int sr,
                         double max_ms = 200.0, const StopToken& stop = {});
 
-}  // namespace verdel
+}  // namespace verdel::internal

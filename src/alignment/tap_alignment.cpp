@@ -9,7 +9,7 @@
 #include "support/errors.hpp"
 #include "support/thread_pool.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 constexpr std::size_t kMostWorkers = 4;
@@ -174,4 +174,4 @@ std::vector<AppliedLag> align_taps_to_mix(AudioView mix, StemMap& taps, int sr,
   return moves;
 }
 
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -8,7 +8,7 @@
 #include "support/machine.hpp"
 #include "support/stop_token.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 
 /// A tap that was moved, and by how many samples; positive is later.
 struct AppliedLag {
@@ -31,4 +31,4 @@ AudioArray align_tap(AudioView a, std::ptrdiff_t lag);
 std::vector<AppliedLag> align_taps_to_mix(AudioView mix, StemMap& taps, int sr,
                                           const Machine& machine, const StopToken& stop = {});
 
-}  // namespace verdel
+}  // namespace verdel::internal

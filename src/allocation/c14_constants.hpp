@@ -7,7 +7,7 @@
 /// The allocator's constants: the geometry of its spectrum, and the tuning of its decisions, which
 /// was set by ear on drum-heavy mixes. Powers of audio between 0 and full scale are meant where no
 /// unit is named.
-namespace verdel {
+namespace verdel::internal {
 
 // Geometry. A cell is one (bin, frame) pair.
 inline constexpr std::size_t C14_FFT_SIZE = 2048;  ///< samples; also the shortest signal accepted
@@ -64,4 +64,4 @@ inline constexpr std::size_t C14_LONG_FRAMES = 2500000;
 
 inline constexpr std::size_t C14_STEPS_PER_STEM = 6;  ///< progress steps: one a phase
 
-}  // namespace verdel
+}  // namespace verdel::internal

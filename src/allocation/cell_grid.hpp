@@ -5,7 +5,7 @@
 
 #include "allocation/c14_constants.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 
 /// How the cells of one spectrum lie in memory: in tiles of neighbouring bins, [tile][frame][bin
 /// of the tile]. A tile's recent frames stay in the near cache while a kernel runs through time,
@@ -53,4 +53,4 @@ class CellGrid {
   std::size_t frames_;
 };
 
-}  // namespace verdel
+}  // namespace verdel::internal

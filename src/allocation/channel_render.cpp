@@ -8,14 +8,11 @@
 
 #include "allocation/phase_runner.hpp"
 #include "allocation/worker_budgets.hpp"
+#include "signal/sums.hpp"
 #include "support/errors.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
-
-bool all_finite(std::span<const double> values) {
-  return std::all_of(values.begin(), values.end(), [](double v) { return std::isfinite(v); });
-}
 
 /// The largest magnitude by which the stems miss models plus residual over the span, and that of
 /// the sum itself. It holds by construction; this proves it.
@@ -96,4 +93,4 @@ void _render_transient_release_tail_channel_full(const ChannelJob& job, const Ma
   check_conservation(job, rendered);
 }
 
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -15,7 +15,7 @@
 
 /// One render of one channel: the residual shared out among the stems over a whole signal, in six
 /// phases, with what they share between them.
-namespace verdel {
+namespace verdel::internal {
 
 /// Called with the steps finished and the steps in all, on the thread that runs the render.
 using RenderProgress = std::function<void(std::size_t done, std::size_t total)>;
@@ -95,4 +95,4 @@ void _render_transient_release_tail_channel_full(const ChannelJob& job, const Ma
 /// `shortest`: the fewest samples accepted, or 0 where that is judged elsewhere.
 void check_channel_job(const ChannelJob& job, std::size_t shortest);
 
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -9,7 +9,7 @@
 #include "allocation/interval_rendering.hpp"
 #include "allocation/worker_budgets.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 /// The count of finished steps that all channels share.
@@ -104,4 +104,4 @@ StemMap render_channels(Model model, const ChannelsJob& job, const Machine& mach
   return in_place ? std::move(model.sources) : std::move(excerpt);
 }
 
-}  // namespace verdel
+}  // namespace verdel::internal

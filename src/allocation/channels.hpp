@@ -7,7 +7,7 @@
 #include "support/machine.hpp"
 #include "support/stop_token.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 
 /// What the shared gain explains of the mix, and what it leaves: of the whole source, or of the
 /// part that a render looks at (see with_context).
@@ -45,4 +45,4 @@ std::size_t channel_steps(std::size_t channels, std::size_t stems);
 StemMap render_channels(Model model, const ChannelsJob& job, const Machine& machine,
                         const StopToken& stop = {});
 
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -2,7 +2,7 @@
 #include "allocation/phases.hpp"
 #include "signal/instruction_sets.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 // The stem's share of one frame of a tile, as interleaved bins ready for the inverse transform.
@@ -72,4 +72,4 @@ void measure_allocated_residual(ChannelRender& render) {
   _c14_transform(render.transform, allocated, render.grid, render.residual_spectrum, render.stop);
 }
 
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -12,7 +12,7 @@
 #include "allocation/worker_budgets.hpp"
 #include "support/ordered_prefetch.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 constexpr std::size_t kBefore = C14_CONTEXT_BEFORE_HOPS * C14_HOP;
@@ -258,4 +258,4 @@ void render_channel_intervals(const std::vector<ChannelJob>& channels, const Mac
   IntervalSequence(channels, machine, stop).run(store);
 }
 
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -9,7 +9,7 @@
 #include "support/machine.hpp"
 #include "support/stop_token.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 
 /// The allocator's front door: shares the residual of one channel among its stems and returns them
 /// over the job's span, [stems][stop - start].
@@ -47,4 +47,4 @@ using StoreInterval =
 void render_channel_intervals(const std::vector<ChannelJob>& channels, const Machine& machine,
                               const StopToken& stop, const StoreInterval& store);
 
-}  // namespace verdel
+}  // namespace verdel::internal

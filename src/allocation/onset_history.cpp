@@ -8,7 +8,7 @@
 #include "allocation/cell_grid.hpp"
 #include "signal/instruction_sets.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 // One past frame and what it weighs now.
@@ -81,4 +81,4 @@ void _c14_history(const float* current, std::span<const double> onset, std::size
   run_kernel<history_frame>(pasts.data(), count, columns, history, gated_history);
 }
 
-}  // namespace verdel
+}  // namespace verdel::internal

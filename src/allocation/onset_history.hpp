@@ -7,7 +7,7 @@
 
 #include "allocation/c14_constants.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 
 /// What is left of a past for each of C14_HISTORY_DELAYS:
 /// exp(-(delay in seconds) / C14_HISTORY_TAU).
@@ -31,4 +31,4 @@ inline double _c14_normalized(double score, double total, double score_floor, do
   return total > score_floor ? score / total : equal_share;
 }
 
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -9,7 +9,7 @@
 #include "signal/instruction_sets.hpp"
 #include "support/ordered_prefetch.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 VERDEL_INLINE void add_cells(const float* __restrict stored, std::size_t count,
@@ -176,4 +176,4 @@ void PhaseRunner::blend(RowsView<double> rendered) {
                 [&](std::size_t index) { blend_stem(render_, index, rendered.row(index)); });
 }
 
-}  // namespace verdel
+}  // namespace verdel::internal

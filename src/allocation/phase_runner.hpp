@@ -10,7 +10,7 @@
 #include "support/machine.hpp"
 #include "support/thread_pool.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 
 /// The six phases of a render, in the order in which they stand, and its count of
 /// finished steps: one a stem and phase, in stem order, reported on the calling thread.
@@ -49,4 +49,4 @@ class PhaseRunner {
   std::size_t finished_ = 0;
 };
 
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -7,7 +7,7 @@
 
 /// The work of each phase: on one stem, whose rows alone it writes, or, for the one gate of all
 /// stems, on one tile.
-namespace verdel {
+namespace verdel::internal {
 
 /// Phase 1: how much of the residual the stem can claim in each cell, under either endpoint.
 /// `spectrum` is room for the stem's own. Writes: support_scores, scores09, scores10.
@@ -40,4 +40,4 @@ void build_gate(ChannelRender& render, std::size_t tile);
 /// Phase 6: the stem over the job's span: endpoint 10, moved towards endpoint 09 by the gate.
 void blend_stem(const ChannelRender& render, std::size_t index, std::span<double> rendered);
 
-}  // namespace verdel
+}  // namespace verdel::internal

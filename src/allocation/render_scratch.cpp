@@ -4,7 +4,7 @@
 
 #include "allocation/spectral_transform.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 std::size_t stored_cells(std::size_t samples) {
@@ -50,4 +50,4 @@ CellBuffer& RenderScratch::scoring_spectrum(std::size_t worker) {
   return worker == 0 ? spectrum_then_total10 : further_spectra_[worker - 1];
 }
 
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -13,7 +13,7 @@
 #include "support/machine.hpp"
 #include "support/temporary_directory.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 
 /// Eight bytes a cell of working memory, lent to one array after another.
 class CellBuffer {
@@ -77,4 +77,4 @@ class RenderScratch {
   bool large_;
 };
 
-}  // namespace verdel
+}  // namespace verdel::internal

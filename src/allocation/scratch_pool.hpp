@@ -6,7 +6,7 @@
 #include <utility>
 #include <vector>
 
-namespace verdel {
+namespace verdel::internal {
 
 /// Working memory for tasks of one kind: a task leases a piece, made if none lies free, and gives
 /// it back at the lease's end. As many pieces exist as were out at once; their pages are touched
@@ -48,4 +48,4 @@ class ScratchPool {
   std::vector<std::unique_ptr<Scratch>> free_;
 };
 
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -10,7 +10,7 @@
 // Coherence compares nine frames of stem and residual in one bin, the stem up to 144 frames
 // earlier. A tile is worked off in blocks of frames that stay in the near cache while all ten lags
 // go over them, sixteen bins at a time.
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 constexpr std::size_t kLanes = 16;
@@ -351,4 +351,4 @@ void score_source(ChannelRender& render, std::size_t index, std::span<float> spe
   }
 }
 
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -3,7 +3,7 @@
 #include "signal/instruction_sets.hpp"
 #include "signal/windows.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 constexpr std::size_t kHalfFrame = C14_FFT_SIZE / 2;
@@ -171,4 +171,4 @@ std::pair<std::size_t, std::span<const double>> OverlapAdd::take_row() {
   return {first, std::span(finished_).first(std::min(C14_HOP, stop - first))};
 }
 
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -21,7 +21,7 @@
 /// signal. Everything depends on nearby samples only, at positions relative to the frame: a slice
 /// that begins on a multiple of the hop has the whole signal's frames, bit for bit, away from its
 /// ends.
-namespace verdel {
+namespace verdel::internal {
 
 /// Frames of the spectrum of a signal of `samples`.
 constexpr std::size_t spectrum_frames(std::size_t samples) {
@@ -146,4 +146,4 @@ inline double _c14_smoothstep(double value, double edge0, double edge1) {
   return (t * t) * (3.0 - 2.0 * t);
 }
 
-}  // namespace verdel
+}  // namespace verdel::internal

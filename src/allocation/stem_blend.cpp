@@ -3,7 +3,7 @@
 #include "allocation/phases.hpp"
 #include "signal/instruction_sets.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 VERDEL_INLINE void weigh_columns(const double* __restrict gate, std::size_t columns,
@@ -53,4 +53,4 @@ void blend_stem(const ChannelRender& render, std::size_t index, std::span<double
   overlap.finish(store);
 }
 
-}  // namespace verdel
+}  // namespace verdel::internal

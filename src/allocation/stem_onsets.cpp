@@ -4,7 +4,7 @@
 #include "allocation/onset_history.hpp"
 #include "allocation/phases.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 /// Bins whose frequency lies in the onset band, last excluded; both edges of the band count.
@@ -114,4 +114,4 @@ void find_onsets(ChannelRender& render, std::size_t index) {
   mark_frames_behind(onset, render.behind_onsets.row(index));
 }
 
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -1,7 +1,7 @@
 #include "allocation/phases.hpp"
 #include "signal/instruction_sets.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 // A share that varies from cell to cell smears through the inverse transform; this is what really
@@ -46,4 +46,4 @@ void project_stem(ChannelRender& render, std::size_t index) {
                    render.scores10.row(index));
 }
 
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -6,7 +6,7 @@
 #include "allocation/phases.hpp"
 #include "signal/instruction_sets.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 // Bins at or below the bass fade's lower edge never open; whole stretches are skipped.
@@ -272,4 +272,4 @@ void build_gate(ChannelRender& render, std::size_t tile) {
   }
 }
 
-}  // namespace verdel
+}  // namespace verdel::internal

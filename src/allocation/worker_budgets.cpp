@@ -10,7 +10,7 @@
 #include "support/errors.hpp"
 #include "support/number_text.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 constexpr std::size_t kContextSamples =
@@ -162,4 +162,4 @@ std::size_t _c14_projection_worker_count(std::size_t stems, std::size_t cells,
                                 memory_workers, std::uint64_t{3}}));
 }
 
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -11,7 +11,7 @@
 /// renders, and stems inside one, run at once. Pure functions of the job and the machine's
 /// measures; `frames` are samples of one channel, `cells` the cells of one spectrum, `stems` a
 /// count.
-namespace verdel {
+namespace verdel::internal {
 
 /// Why the render does not fit this machine, or nothing if it does.
 std::optional<std::string> _c14_resource_budget_error(std::size_t audio_frames, int sr,
@@ -49,4 +49,4 @@ std::size_t _c14_stem_worker_count(std::size_t cells, std::size_t worker_limit,
 std::size_t _c14_projection_worker_count(std::size_t stems, std::size_t cells,
                                          std::size_t worker_limit, const Machine& machine);
 
-}  // namespace verdel
+}  // namespace verdel::internal

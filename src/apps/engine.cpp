@@ -2,5 +2,5 @@
 
 /// The program that the parent application starts.
 int main(int argc, char** argv) {
-  return verdel::run_process(verdel::shipping_main, argc, argv);
+  return verdel::internal::run_process(verdel::internal::shipping_main, argc, argv);
 }

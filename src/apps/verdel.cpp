@@ -2,5 +2,5 @@
 
 /// The full command line, for people at a shell.
 int main(int argc, char** argv) {
-  return verdel::run_process(verdel::main, argc, argv);
+  return verdel::internal::run_process(verdel::internal::main, argc, argv);
 }

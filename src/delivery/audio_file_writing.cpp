@@ -11,10 +11,10 @@
 #include <vector>
 
 #include "delivery/unfinished_file.hpp"
-#include "inputs/byte_source.hpp"
 #include "support/errors.hpp"
+#include "support/unicode_text.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 constexpr std::size_t kBlockSamples = 65536;  // all channels together; 256 KiB of floats
@@ -175,4 +175,4 @@ void AudioFileWriter::commit() {
   output_->commit();
 }
 
-}  // namespace verdel
+}  // namespace verdel::internal

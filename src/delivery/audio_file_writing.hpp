@@ -8,7 +8,7 @@
 #include "signal/arrays.hpp"
 #include "support/stop_token.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 
 /// The containers of a 32-bit float file: plain WAV, whose sizes are 32-bit numbers, and RF64 (EBU
 /// Tech 3306), which is the same with 64-bit sizes.
@@ -51,4 +51,4 @@ class AudioFileWriter {
   std::unique_ptr<Output> output_;
 };
 
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -10,7 +10,7 @@
 
 #include "support/errors.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 // Samples per block: its residual, its owners and the stems' stretches stay in the second cache.
@@ -138,4 +138,4 @@ DeliveredStems _coordinated_float32_delivery(const StemViews& est, AudioView mix
   return delivered;
 }
 
-}  // namespace verdel
+}  // namespace verdel::internal

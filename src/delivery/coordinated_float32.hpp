@@ -5,7 +5,7 @@
 #include "signal/arrays.hpp"
 #include "support/stop_token.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 
 /// Stems as they go to the disk, in stem order, [channels][samples] each.
 using DeliveredStems = std::vector<NamedStem<Array2D<float>>>;
@@ -22,4 +22,4 @@ using DeliveredStems = std::vector<NamedStem<Array2D<float>>>;
 DeliveredStems _coordinated_float32_delivery(const StemViews& est, AudioView mix,
                                              double null_threshold, const StopToken& stop = {});
 
-}  // namespace verdel
+}  // namespace verdel::internal

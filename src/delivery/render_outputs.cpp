@@ -15,14 +15,13 @@
 #include "delivery/coordinated_float32.hpp"
 #include "delivery/unfinished_file.hpp"
 #include "delivery/verification.hpp"
-#include "inputs/byte_source.hpp"
-#include "inputs/levels.hpp"
 #include "inputs/path_text.hpp"
+#include "signal/levels.hpp"
 #include "support/errors.hpp"
 #include "support/number_text.hpp"
 #include "support/unicode_text.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 constexpr std::size_t kNameWidth = 14;  // characters
@@ -106,4 +105,4 @@ DeliveryVerdict write_render_outputs(const RenderOutputs& outputs, const LineSin
   return {null_peak, passed};
 }
 
-}  // namespace verdel
+}  // namespace verdel::internal

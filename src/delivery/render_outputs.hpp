@@ -7,7 +7,7 @@
 #include "support/line_sink.hpp"
 #include "support/stop_token.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 
 /// What a render delivers. All audio is [channels][samples] of one shape: the range that is put
 /// out, which may be an excerpt.
@@ -39,4 +39,4 @@ DeliveryVerdict write_render_outputs(const RenderOutputs& outputs, const LineSin
                                      const std::function<void()>& report,
                                      const StopToken& stop = {});
 
-}  // namespace verdel
+}  // namespace verdel::internal

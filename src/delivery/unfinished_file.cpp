@@ -11,12 +11,13 @@
 #include <string_view>
 #include <vector>
 
-#include "inputs/byte_source.hpp"
 #include "inputs/folder.hpp"
 #include "inputs/path_text.hpp"
+#include "support/descriptor.hpp"
 #include "support/errors.hpp"
+#include "support/unicode_text.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 // The name of an unfinished file: this, some random letters, and that.
@@ -61,21 +62,18 @@ bool lock_new_file(int descriptor, const std::string& path) {
 
 void sweep(const std::string& path) {
   // Open for writing, because some network file systems lock nothing else.
-  const int descriptor = open(path.c_str(), O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-  if (descriptor < 0) return;
+  const Descriptor file(open(path.c_str(), O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  if (!file) return;
   // Once it is locked nobody writes it, but its writer may just have given it its final name.
-  if (flock(descriptor, LOCK_EX | LOCK_NB) == 0 && is_named(descriptor, path)) {
+  if (flock(file.get(), LOCK_EX | LOCK_NB) == 0 && is_named(file.get(), path)) {
     unlink(path.c_str());
   }
-  close(descriptor);
 }
 
 // Makes a new name last; where folders cannot be synced, the file is complete all the same.
 void sync_folder(const std::string& path) {
-  const int folder = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (folder < 0) return;
-  fsync(folder);
-  close(folder);
+  const Descriptor folder(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (folder) fsync(folder.get());
 }
 
 }  // namespace
@@ -83,31 +81,26 @@ void sync_folder(const std::string& path) {
 UnfinishedFile::UnfinishedFile(const std::string& target)
     : target_(target), file_([this] { return create(); }) {}
 
-UnfinishedFile::~UnfinishedFile() {
-  close(descriptor_);
-}
-
 std::string UnfinishedFile::create() {
   constexpr int kMostClashes = 100;
   for (int attempt = 0;; ++attempt) {
     std::string path = join(folder_of(target_), unfinished_name());
-    descriptor_ = open(path.c_str(), O_CREAT | O_EXCL | O_RDWR | O_CLOEXEC, 0666);
-    if (descriptor_ >= 0 && lock_new_file(descriptor_, path)) return path;
-    const int error = descriptor_ >= 0 ? EEXIST : errno;
-    if (descriptor_ >= 0) close(descriptor_);
+    opened_ = Descriptor(open(path.c_str(), O_CREAT | O_EXCL | O_RDWR | O_CLOEXEC, 0666));
+    if (opened_ && lock_new_file(opened_.get(), path)) return path;
+    const int error = opened_ ? EEXIST : errno;
     if (error != EEXIST || attempt == kMostClashes) refuse(error);
   }
 }
 
 void UnfinishedFile::take_target_name() {
   // Renames only what the disk holds: otherwise a crash could leave the name on an empty file.
-  while (fsync(descriptor_) != 0) {
+  while (fsync(opened_.get()) != 0) {
     if (errno == EINVAL || errno == ENOTSUP) break;  // a file system that cannot say
     if (errno != EINTR) refuse(errno);
   }
   // Some network file systems report a full disk no earlier than on closing. The descriptor itself
   // keeps the lock until the name is taken.
-  const int copy = fcntl(descriptor_, F_DUPFD_CLOEXEC, 0);
+  const int copy = fcntl(opened_.get(), F_DUPFD_CLOEXEC, 0);
   if (copy >= 0 && close(copy) != 0 && errno != EINTR) refuse(errno);
   file_.hand_over([this] {
     if (std::rename(file_.path().c_str(), target_.c_str()) != 0) refuse(errno);
@@ -127,4 +120,4 @@ void sweep_unfinished_files(const std::string& folder) try {
   // A folder that can be written to but not listed keeps its leftovers.
 }
 
-}  // namespace verdel
+}  // namespace verdel::internal

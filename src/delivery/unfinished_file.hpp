@@ -2,9 +2,10 @@
 
 #include <string>
 
+#include "support/descriptor.hpp"
 #include "support/temporary.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 
 /// A new, empty file in its target's folder, called ".verdel-", 8 lower-case letters or digits, and
 /// ".part". Its owner writes it and gives it the target's name; otherwise it goes with its owner.
@@ -13,11 +14,10 @@ class UnfinishedFile {
  public:
   /// Throws OSError, as take_target_name(), with the target's name and the system's reason.
   explicit UnfinishedFile(const std::string& target);
-  ~UnfinishedFile();
   UnfinishedFile(const UnfinishedFile&) = delete;
   UnfinishedFile& operator=(const UnfinishedFile&) = delete;
 
-  int descriptor() const { return descriptor_; }
+  int descriptor() const { return opened_.get(); }
 
   /// Replaces what stands under the target's name in one step, once the disk holds all that was
   /// written; the last call.
@@ -30,7 +30,7 @@ class UnfinishedFile {
   std::string create();
 
   std::string target_;
-  int descriptor_ = -1;
+  Descriptor opened_;
   Temporary file_;
 };
 
@@ -38,4 +38,4 @@ class UnfinishedFile {
 /// a name whose lock is free. What cannot be opened, or locked, or looked at stays.
 void sweep_unfinished_files(const std::string& folder);
 
-}  // namespace verdel
+}  // namespace verdel::internal

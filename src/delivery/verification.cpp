@@ -6,7 +6,7 @@
 #include "inputs/audio_file.hpp"
 #include "support/errors.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 constexpr std::size_t kBlockFrames = 8192;
@@ -45,4 +45,4 @@ AudioArray written_residual(const std::vector<WrittenStem>& stems, AudioView mix
   return residual;
 }
 
-}  // namespace verdel
+}  // namespace verdel::internal

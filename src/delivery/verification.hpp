@@ -6,7 +6,7 @@
 #include "signal/arrays.hpp"
 #include "support/stop_token.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 
 /// A stem that stands on the disk.
 struct WrittenStem {
@@ -22,4 +22,4 @@ struct WrittenStem {
 AudioArray written_residual(const std::vector<WrittenStem>& stems, AudioView mix, int sr,
                             const StopToken& stop = {});
 
-}  // namespace verdel
+}  // namespace verdel::internal

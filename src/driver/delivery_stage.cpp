@@ -2,11 +2,11 @@
 
 #include <bit>
 
-#include "delivery/contamination_report.hpp"
+#include "contamination/report.hpp"
 #include "delivery/render_outputs.hpp"
 #include "support/errors.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 constexpr double kNullThreshold = -140.0;  // dBFS, what the stems are sold for
@@ -45,4 +45,4 @@ void deliver(const Run& run, const Mix& mix, const StemMap& taps, const StemMap&
   }
 }
 
-}  // namespace verdel
+}  // namespace verdel::internal

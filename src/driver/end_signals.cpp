@@ -8,7 +8,7 @@
 #include "driver/entry.hpp"
 #include "support/temporary.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 constexpr int kEndSignals[] = {SIGINT, SIGTERM, SIGHUP};
@@ -80,4 +80,4 @@ void EndSignals::finish() {
   pthread_sigmask(SIG_SETMASK, &mask_before_, nullptr);
 }
 
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -9,7 +9,7 @@
 #include "support/stop_token.hpp"
 #include "support/thread_pool.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 
 /// SIGINT, SIGTERM and SIGHUP as the wish to end a run. The first one sets the stop token; when the
 /// run has given up, or has not in good time, nothing temporary is left on the disk and the process
@@ -42,4 +42,4 @@ class EndSignals {
   std::optional<ThreadPool> thread_;
 };
 
-}  // namespace verdel
+}  // namespace verdel::internal

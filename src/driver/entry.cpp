@@ -12,7 +12,7 @@
 #include "driver/shipping.hpp"
 #include "support/errors.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 constexpr const char* kShippingProgram = "VERDEL Engine";
@@ -100,4 +100,4 @@ int verify_main(const std::vector<std::string>& arguments, RunContext& context) 
   });
 }
 
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -8,7 +8,7 @@
 /// The command lines. All take the arguments without the program's name, print on the
 /// context's streams, let no exception out, and return the exit status: 0 at the end of the road, 1
 /// for a run that was stopped by a failure, 2 for a command line that cannot be followed.
-namespace verdel {
+namespace verdel::internal {
 
 inline constexpr int kExitFailure = 1;
 inline constexpr int kExitUsage = 2;
@@ -25,4 +25,4 @@ int shipping_main(const std::vector<std::string>& arguments, RunContext& context
 /// that fail.
 int verify_main(const std::vector<std::string>& arguments, RunContext& context);
 
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -9,12 +9,12 @@
 #include <vector>
 
 #include "inputs/audio_loading.hpp"
-#include "inputs/byte_source.hpp"
-#include "inputs/levels.hpp"
+#include "signal/levels.hpp"
 #include "support/errors.hpp"
 #include "support/number_text.hpp"
+#include "support/unicode_text.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 /// What a render writes beside its stems when it is asked for diagnostics.
@@ -175,4 +175,4 @@ bool prove_folder(const VerifyOptions& options, OutputLines& lines, const StopTo
   return proof.passed;
 }
 
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -4,7 +4,7 @@
 #include "driver/output_lines.hpp"
 #include "support/stop_token.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 
 /// Adds up the stems of a folder, whoever wrote them, holds the sum against the mix, and prints
 /// what is left: for each channel the peak, where it is, and the RMS. Returns whether the peak lies
@@ -16,4 +16,4 @@ namespace verdel {
 /// or length; those of the loading.
 bool prove_folder(const VerifyOptions& options, OutputLines& lines, const StopToken& stop = {});
 
-}  // namespace verdel
+}  // namespace verdel::internal

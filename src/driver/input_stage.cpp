@@ -13,7 +13,7 @@
 #include "support/errors.hpp"
 #include "support/number_text.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 // More readers than this only queue for the same disk.
@@ -113,4 +113,4 @@ OutputRange choose_output_range(const Run& run, const Mix& mix) {
   return range;
 }
 
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -7,7 +7,7 @@
 #include "inputs/input_planning.hpp"
 #include "signal/arrays.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 
 /// The finished mix, whole length.
 struct Mix {
@@ -38,4 +38,4 @@ std::vector<std::string> names_of(const StemMap& stems);
 /// ValueError for an excerpt length that reaches beyond all numbers.
 OutputRange choose_output_range(const Run& run, const Mix& mix);
 
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -6,11 +6,11 @@
 
 #include "allocation/interval_rendering.hpp"
 #include "gain/shared_gain.hpp"
-#include "inputs/levels.hpp"
+#include "signal/levels.hpp"
 #include "signal/stem_sums.hpp"
 #include "support/number_text.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 void print_model_lines(const Run& run, const StemMap& taps) {
@@ -81,4 +81,4 @@ StemMap allocate(const Run& run, Model model, int sr, OutputRange range) {
   return est;
 }
 
-}  // namespace verdel
+}  // namespace verdel::internal

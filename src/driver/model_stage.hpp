@@ -8,7 +8,7 @@
 #include "driver/run_context.hpp"
 #include "signal/arrays.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 
 /// Moves taps onto the mix and prints a line for each that moved.
 std::vector<AppliedLag> align_taps(const Run& run, const Mix& mix, StemMap& taps);
@@ -24,4 +24,4 @@ Model fit_model(const Run& run, const Mix& mix, const StemMap& taps, double mix_
 /// Allocates what the model leaves, and prints progress where the run was asked for it.
 StemMap allocate(const Run& run, Model model, int sr, OutputRange range);
 
-}  // namespace verdel
+}  // namespace verdel::internal

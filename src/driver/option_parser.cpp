@@ -6,7 +6,7 @@
 
 #include "support/number_text.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 constexpr std::size_t kUsageWidth = 80;
@@ -174,4 +174,4 @@ void CommandLine::require(const std::vector<Setting>& settings) const {
   if (!missing.empty()) fail(fmt::format("missing required: {}", fmt::join(missing, ", ")));
 }
 
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -9,7 +9,7 @@
 
 #include "driver/option_table.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 
 /// A command line that cannot be followed. what() is all that the user reads: usage, then one line
 /// with the program's name and the message, the last line without its break.
@@ -72,4 +72,4 @@ std::optional<Record> parse_record(const CommandLine& command_line,
   return record;
 }
 
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <cmath>
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 /// What was asked for that only other ways of working offer. A NaN differs from every default.
@@ -66,4 +66,4 @@ void require_known_low_resolution(const Options& options, const std::vector<std:
   }
 }
 
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -6,7 +6,7 @@
 #include "driver/option_parser.hpp"
 #include "driver/options.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 
 /// Fills in the two defaults that depend on nothing else and refuses what the engine does not do.
 /// Throws the UsageError of the first rule that fires.
@@ -16,4 +16,4 @@ void apply_option_rules(Options& options, const CommandLine& command_line);
 void require_known_low_resolution(const Options& options, const std::vector<std::string>& names,
                                   const CommandLine& command_line);
 
-}  // namespace verdel
+}  // namespace verdel::internal

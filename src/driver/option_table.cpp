@@ -5,7 +5,7 @@
 
 #include "support/number_text.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 /// The word that help puts in the place of a value: the option's name in capitals.
@@ -298,4 +298,4 @@ std::vector<OptionEntry> entries_of(const OptionTable<VerifyOptions>& table) {
   return entries_of_table(table);
 }
 
-}  // namespace verdel
+}  // namespace verdel::internal

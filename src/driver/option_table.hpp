@@ -12,7 +12,7 @@
 
 /// The options of the command lines as data. Parser, usage and help are made from these tables,
 /// and so is whatever else describes the command lines.
-namespace verdel {
+namespace verdel::internal {
 
 /// A flag takes no value; a list takes one each time it is used and keeps them all.
 enum class OptionKind { kFlag, kText, kWhole, kReal, kList };
@@ -89,4 +89,4 @@ void assign(Record& record, const Option<Record>& option, const OptionValue& val
       option.field);
 }
 
-}  // namespace verdel
+}  // namespace verdel::internal

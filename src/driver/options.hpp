@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-namespace verdel {
+namespace verdel::internal {
 
 /// What the full command line asks for; the meaning of each field is its option's help text. The
 /// values here are the defaults of the options. Many fields belong to ways of working that the
@@ -62,4 +62,4 @@ struct VerifyOptions {
   bool json = false;
 };
 
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -7,7 +7,7 @@
 #include "support/errors.hpp"
 #include "support/unicode_text.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 [[noreturn]] void fail_to_write() {
@@ -88,4 +88,4 @@ std::string suggestion_line(std::size_t start, std::size_t length, int sr, doubl
       start, length, sr, bpm, bars, confidence);
 }
 
-}  // namespace verdel
+}  // namespace verdel::internal

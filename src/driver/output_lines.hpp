@@ -8,7 +8,7 @@
 
 #include "driver/terminal_progress.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 
 /// Standard output, one line at a time. A write that the system refuses is an OSError at once or
 /// at the next flush, so that a run whose reader is gone does not go on unseen.
@@ -55,4 +55,4 @@ std::string excerpt_start_line(std::size_t start, int sr);
 std::string suggestion_line(std::size_t start, std::size_t length, int sr, double bpm, int bars,
                             double confidence);
 
-}  // namespace verdel
+}  // namespace verdel::internal

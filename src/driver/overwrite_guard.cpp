@@ -13,7 +13,7 @@
 #include "inputs/path_text.hpp"
 #include "support/errors.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 constexpr const char* kNullResidualName = "_NULL_RESIDUAL";
@@ -103,4 +103,4 @@ void refuse_overwriting(const Options& options) {
   }
 }
 
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -2,7 +2,7 @@
 
 #include "driver/options.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 
 /// Stops a render that would write over what it reads: a stem or null residual that is one of the
 /// inputs under whatever name, a null residual that would replace a stem, a folder in the place of
@@ -11,4 +11,4 @@ namespace verdel {
 /// Throws ValueError.
 void refuse_overwriting(const Options& options);
 
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -9,7 +9,7 @@
 #include "driver/end_signals.hpp"
 #include "inputs/path_text.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 // Where a standard stream is closed, the next file to be opened would stand in its place, and a
@@ -47,4 +47,4 @@ int run_process(Entry entry, int argc, char** argv) try {
   return kExitFailure;
 }
 
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -2,7 +2,7 @@
 
 #include "driver/entry.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 
 using Entry = int (*)(const std::vector<std::string>& arguments, RunContext& context);
 
@@ -12,4 +12,4 @@ using Entry = int (*)(const std::vector<std::string>& arguments, RunContext& con
 /// process; see end_signals.hpp.
 int run_process(Entry entry, int argc, char** argv);
 
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -7,10 +7,10 @@
 #include "driver/overwrite_guard.hpp"
 #include "driver/unfit_input.hpp"
 #include "excerpt/excerpt_suggestion.hpp"
-#include "inputs/levels.hpp"
+#include "signal/levels.hpp"
 #include "support/errors.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 void print_suggestion(const Run& run, const Mix& mix) {
@@ -67,4 +67,4 @@ void run_engine(Run run) {
   deliver(run, mix, taps, est, range);
 }
 
-}  // namespace verdel
+}  // namespace verdel::internal

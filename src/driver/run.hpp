@@ -2,10 +2,10 @@
 
 #include "driver/run_context.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 
 /// One run from its options to its end: a render, or the suggestion of an excerpt. Fills in what
 /// the options leave open. Throws what stops it: UsageError, the four kinds of failure, Cancelled.
 void run_engine(Run run);
 
-}  // namespace verdel
+}  // namespace verdel::internal

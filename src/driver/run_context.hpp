@@ -10,7 +10,7 @@
 #include "support/machine.hpp"
 #include "support/stop_token.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 
 /// The surroundings of a run: what a process has, and what tests replace. The streams belong to the
 /// caller.
@@ -41,4 +41,4 @@ struct OutputRange {
   bool is_whole(std::size_t frames) const { return start == 0 && stop == frames; }
 };
 
-}  // namespace verdel
+}  // namespace verdel::internal

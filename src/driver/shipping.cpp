@@ -2,7 +2,7 @@
 
 #include "support/number_text.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 class ArgumentList {
@@ -57,4 +57,4 @@ std::vector<std::string> shipping_arguments(const ShippingOptions& options,
   return list.take();
 }
 
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -6,7 +6,7 @@
 #include "driver/option_parser.hpp"
 #include "driver/options.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 
 /// The argument list that stands for the parent application's request on the full command line:
 /// its own options and the fixed processing profile. Numbers are written so that they read back as
@@ -15,4 +15,4 @@ namespace verdel {
 std::vector<std::string> shipping_arguments(const ShippingOptions& options,
                                             const CommandLine& command_line);
 
-}  // namespace verdel
+}  // namespace verdel::internal

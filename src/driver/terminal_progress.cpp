@@ -6,7 +6,7 @@
 #include <cmath>
 #include <cstdlib>
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 constexpr const char* kWipe = "\r\x1b[K";
@@ -68,4 +68,4 @@ void TerminalProgress::wipe() {
   drawn_ = false;
 }
 
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-namespace verdel {
+namespace verdel::internal {
 
 /// One line at the bottom of a person's terminal: the stage, how far it is, and the time it will
 /// still take. It is drawn over itself and wiped before anything else is printed.
@@ -36,4 +36,4 @@ class TerminalProgress {
 /// The line's text: "rendering  42 %  1:05 left". The time is left out while little is known of it.
 std::string progress_text(std::string_view stage, double done, double elapsed_seconds);
 
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -4,9 +4,9 @@
 
 #include <algorithm>
 
-#include "inputs/levels.hpp"
+#include "signal/levels.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 std::optional<std::string> bad_sample_of(const StemInput& input, AudioView audio,
@@ -41,4 +41,4 @@ std::optional<std::string> unfit_input(const Mix& mix, const StemMap& taps,
   return std::nullopt;
 }
 
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -8,7 +8,7 @@
 #include "driver/input_stage.hpp"
 #include "signal/arrays.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 
 /// Which file the gain model cannot take, and why: the first sample of it that is not a finite
 /// number, or its channel count. The mix is looked at first, then the taps in order; nothing if all
@@ -18,4 +18,4 @@ std::optional<std::string> unfit_input(const Mix& mix, const StemMap& taps,
                                        const std::vector<StemInput>& plan,
                                        const std::vector<AppliedLag>& lags);
 
-}  // namespace verdel
+}  // namespace verdel::internal

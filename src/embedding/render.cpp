@@ -13,13 +13,13 @@
 #include "allocation/worker_budgets.hpp"
 #include "delivery/coordinated_float32.hpp"
 #include "gain/shared_gain.hpp"
-#include "inputs/levels.hpp"
+#include "signal/levels.hpp"
 #include "signal/stem_sums.hpp"
 #include "support/errors.hpp"
 #include "support/machine.hpp"
 
 // The way of a render without files: what the driver does between loading and writing.
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 constexpr double kNullThreshold = -140.0;  // dBFS
@@ -141,12 +141,15 @@ RenderResult render_request(const RenderRequest& request, CallersProgress& progr
 }
 
 }  // namespace
+}  // namespace verdel::internal
+
+namespace verdel {
 
 RenderResult render(const RenderRequest& request) {
-  CallersProgress progress(request);
+  internal::CallersProgress progress(request);
   try {
-    return render_request(request, progress);
-  } catch (const Cancelled& cancelled) {
+    return internal::render_request(request, progress);
+  } catch (const internal::Cancelled& cancelled) {
     throw RenderCancelled(cancelled.what());
   } catch (const std::bad_alloc&) {
     throw;

@@ -10,7 +10,7 @@
 #include "excerpt/onset_curve.hpp"
 #include "excerpt/tempo.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 constexpr double kShortestMix = 4.0;      // seconds
@@ -93,4 +93,4 @@ ExcerptSuggestion suggest_excerpt(AudioView mix, int sr, double target, const St
   return suggestion;
 }
 
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -5,7 +5,7 @@
 #include "signal/arrays.hpp"
 #include "support/stop_token.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 
 /// A stretch of the mix for a demonstration. Where no tempo was found, bpm, bars and confidence
 /// are 0; where no number of bars fits, bars is 0.
@@ -24,4 +24,4 @@ struct ExcerptSuggestion {
 ExcerptSuggestion suggest_excerpt(AudioView mix, int sr, double target = 30.0,
                                   const StopToken& stop = {});
 
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -7,7 +7,7 @@
 #include "excerpt/onset_curve.hpp"
 #include "signal/moving_average.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 constexpr std::size_t kSamplesPerCheck = 65536;
@@ -43,4 +43,4 @@ std::size_t loudest_stretch(AudioView mix, std::size_t length, std::size_t smoot
   return best_start;
 }
 
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -5,7 +5,7 @@
 #include "signal/arrays.hpp"
 #include "support/stop_token.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 
 /// First sample of the `length` samples whose smoothed energy is highest, the first such place if
 /// several are equal. The energy is the square of the mono mix, averaged over `smoothing` samples
@@ -16,4 +16,4 @@ namespace verdel {
 std::size_t loudest_stretch(AudioView mix, std::size_t length, std::size_t smoothing,
                             const StopToken& stop = {});
 
-}  // namespace verdel
+}  // namespace verdel::internal

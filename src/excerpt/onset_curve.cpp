@@ -6,17 +6,16 @@
 #include <span>
 #include <utility>
 
+#include "signal/sums.hpp"
 #include "signal/transforms.hpp"
 #include "signal/windows.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 constexpr std::size_t kFrame = 2048;
 constexpr std::size_t kBins = kFrame / 2 + 1;
 constexpr std::size_t kFramesPerBlock = 1024;
-// Partial sums of one frame's flux: one sum alone would wait for every addition.
-constexpr std::size_t kLanes = 8;
 
 void apply_window(std::span<const double> frame, std::span<const double> window,
                   std::span<double> windowed) {
@@ -36,17 +35,7 @@ double rise(double now, double before) {
 }
 
 double total_rise(std::span<const double> now, std::span<const double> before) {
-  double lanes[kLanes] = {};
-  std::size_t k = 0;
-  for (; k + kLanes <= now.size(); k += kLanes) {
-    for (std::size_t lane = 0; lane < kLanes; ++lane) {
-      lanes[lane] += rise(now[k + lane], before[k + lane]);
-    }
-  }
-  double sum = 0.0;
-  for (const double lane : lanes) sum += lane;
-  for (; k < now.size(); ++k) sum += rise(now[k], before[k]);
-  return sum;
+  return lane_sum(now.size(), [=](std::size_t k) { return rise(now[k], before[k]); });
 }
 
 }  // namespace
@@ -79,4 +68,4 @@ std::vector<double> onset_curve(AudioView mix, const StopToken& stop) {
   return flux;
 }
 
-}  // namespace verdel
+}  // namespace verdel::internal

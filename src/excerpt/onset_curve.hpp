@@ -6,7 +6,7 @@
 #include "signal/arrays.hpp"
 #include "support/stop_token.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 
 /// Samples from one value of the onset curve to the next.
 inline constexpr std::size_t kOnsetHop = 128;
@@ -26,4 +26,4 @@ inline double mono_at(AudioView mix, std::size_t sample) {
 /// Units: magnitudes, not normalised. Errors: none but Cancelled.
 std::vector<double> onset_curve(AudioView mix, const StopToken& stop = {});
 
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -9,7 +9,7 @@
 #include "signal/arrays.hpp"
 #include "signal/transforms.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 constexpr double kFastest = 200.0, kSlowest = 60.0;  // beats per minute
@@ -143,4 +143,4 @@ std::optional<Tempo> find_tempo(std::span<const double> flux, double fps) {
       .first_downbeat = static_cast<double>(phase) + period * static_cast<double>(downbeat)};
 }
 
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -5,7 +5,7 @@
 #include <span>
 #include <vector>
 
-namespace verdel {
+namespace verdel::internal {
 
 /// The beats that one bar is taken to have.
 inline constexpr std::size_t kBeatsPerBar = 4;
@@ -29,4 +29,4 @@ double refined_period(std::span<const double> ac_values, std::size_t low, std::s
 /// too large to be correlated.
 std::optional<Tempo> find_tempo(std::span<const double> flux, double fps);
 
-}  // namespace verdel
+}  // namespace verdel::internal

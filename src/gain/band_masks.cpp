@@ -7,7 +7,7 @@
 
 #include "signal/sequences.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 constexpr double kLowestCentreHz = 40.0;
@@ -73,4 +73,4 @@ std::vector<double> StreamedBandMasks::operator[](std::size_t band) const {
   return mask;
 }
 
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -4,7 +4,7 @@
 #include <span>
 #include <vector>
 
-namespace verdel {
+namespace verdel::internal {
 
 /// Overlapping frequency masks over the bins of one real transform: band centres in geometric
 /// progression from 40 Hz to the Nyquist frequency, raised-cosine crossovers between neighbours,
@@ -54,4 +54,4 @@ class StreamedBandMasks {
   std::vector<double> centers_, frequencies_, denominator_;
 };
 
-}  // namespace verdel
+}  // namespace verdel::internal

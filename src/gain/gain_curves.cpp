@@ -7,7 +7,7 @@
 #include "signal/moving_average.hpp"
 #include "signal/sequences.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 constexpr double kSmallestDenominator = 1e-14;  // mean square that still counts as signal
@@ -129,4 +129,4 @@ std::vector<double> ballistic_smooth(std::vector<double> g, double sr, double at
   return g;
 }
 
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -9,7 +9,7 @@
 
 /// Gain curves: one plain factor per sample, measured on a pair of signals and smoothed. Curves are
 /// handed in by value and handed on: a stage that changes nothing returns the storage it was given.
-namespace verdel {
+namespace verdel::internal {
 
 /// How a gain curve is measured and smoothed.
 struct GainCurveSettings {
@@ -41,4 +41,4 @@ std::vector<double> ballistic_smooth(std::vector<double> g, double sr, double at
                                      std::optional<double> lookahead_ms = std::nullopt,
                                      const StopToken& stop = {});
 
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -3,23 +3,17 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
-#include <limits>
 #include <span>
 #include <vector>
 
 #include "gain/gain_curves.hpp"
+#include "signal/sums.hpp"
 #include "support/errors.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 constexpr std::size_t kBlock = 4096;  // samples; a block of every row in use stays in cache
-
-bool all_finite(std::span<const double> values) {
-  bool finite = true;
-  for (const double value : values) finite &= std::abs(value) <= std::numeric_limits<double>::max();
-  return finite;
-}
 
 // An odd number of samples, so that a window has its sample in the middle. Times without measure
 // end at a count that a double still holds exactly.
@@ -123,4 +117,4 @@ SharedGainModel shared_single_band_model(AudioView mix, const StemMap& taps, int
   return result;
 }
 
-}  // namespace verdel
+}  // namespace verdel::internal

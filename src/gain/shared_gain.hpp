@@ -5,7 +5,7 @@
 #include "signal/arrays.hpp"
 #include "support/stop_token.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 
 /// What stands in for the master chain: one gain curve per channel, the same for every tap.
 struct SharedGainModel {
@@ -26,4 +26,4 @@ SharedGainModel shared_single_band_model(AudioView mix, const StemMap& taps, int
                                          double gain_smooth_ms = 120.0, const StopToken& stop = {},
                                          std::optional<SampleSpan> kept = {});
 
-}  // namespace verdel
+}  // namespace verdel::internal

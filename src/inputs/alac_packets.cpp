@@ -9,7 +9,7 @@
 
 #include "inputs/chunk_bytes.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 constexpr std::uint64_t kFileHeader = 8, kChunkHeader = 12, kTableHeader = 24;
@@ -115,4 +115,4 @@ bool alac_packets_are_sound(const ByteSource& source, std::uint64_t data_bytes) 
   return packets->count == 0 || frames > (packets->count - 1) * packet_frames;
 }
 
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -4,7 +4,7 @@
 
 #include "inputs/byte_source.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 
 /// Whether the table of packets that a CAF file has for ALAC sound makes sense: one table and one
 /// description of the codec, as many packets as the table announces, none larger than a packet can
@@ -15,4 +15,4 @@ namespace verdel {
 /// those of the descriptions of CAF and ALAC by their maker.
 bool alac_packets_are_sound(const ByteSource& source, std::uint64_t data_bytes);
 
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -9,8 +9,9 @@
 #include "inputs/alac_packets.hpp"
 #include "inputs/chunk_bytes.hpp"
 #include "support/errors.hpp"
+#include "support/unicode_text.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 constexpr std::uint64_t kOnes32 = 0xFFFFFFFF;
@@ -272,4 +273,4 @@ AudioContainer read_audio_container(const ByteSource& source, const std::string&
   return found;
 }
 
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -9,7 +9,7 @@
 
 #include "inputs/byte_source.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 
 /// Bytes to be read in place of a file's own.
 struct BytePatch {
@@ -41,4 +41,4 @@ AudioContainer read_audio_container(const ByteSource& source, const std::string&
 /// Refuses the encoding of a file with the RuntimeError of read_audio_container.
 [[noreturn]] void fail_audio_encoding(const std::string& path);
 
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -15,8 +15,9 @@
 
 #include "inputs/audio_container.hpp"
 #include "support/errors.hpp"
+#include "support/unicode_text.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 // A source as the decoder reads it: patched, from a current position. A failure of the source
@@ -231,4 +232,4 @@ bool AudioFile::last_frame_is_there() {
   return is_there;
 }
 
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -8,7 +8,7 @@
 
 #include "inputs/byte_source.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 
 /// What a file says of its audio before any of it is decoded.
 struct AudioHeader {
@@ -54,4 +54,4 @@ class AudioFile {
   std::unique_ptr<State> state_;
 };
 
-}  // namespace verdel
+}  // namespace verdel::internal

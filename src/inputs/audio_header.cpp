@@ -5,7 +5,7 @@
 #include "inputs/path_text.hpp"
 #include "support/errors.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 void require_mono(const AudioFile& side) {
@@ -70,4 +70,4 @@ AudioHeader check_audio_input(const StemInput& input, const StopToken& stop) {
   return opened.header;
 }
 
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -7,7 +7,7 @@
 #include "inputs/input_planning.hpp"
 #include "support/stop_token.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 
 /// The header of the audio file at `path`. Errors as those of AudioFile.
 AudioHeader read_audio_header(const std::string& path);
@@ -31,4 +31,4 @@ AudioHeader check_audio_input(const StemInput& input, const StopToken& stop = {}
 void require_equal_lengths(const StemInput& pair, std::size_t left_frames,
                            std::size_t right_frames);
 
-}  // namespace verdel
+}  // namespace verdel::internal

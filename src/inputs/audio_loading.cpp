@@ -10,8 +10,9 @@
 
 #include "support/errors.hpp"
 #include "support/ordered_prefetch.hpp"
+#include "support/unicode_text.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 // Samples decoded at a time: fits in the cache beside the rows that they go to.
@@ -209,4 +210,4 @@ StemMap load_stem_inputs(const StemLoading& loading, const LineSink& message,
   return stems;
 }
 
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -9,7 +9,7 @@
 #include "support/line_sink.hpp"
 #include "support/stop_token.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 
 /// Decoded audio, integer formats at a full scale of 1.0 and float formats as stored.
 struct LoadedAudio {
@@ -47,4 +47,4 @@ struct StemLoading {
 StemMap load_stem_inputs(const StemLoading& loading, const LineSink& message,
                          const StopToken& stop = {});
 
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -9,19 +9,12 @@
 #include <string_view>
 #include <utility>
 
+#include "support/descriptor.hpp"
 #include "support/errors.hpp"
 #include "support/unicode_text.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
-
-struct Descriptor {
-  explicit Descriptor(int number) : fd(number) {}
-  ~Descriptor() { ::close(fd); }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  const int fd;
-};
 
 void require_regular(const struct stat& status, const std::string& path) {
   if (S_ISREG(status.st_mode)) return;
@@ -54,14 +47,14 @@ ByteSource open_regular_file(const std::string& path) {
   struct stat status {};
   if (::stat(path.c_str(), &status) != 0) throw OSError("cannot open " + quoted_path(path), errno);
   require_regular(status, path);
-  const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
-  if (fd < 0) throw OSError("cannot open " + quoted_path(path), errno);
-  const auto file = std::make_shared<Descriptor>(fd);
-  if (::fstat(fd, &status) != 0) throw OSError("cannot read " + quoted_path(path), errno);
+  const auto file = std::make_shared<Descriptor>(
+      ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
+  if (!*file) throw OSError("cannot open " + quoted_path(path), errno);
+  if (::fstat(file->get(), &status) != 0) throw OSError("cannot read " + quoted_path(path), errno);
   require_regular(status, path);
   return {static_cast<std::uint64_t>(status.st_size),
           [file, path](std::uint64_t offset, std::span<unsigned char> into) {
-            return read_fully(file->fd, offset, into, path);
+            return read_fully(file->get(), offset, into, path);
           }};
 }
 
@@ -74,8 +67,4 @@ ByteSource source_from(ByteSource source, std::uint64_t first) {
           }};
 }
 
-std::string quoted_path(const std::string& path) {
-  return "“" + printable(path) + "”";
-}
-
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -6,7 +6,7 @@
 #include <span>
 #include <string>
 
-namespace verdel {
+namespace verdel::internal {
 
 /// Bytes that can be read at any place. Copies share what stands behind them.
 struct ByteSource {
@@ -24,7 +24,4 @@ ByteSource open_regular_file(const std::string& path);
 /// The source without its first bytes.
 ByteSource source_from(ByteSource source, std::uint64_t first);
 
-/// A path as messages show it: “a.wav”.
-std::string quoted_path(const std::string& path);
-
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -9,7 +9,7 @@
 #include "inputs/byte_source.hpp"
 
 /// Numbers and names at fixed places of a container, for the units that walk one.
-namespace verdel {
+namespace verdel::internal {
 
 enum class Order { big, little };
 
@@ -38,4 +38,4 @@ struct Bytes {
   }
 };
 
-}  // namespace verdel
+}  // namespace verdel::internal

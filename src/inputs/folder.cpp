@@ -6,7 +6,7 @@
 #include "support/errors.hpp"
 #include "support/unicode_text.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 
 bool is_folder(const std::string& path) {
   std::error_code error;
@@ -21,8 +21,8 @@ std::vector<std::string> list_folder(const std::string& folder) {
     names.push_back(entry->path().filename().string());
     entry.increment(error);
   }
-  if (error) throw OSError("cannot list the folder “" + printable(folder) + "”", error.value());
+  if (error) throw OSError("cannot list the folder " + quoted_path(folder), error.value());
   return names;
 }
 
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-namespace verdel {
+namespace verdel::internal {
 
 /// Whether the path leads to a folder that can be seen; false for whatever else is there.
 bool is_folder(const std::string& path);
@@ -11,4 +11,4 @@ bool is_folder(const std::string& path);
 /// The names in a folder, without "." and "..", in no order. Throws OSError if it cannot be listed.
 std::vector<std::string> list_folder(const std::string& folder);
 
-}  // namespace verdel
+}  // namespace verdel::internal

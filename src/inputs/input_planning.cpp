@@ -12,7 +12,7 @@
 #include "support/errors.hpp"
 #include "support/unicode_text.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 using Paths = std::vector<std::string>;
@@ -53,8 +53,7 @@ bool is_audio_name(const std::string& name) {
 
 void require_utf8(const std::string& name) {
   if (is_valid_utf8(name)) return;
-  throw ValueError(
-      fmt::format("“{}” has a name that is not valid UTF-8. Rename it.", printable(name)));
+  throw ValueError(quoted_path(name) + " has a name that is not valid UTF-8. Rename it.");
 }
 
 // `kind` is what the messages call the name, "mix " or nothing.
@@ -210,4 +209,4 @@ std::vector<StemInput> plan_stem_inputs(const std::string& folder) {
   return plan;
 }
 
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -7,7 +7,7 @@
 
 /// What the inputs of a run are, decided from file names alone: mono pairs are grouped, every input
 /// has one name, and names that clash are refused with a ValueError that says what to rename.
-namespace verdel {
+namespace verdel::internal {
 
 /// One logical input.
 struct StemInput {
@@ -35,4 +35,4 @@ StemInput plan_mix_input(const std::string& selected_path);
 /// skipped. Throws OSError if the folder cannot be listed.
 std::vector<StemInput> plan_stem_inputs(const std::string& folder);
 
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -7,7 +7,7 @@
 
 #include "support/errors.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 // Enough for endings: no character outside ASCII has one of their letters as its lower case.
@@ -94,4 +94,4 @@ bool ends_like_audio(std::string_view name) {
                      [&](std::string_view ending) { return folded.ends_with(ending); });
 }
 
-}  // namespace verdel
+}  // namespace verdel::internal

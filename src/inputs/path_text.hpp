@@ -6,7 +6,7 @@
 
 /// POSIX path text: operations on the letters of a path that never ask the file system, unless said
 /// otherwise. Paths are bytes; they need not be valid UTF-8.
-namespace verdel {
+namespace verdel::internal {
 
 /// The extensions of files taken for audio, in lower case.
 inline constexpr std::array<std::string_view, 5> AUDIO = {".wav", ".aif", ".aiff", ".flac", ".caf"};
@@ -41,4 +41,4 @@ bool has_audio_extension(std::string_view extension);
 /// Whether a name ends like an audio file. Unlike its extension, its ending may be the whole name.
 bool ends_like_audio(std::string_view name);
 
-}  // namespace verdel
+}  // namespace verdel::internal

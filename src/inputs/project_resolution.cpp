@@ -11,7 +11,7 @@
 #include "support/errors.hpp"
 #include "support/unicode_text.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 // Relative to the project folder, in the order in which they are tried.
@@ -74,4 +74,4 @@ std::vector<std::string> resolve(ProjectPaths& paths) {
           "out   " + shown(*paths.out), ""};
 }
 
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-namespace verdel {
+namespace verdel::internal {
 
 /// Where a run finds its inputs and leaves its stems. Whatever the user did not give is absent.
 struct ProjectPaths {
@@ -21,4 +21,4 @@ std::vector<std::string> audio_in(const std::string& folder);
 /// Throws ValueError where something is neither given nor to be found, or found twice.
 std::vector<std::string> resolve(ProjectPaths& paths);
 
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -1,6 +1,6 @@
 #include "signal/arrays.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 
 StemViews views_of(const StemMap& stems) {
   StemViews views;
@@ -18,4 +18,4 @@ StemViews column_range(const StemViews& stems, std::size_t first, std::size_t st
   return views;
 }
 
-}  // namespace verdel
+}  // namespace verdel::internal

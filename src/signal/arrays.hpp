@@ -13,7 +13,7 @@
 
 /// Dense two-dimensional arrays, [rows][columns], the last index varying fastest. The owner is
 /// move-only: nothing large is copied except by a function whose name says so.
-namespace verdel {
+namespace verdel::internal {
 
 /// One cache line, and the widest vector register: every array begins on it.
 inline constexpr std::size_t kArrayAlignment = 64;
@@ -146,4 +146,4 @@ StemViews views_of(const StemMap& stems);
 /// Columns first .. stop - 1 of every entry.
 StemViews column_range(const StemViews& stems, std::size_t first, std::size_t stop);
 
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -3,7 +3,7 @@
 #include <atomic>
 #include <cassert>
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 std::atomic<InstructionSet>& chosen() {
@@ -48,4 +48,4 @@ const char* name_of(InstructionSet set) {
   return "baseline";
 }
 
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -8,7 +8,7 @@
 /// `run_kernel<kernel>(arguments...)` runs the copy that was compiled for the best instruction set
 /// here. All copies give the same bits: contraction is off, and sums run in written order. On other
 /// processors than x86-64 there is one copy (NEON is baseline on arm64).
-namespace verdel {
+namespace verdel::internal {
 
 enum class InstructionSet { kBaseline, kAvx2, kAvx512 };
 
@@ -56,4 +56,4 @@ decltype(auto) run_kernel(Arguments&&... arguments) {
   return kKernel(std::forward<Arguments>(arguments)...);
 }
 
-}  // namespace verdel
+}  // namespace verdel::internal

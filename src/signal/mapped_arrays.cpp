@@ -10,7 +10,7 @@
 #include "signal/arrays.hpp"
 #include "support/errors.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 // Gives the file its size and its blocks; returns 0 or an error number.
@@ -27,46 +27,25 @@ int reserve_space(int descriptor, std::size_t bytes) {
 #endif
 }
 
-class Descriptor {
- public:
-  explicit Descriptor(int value) : value_(value) {}
-  ~Descriptor() {
-    if (value_ >= 0) close(value_);
-  }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  int get() const { return value_; }
-  int release() {
-    const int value = value_;
-    value_ = -1;
-    return value;
-  }
-
- private:
-  int value_;
-};
-
 }  // namespace
 
 MappedArray::MappedArray(const std::string& path, std::size_t rows, std::size_t columns)
     : rows_(rows), columns_(columns) {
-  Descriptor file(open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
-  if (file.get() < 0) throw OSError("cannot create the temporary file " + path, errno);
+  file_ = Descriptor(open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+  if (!file_) throw OSError("cannot create the temporary file " + path, errno);
   unlink(path.c_str());
-  if (const int error = reserve_space(file.get(), bytes()); error != 0) {
+  if (const int error = reserve_space(file_.get(), bytes()); error != 0) {
     throw OSError(
         "cannot reserve " + std::to_string(bytes() >> 20) + " MiB of temporary space for " + path,
         error);
   }
-  void* data = mmap(nullptr, bytes(), PROT_READ | PROT_WRITE, MAP_SHARED, file.get(), 0);
+  void* data = mmap(nullptr, bytes(), PROT_READ | PROT_WRITE, MAP_SHARED, file_.get(), 0);
   if (data == MAP_FAILED) throw OSError("cannot map the temporary file " + path, errno);
   data_ = static_cast<float*>(data);
-  descriptor_ = file.release();
 }
 
 MappedArray::~MappedArray() {
   munmap(data_, bytes());
-  close(descriptor_);
 }
 
 void MappedArray::fetch_row([[maybe_unused]] std::size_t index) {
@@ -84,10 +63,10 @@ void MappedArray::flush() {
   // Write-back is a courtesy to the machine's memory, not a promise: what it answers is not looked
   // at. msync(MS_SYNC) would make the render wait for the disk, a quarter of its time.
 #if defined(SYNC_FILE_RANGE_WRITE)
-  static_cast<void>(sync_file_range(descriptor_, 0, 0, SYNC_FILE_RANGE_WRITE));
+  static_cast<void>(sync_file_range(file_.get(), 0, 0, SYNC_FILE_RANGE_WRITE));
 #else
   msync(data_, bytes(), MS_ASYNC);
 #endif
 }
 
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -4,7 +4,9 @@
 #include <span>
 #include <string>
 
-namespace verdel {
+#include "support/descriptor.hpp"
+
+namespace verdel::internal {
 
 /// A float32 array in a file, all zero at first, paged by the operating system instead of filling
 /// working memory. Rows are written from several threads at once without a lock.
@@ -37,8 +39,8 @@ class MappedArray {
   std::size_t bytes() const { return rows_ * columns_ * sizeof(float); }
 
   std::size_t rows_, columns_;
-  int descriptor_ = -1;
+  Descriptor file_;
   float* data_ = nullptr;
 };
 
-}  // namespace verdel
+}  // namespace verdel::internal

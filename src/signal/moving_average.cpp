@@ -2,7 +2,7 @@
 
 #include <cassert>
 
-namespace verdel {
+namespace verdel::internal {
 
 void uniform_filter1d(std::span<const double> input, std::size_t size, EdgeMode mode,
                       std::span<double> output) {
@@ -13,4 +13,4 @@ void uniform_filter1d(std::span<const double> input, std::size_t size, EdgeMode 
       [output, count](std::size_t i, double sum) { output[i] = sum / count; });
 }
 
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -13,7 +13,7 @@
 /// beginning of the next: a sum from the block's end backwards and one from its beginning forwards
 /// (van Herk 1992, Gil & Werman 1993, who did it for maxima). Two or three additions a value,
 /// nothing subtracted, nothing that drifts.
-namespace verdel {
+namespace verdel::internal {
 
 /// What stands beyond the ends: the edge value repeated (a a | a b c | c c), or the signal
 /// reflected about its edges, the edge value repeated once (b a | a b c | c b), as often as needed.
@@ -100,4 +100,4 @@ void for_each_window_sum(std::size_t length, std::size_t size, EdgeMode mode, Va
 void uniform_filter1d(std::span<const double> input, std::size_t size, EdgeMode mode,
                       std::span<double> output);
 
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cassert>
 
-namespace verdel {
+namespace verdel::internal {
 
 std::vector<double> linspace(double a, double b, std::size_t count) {
   std::vector<double> values(count, a);
@@ -54,4 +54,4 @@ std::size_t searchsorted(std::span<const double> sorted, double value) {
                                   sorted.begin());
 }
 
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -7,7 +7,7 @@
 #include <vector>
 
 /// Spaced sequences, tables and the rounding that the system uses everywhere.
-namespace verdel {
+namespace verdel::internal {
 
 /// `count` evenly spaced values from a to b, both met exactly; {a} for a count of 1.
 std::vector<double> linspace(double a, double b, std::size_t count);
@@ -31,4 +31,4 @@ inline double round_to_even(double value) {
   return std::nearbyint(value);
 }
 
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -2,7 +2,7 @@
 
 #include <span>
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 void add_to(std::span<double> sum, std::span<const double> values) {
@@ -26,4 +26,4 @@ AudioArray difference_from(AudioView whole, AudioArray part) {
   return part;
 }
 
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -9,7 +9,7 @@
 #include "signal/arrays.hpp"
 #include "support/errors.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 // FFTW plans under one global state; executing needs no lock.
@@ -168,4 +168,4 @@ template class RealTransform<double>;
 template class ComplexTransform<float>;
 template class ComplexTransform<double>;
 
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -11,7 +11,7 @@
 /// aligns its data (64 bytes), and time and spectrum must not overlap. A planned transform is
 /// executed from any number of threads at once; the same input gives the same bits in every run on
 /// one machine, because plans are estimated, never timed.
-namespace verdel {
+namespace verdel::internal {
 
 /// Real signals of `length` samples (even, at least 2) against length / 2 + 1 bins.
 template <class Real>
@@ -58,4 +58,4 @@ extern template class RealTransform<double>;
 extern template class ComplexTransform<float>;
 extern template class ComplexTransform<double>;
 
-}  // namespace verdel
+}  // namespace verdel::internal

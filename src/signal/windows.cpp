@@ -3,7 +3,7 @@
 #include <cmath>
 #include <numbers>
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 std::vector<double> raised_cosine(std::size_t length, std::size_t period) {
@@ -26,4 +26,4 @@ std::vector<double> hanning(std::size_t length) {
   return raised_cosine(length, length - 1);
 }
 
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -2,9 +2,9 @@
 
 #include <system_error>
 
-namespace verdel {
+namespace verdel::internal {
 
 OSError::OSError(const std::string& what, int error_number)
     : std::runtime_error(what + ": " + std::generic_category().message(error_number)) {}
 
-}  // namespace verdel
+}  // namespace verdel::internal

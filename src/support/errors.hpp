@@ -5,7 +5,7 @@
 
 /// The four kinds of failure that the system knows, and the end of a cancelled run. Each carries
 /// the one line that the user reads; a bug is an assert, never one of these.
-namespace verdel {
+namespace verdel::internal {
 
 /// Bad inputs and shapes.
 class ValueError : public std::runtime_error {
@@ -37,4 +37,4 @@ class Cancelled : public std::exception {
   const char* what() const noexcept override { return "the run was cancelled"; }
 };
 
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <thread>
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 std::uint64_t read_physical_memory() {
@@ -45,4 +45,4 @@ Machine system_machine() {
           .temporary_folder = read_temporary_folder};
 }
 
-}  // namespace verdel
+}  // namespace verdel::internal

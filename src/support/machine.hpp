@@ -5,7 +5,7 @@
 #include <functional>
 #include <string>
 
-namespace verdel {
+namespace verdel::internal {
 
 /// The machine's measures, each read afresh whenever it is asked for. Tests replace single members
 /// to play a machine of another size.
@@ -22,4 +22,4 @@ inline constexpr std::uint64_t C14_DEFAULT_MEMORY = 8589934592;
 /// The machine that the process runs on.
 Machine system_machine();
 
-}  // namespace verdel
+}  // namespace verdel::internal

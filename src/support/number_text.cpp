@@ -10,7 +10,7 @@
 #include <cmath>
 #include <limits>
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 bool is_digit(char c) {
@@ -121,4 +121,4 @@ std::string signed_one_decimal(double value) {
   return std::isnan(value) ? "+nan" : fmt::format("{:+.1f}", value);
 }
 
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -6,7 +6,7 @@
 #include <string_view>
 
 /// Numbers to and from text, the same in every locale.
-namespace verdel {
+namespace verdel::internal {
 
 /// A decimal number (digits, point, exponent), nan, inf or infinity in any case, with an optional
 /// sign and surrounding white space; too large is infinite, too small is 0. Nothing if the text is
@@ -31,4 +31,4 @@ std::string one_decimal(double value);
 /// whatever sign bit the processor gave it.
 std::string signed_one_decimal(double value);
 
-}  // namespace verdel
+}  // namespace verdel::internal

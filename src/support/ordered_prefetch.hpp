@@ -13,7 +13,7 @@
 
 #include "support/thread_pool.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 
 /// A lazy sequence: `function` of each item, in the order of the items, computed on up to `workers`
 /// threads ahead of the consumer. Nothing happens before the first next(). At most `workers +
@@ -107,4 +107,4 @@ auto _ordered_prefetch(Function function, std::size_t count, std::size_t workers
                                                         workers, std::move(thread_prefix), spare);
 }
 
-}  // namespace verdel
+}  // namespace verdel::internal

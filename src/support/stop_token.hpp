@@ -4,7 +4,7 @@
 
 #include "support/errors.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 
 /// A wish to stop, seen by everything that runs long. Copied freely; an empty token never stops.
 /// The flag belongs to whoever started the run and outlives it; a signal handler may set it.
@@ -24,4 +24,4 @@ class StopToken {
   const std::atomic<bool>* flag_ = nullptr;
 };
 
-}  // namespace verdel
+}  // namespace verdel::internal

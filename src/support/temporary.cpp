@@ -8,7 +8,7 @@
 #include <thread>
 #include <vector>
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 struct Registry {
@@ -81,4 +81,4 @@ void remove_all_temporaries(std::chrono::milliseconds patience) {
   lock.release();
 }
 
-}  // namespace verdel
+}  // namespace verdel::internal

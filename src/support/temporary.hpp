@@ -4,7 +4,7 @@
 #include <functional>
 #include <string>
 
-namespace verdel {
+namespace verdel::internal {
 
 /// A file or directory that is gone when its owner is, and one of those that
 /// remove_all_temporaries() finds if the process has to end before its owners do. Making it and
@@ -33,4 +33,4 @@ class Temporary {
 /// `patience` (a file system that does not answer), nothing is removed.
 void remove_all_temporaries(std::chrono::milliseconds patience);
 
-}  // namespace verdel
+}  // namespace verdel::internal

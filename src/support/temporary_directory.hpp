@@ -4,7 +4,7 @@
 
 #include "support/temporary.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 
 /// A directory of its own (mode 0700) inside `parent`, called `prefix` and some random letters; it
 /// is removed with all its files when the owner goes. Throws OSError if it cannot be made.
@@ -18,4 +18,4 @@ class TemporaryDirectory {
   Temporary directory_;
 };
 
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -4,7 +4,7 @@
 
 #include <exception>
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 // Linux refuses names of more than 15 bytes outright instead of cutting them.
@@ -102,4 +102,4 @@ void run_indexed(ThreadPool* pool, std::size_t count,
   if (first_failure) std::rethrow_exception(first_failure);
 }
 
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -10,7 +10,7 @@
 #include <thread>
 #include <vector>
 
-namespace verdel {
+namespace verdel::internal {
 
 /// A fixed number of named threads that run tasks in the order in which they were submitted.
 /// Leaving its scope finishes every task, submitted ones included; cancel_pending() first drops
@@ -55,4 +55,4 @@ class ThreadPool {
 void run_indexed(ThreadPool* pool, std::size_t count,
                  const std::function<void(std::size_t)>& function);
 
-}  // namespace verdel
+}  // namespace verdel::internal

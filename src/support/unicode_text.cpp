@@ -12,7 +12,7 @@
 
 #include "support/errors.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 // Calls piece(bytes, valid) for each code point, and for each run of bytes that cannot begin or
@@ -89,6 +89,10 @@ std::string printable(std::string_view text) {
   return result;
 }
 
+std::string quoted_path(std::string_view path) {
+  return "“" + printable(path) + "”";
+}
+
 std::string pad_right(std::string_view text, std::size_t width) {
   std::string result(text);
   const std::size_t count = code_points(text);
@@ -96,4 +100,4 @@ std::string pad_right(std::string_view text, std::size_t width) {
   return result;
 }
 
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -6,7 +6,7 @@
 
 /// Text as UTF-8. Names of files arrive as bytes that may be anything; everything but
 /// is_valid_utf8, code_points, printable and pad_right wants valid UTF-8.
-namespace verdel {
+namespace verdel::internal {
 
 bool is_valid_utf8(std::string_view text);
 
@@ -24,7 +24,10 @@ std::size_t code_points(std::string_view text);
 /// ASCII below the blank, as \xNN, so that any name can stand in a line of its own.
 std::string printable(std::string_view text);
 
+/// A path as messages show it, whatever its bytes: “a.wav”.
+std::string quoted_path(std::string_view path);
+
 /// The text with blanks behind it up to `width` code points; a longer text is not cut.
 std::string pad_right(std::string_view text, std::size_t width);
 
-}  // namespace verdel
+}  // namespace verdel::internal

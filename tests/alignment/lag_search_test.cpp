@@ -10,7 +10,7 @@
 #include "alignment/tap_alignment.hpp"
 #include "support/noise.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 using Samples = std::span<double>;
@@ -122,4 +122,4 @@ TEST(FindLagWindow, EqualsThePlainSums) {
 }
 
 }  // namespace
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -10,7 +10,7 @@
 
 #include "support/errors.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 using testing::ElementsAre;
@@ -124,4 +124,4 @@ TEST(AlignTapsToMix, RefusesOtherShapesAndStopsWhenAsked) {
 }
 
 }  // namespace
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -16,7 +16,7 @@
 #include "support/temporary_folder.hpp"
 #include "test_song.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 using testing::Cells;
@@ -207,4 +207,4 @@ TEST(ChannelRender, LeavesNoDirectoryBehindOnAnyRoad) {
 }
 
 }  // namespace
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -12,7 +12,7 @@
 #include "support/machines.hpp"
 #include "test_song.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 using testing::render_full;
@@ -144,4 +144,4 @@ TEST(Intervals, AFailureOrAStopEndsAllOfThem) {
 }
 
 }  // namespace
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -14,7 +14,7 @@
 
 /// The allocation of one channel written out as it is defined, one whole array after another and
 /// one cell at a time: slow, and plain enough to be checked by reading. Arrays are [bin][frame].
-namespace verdel::testing {
+namespace verdel::internal::testing {
 
 using Signal = std::vector<double>;
 using Complex = std::complex<double>;
@@ -311,4 +311,4 @@ inline ReferenceRender reference_render(const std::vector<Signal>& sources, cons
   return r;
 }
 
-}  // namespace verdel::testing
+}  // namespace verdel::internal::testing

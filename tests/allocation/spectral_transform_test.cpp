@@ -8,7 +8,7 @@
 #include "allocation/onset_history.hpp"
 #include "test_song.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 std::vector<double> noise_of(std::size_t samples) {
@@ -100,4 +100,4 @@ TEST(OnsetHistory, PreviousMeanLeavesTheValueItselfOut) {
 }
 
 }  // namespace
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -8,7 +8,7 @@
 
 #include "allocation/channel_render.hpp"
 
-namespace verdel::testing {
+namespace verdel::internal::testing {
 
 /// Noise in -1 .. 1, the same in every run.
 class Noise {
@@ -74,4 +74,4 @@ inline TestSong test_song(std::size_t samples, int sr, std::size_t stems = 3) {
   return song;
 }
 
-}  // namespace verdel::testing
+}  // namespace verdel::internal::testing

@@ -6,7 +6,7 @@
 
 #include "support/errors.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 constexpr std::uint64_t kGiB = std::uint64_t{1} << 30U;
@@ -120,4 +120,4 @@ TEST(WorkerCounts, EnvironmentLowersProjection) {
 }
 
 }  // namespace
-}  // namespace verdel
+}  // namespace verdel::internal

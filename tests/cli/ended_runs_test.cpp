@@ -13,7 +13,7 @@
 #include "driver/small_projects.hpp"
 
 // Runs that are ended from outside, and what they leave behind.
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 using ::testing::HasSubstr;
@@ -190,4 +190,4 @@ TEST(EndedRuns, AReaderThatLeavesEarlyEndsThemBeforeAnythingIsWritten) {
 }
 
 }  // namespace
-}  // namespace verdel
+}  // namespace verdel::internal

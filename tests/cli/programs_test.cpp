@@ -9,7 +9,7 @@
 #include "cli/run_program.hpp"
 #include "driver/small_projects.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 using ::testing::ElementsAre;
@@ -248,4 +248,4 @@ TEST(Programs, ANameCannotForgeALineOfTheProtocol) {
 }
 
 }  // namespace
-}  // namespace verdel
+}  // namespace verdel::internal

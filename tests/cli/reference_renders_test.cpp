@@ -8,7 +8,7 @@
 #include "cli/run_program.hpp"
 #include "inputs/audio_loading.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 using testing::run_program;
@@ -123,4 +123,4 @@ TEST(ReferenceRenders, PrintTheSameFiguresAndWriteTheSameStems) {
 }
 
 }  // namespace
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -16,7 +16,7 @@
 
 extern char** environ;
 
-namespace verdel::testing {
+namespace verdel::internal::testing {
 
 struct ProgramRun {
   std::string program;  ///< "verdel" or "verdel-engine"
@@ -117,4 +117,4 @@ inline ProgramResult run_program(const ProgramRun& run) {
   return RunningProgram(run).wait();
 }
 
-}  // namespace verdel::testing
+}  // namespace verdel::internal::testing

@@ -15,7 +15,7 @@
 #include "inputs/audio_loading.hpp"
 #include "support/errors.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 using testing::bytes_of;
@@ -155,4 +155,4 @@ TEST(AudioFileWriting, AFailureLeavesEverythingAsItWas) {
 }
 
 }  // namespace
-}  // namespace verdel
+}  // namespace verdel::internal

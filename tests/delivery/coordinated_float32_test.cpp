@@ -11,7 +11,7 @@
 #include "support/errors.hpp"
 #include "support/files.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 // Stems with silence, equal magnitudes and opposite signs among them, and a mix that is their sum
@@ -157,4 +157,4 @@ TEST(CoordinatedFloat32, ThresholdsAndBound) {
 }
 
 }  // namespace
-}  // namespace verdel
+}  // namespace verdel::internal

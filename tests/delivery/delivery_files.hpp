@@ -9,7 +9,7 @@
 #include "support/files.hpp"
 #include "support/temporary_folder.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 
 template <class Sample>
 void write_audio(const std::string& path, int sr, RowsView<const Sample> audio) {
@@ -38,4 +38,4 @@ class FileSizeLimit {
   void (*handler_)(int);
 };
 
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -15,7 +15,7 @@
 #include "delivery/delivery_files.hpp"
 #include "support/errors.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 /// From now on the system answers "no space left" to one call of this process.
@@ -57,5 +57,5 @@ TEST(LateRefusal, OnSyncingOrClosingLosesNothing) {
 }
 
 }  // namespace
-}  // namespace verdel
+}  // namespace verdel::internal
 #endif

@@ -10,7 +10,7 @@
 #include "inputs/audio_loading.hpp"
 #include "support/errors.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 using ::testing::ElementsAre;
@@ -124,4 +124,4 @@ TEST_F(RenderOutputsTest, AFullDiskKeepsWhatIsComplete) {
 }
 
 }  // namespace
-}  // namespace verdel
+}  // namespace verdel::internal

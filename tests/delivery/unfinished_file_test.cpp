@@ -6,7 +6,7 @@
 #include "support/files.hpp"
 #include "support/temporary_folder.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 namespace fs = std::filesystem;
@@ -34,4 +34,4 @@ TEST(UnfinishedFile, OnlyThoseThatNobodyWritesAreSwept) {
 }
 
 }  // namespace
-}  // namespace verdel
+}  // namespace verdel::internal

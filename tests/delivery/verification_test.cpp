@@ -10,7 +10,7 @@
 #include "delivery/delivery_files.hpp"
 #include "support/errors.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 constexpr int kRate = 22050;
@@ -81,4 +81,4 @@ TEST_F(Verification, FindsEveryChangeOfAFile) {
 }
 
 }  // namespace
-}  // namespace verdel
+}  // namespace verdel::internal

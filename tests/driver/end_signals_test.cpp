@@ -9,7 +9,7 @@
 #include "support/temporary_directory.hpp"
 #include "support/temporary_folder.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 using ::testing::ExitedWithCode;
@@ -44,4 +44,4 @@ TEST(EndSignals, EndTheRunAndThenTheProcessWhetherItListensOrNot) {
 }
 
 }  // namespace
-}  // namespace verdel
+}  // namespace verdel::internal

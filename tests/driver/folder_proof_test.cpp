@@ -5,7 +5,7 @@
 
 #include "driver/small_projects.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 using testing::Channels;
@@ -81,4 +81,4 @@ TEST_F(FolderProof, RefusesWhatIsNoStemOfTheMix) {
 }
 
 }  // namespace
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -7,7 +7,7 @@
 
 #include "driver/small_projects.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 using ::testing::HasSubstr;
@@ -96,4 +96,4 @@ TEST(InputStage, APairIsNamedAsOne) {
 }
 
 }  // namespace
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -13,7 +13,7 @@
 #include "support/files.hpp"
 #include "support/number_text.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 using Arguments = std::vector<std::string>;
@@ -161,4 +161,4 @@ TEST(OptionParser, HelpShowsEachOptionOnceAndHidesTheHidden) {
 }
 
 }  // namespace
-}  // namespace verdel
+}  // namespace verdel::internal

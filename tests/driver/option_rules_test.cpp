@@ -4,7 +4,7 @@
 
 #include "support/files.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 using Arguments = std::vector<std::string>;
@@ -75,4 +75,4 @@ TEST(OptionRules, UnknownLowResolutionNamesAreListedAsGiven) {
 }
 
 }  // namespace
-}  // namespace verdel
+}  // namespace verdel::internal

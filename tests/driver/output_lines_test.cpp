@@ -5,7 +5,7 @@
 #include "support/files.hpp"
 #include "support/temporary_folder.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 TEST(OutputLines, ProgressLinesLeaveAtOnceWithAllThatStandsBeforeThem) {
@@ -30,4 +30,4 @@ TEST(OutputLines, NamesAreJsonAndKeepTheirLetters) {
 }
 
 }  // namespace
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -10,7 +10,7 @@
 #include "support/files.hpp"
 #include "support/temporary_folder.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 namespace fs = std::filesystem;
@@ -93,4 +93,4 @@ TEST(OverwriteGuard, LetsHarmlessRunsPass) {
 }
 
 }  // namespace
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -13,7 +13,7 @@
 #endif
 
 // What a process that renders again and again holds between two renders.
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 using testing::SmallProject;
@@ -71,4 +71,4 @@ TEST(RepeatedRuns, HoldNoMoreThanTheFirstOne) {
 }
 
 }  // namespace
-}  // namespace verdel
+}  // namespace verdel::internal

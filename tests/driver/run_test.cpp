@@ -14,7 +14,7 @@
 #include "signal/instruction_sets.hpp"
 #include "support/machines.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 using testing::Channels;
@@ -196,4 +196,4 @@ TEST(Run, AFailureOnTheWayLeavesNothingWritten) {
 }
 
 }  // namespace
-}  // namespace verdel
+}  // namespace verdel::internal

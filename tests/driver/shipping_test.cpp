@@ -8,7 +8,7 @@
 
 #include "support/files.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 using Arguments = std::vector<std::string>;
@@ -68,4 +68,4 @@ TEST(Shipping, EveryValueArrivesAsItWasGiven) {
 }
 
 }  // namespace
-}  // namespace verdel
+}  // namespace verdel::internal

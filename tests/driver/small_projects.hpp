@@ -13,7 +13,7 @@
 #include "support/files.hpp"
 #include "support/temporary_folder.hpp"
 
-namespace verdel::testing {
+namespace verdel::internal::testing {
 
 struct RunResult {
   int status = 0;
@@ -103,4 +103,4 @@ class SmallProject {
   Channels mix_;
 };
 
-}  // namespace verdel::testing
+}  // namespace verdel::internal::testing

@@ -4,7 +4,7 @@
 
 #include <tuple>
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 TEST(TerminalProgress, SaysHowLongItWillTakeOnceThatIsKnown) {
@@ -20,4 +20,4 @@ TEST(TerminalProgress, SaysHowLongItWillTakeOnceThatIsKnown) {
 }
 
 }  // namespace
-}  // namespace verdel
+}  // namespace verdel::internal

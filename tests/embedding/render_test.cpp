@@ -7,7 +7,7 @@
 #include "support/temporary_folder.hpp"
 #include "verdel/verdel.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 using Signal = std::vector<double>;
@@ -102,4 +102,4 @@ TEST_F(Embedding, RefusesWhatDoesNotFit) {
 }
 
 }  // namespace
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -12,7 +12,7 @@
 #include <utility>
 #include <vector>
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 // A struck tone and noise, both dying away.
@@ -116,4 +116,4 @@ TEST(SuggestExcerpt, ClaimsNothingInDoubt) {
 }
 
 }  // namespace
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -6,7 +6,7 @@
 
 #include "signal/moving_average.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 // Whole numbers: the sums are exact, so that the first of equal stretches is the same one.
@@ -40,4 +40,4 @@ TEST(LoudestStretch, EqualsThePlainSums) {
 }
 
 }  // namespace
-}  // namespace verdel
+}  // namespace verdel::internal

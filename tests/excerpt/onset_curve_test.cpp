@@ -6,7 +6,7 @@
 
 #include "signal/windows.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 // An impulse is as loud in every bin as the window is at its place, which gives each value of the
@@ -31,4 +31,4 @@ TEST(OnsetCurve, ShowsHowAnImpulseComesIntoTheFrames) {
 }
 
 }  // namespace
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -4,7 +4,7 @@
 
 #include <cmath>
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 TEST(Autocorrelation, EqualsThePlainSums) {
@@ -58,4 +58,4 @@ TEST(FindTempo, OfAPulseTrain) {
 }
 
 }  // namespace
-}  // namespace verdel
+}  // namespace verdel::internal

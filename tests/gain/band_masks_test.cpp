@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 TEST(StreamedBandMasks, AddUpToOneAtEveryBin) {
@@ -48,4 +48,4 @@ TEST(StreamedBandMasks, CrossoversAreRaisedCosines) {
 }
 
 }  // namespace
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -9,7 +9,7 @@
 #include "signal/moving_average.hpp"
 #include "support/noise.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 using testing::noise;
@@ -107,4 +107,4 @@ TEST(BallisticSmooth, KnownAnswers) {
 }
 
 }  // namespace
-}  // namespace verdel
+}  // namespace verdel::internal

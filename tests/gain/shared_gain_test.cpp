@@ -12,7 +12,7 @@
 #include "support/files.hpp"
 #include "support/noise.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 constexpr double kNan = std::numeric_limits<double>::quiet_NaN();
@@ -125,4 +125,4 @@ TEST(SharedGain, SaysWhatIsWrongAndStopsWhenAsked) {
 }
 
 }  // namespace
-}  // namespace verdel
+}  // namespace verdel::internal

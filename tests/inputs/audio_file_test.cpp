@@ -15,7 +15,7 @@
 #include "support/files.hpp"
 #include "support/temporary_folder.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 using testing::chunk_at;
@@ -326,4 +326,4 @@ TEST(AudioFile, PassesAFailureOfTheSystemOn) {
 }
 
 }  // namespace
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -10,7 +10,7 @@
 #include "support/files.hpp"
 #include "support/temporary_folder.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 using ::testing::ElementsAre;
@@ -222,4 +222,4 @@ TEST_F(LoadStems, NamesATapThatVanishesOrShrinksOnTheWay) {
 }
 
 }  // namespace
-}  // namespace verdel
+}  // namespace verdel::internal

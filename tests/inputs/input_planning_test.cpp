@@ -11,7 +11,7 @@
 #include "support/files.hpp"
 #include "support/temporary_folder.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 // "name: file file", the files by their basenames.
@@ -115,4 +115,4 @@ TEST(PlanMixInput, KeepsAPlainPathAndMakesAPairAbsolute) {
 }
 
 }  // namespace
-}  // namespace verdel
+}  // namespace verdel::internal

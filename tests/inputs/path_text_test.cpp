@@ -4,7 +4,7 @@
 
 #include <filesystem>
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 TEST(PathText, SplitsPathsAndNames) {
@@ -42,4 +42,4 @@ TEST(PathText, JoinsAndRelates) {
 }
 
 }  // namespace
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -10,7 +10,7 @@
 #include "support/errors.hpp"
 #include "support/temporary_folder.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 using ::testing::ElementsAre;
@@ -54,4 +54,4 @@ TEST(Resolve, LeavesGivenPathsAndFillsTheOthers) {
 }
 
 }  // namespace
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -7,7 +7,7 @@
 #include "support/files.hpp"
 #include "support/temporary_folder.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 /// A command line whose last word ends in a press of TAB, and what the last word is then. Only what
@@ -93,4 +93,4 @@ TEST(Completions, KnowOptionsChoicesAndNamesInEachShell) {
 }
 
 }  // namespace
-}  // namespace verdel
+}  // namespace verdel::internal

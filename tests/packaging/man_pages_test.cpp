@@ -9,7 +9,7 @@
 #include "driver/option_table.hpp"
 #include "support/files.hpp"
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 struct Page {
@@ -76,4 +76,4 @@ TEST(ManPages, AreCleanForTheFormatter) {
 }
 
 }  // namespace
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <random>
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 // Whole numbers: their sums are exact in any order, so that the comparison needs no tolerance.
@@ -64,4 +64,4 @@ TEST(MovingAverage, HoldsNothingOfWhatHasLeftTheWindow) {
 }
 
 }  // namespace
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -4,7 +4,7 @@
 
 #include <utility>
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 using Doubles = std::vector<double>;
@@ -52,4 +52,4 @@ TEST(Sequences, HalvesRoundToTheEvenNumber) {
 }
 
 }  // namespace
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -3,7 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 TEST(Windows, KnownShapes) {
@@ -16,4 +16,4 @@ TEST(Windows, KnownShapes) {
 }
 
 }  // namespace
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-namespace verdel::testing {
+namespace verdel::internal::testing {
 
 /// Samples as [channel][frame].
 using Channels = std::vector<std::vector<double>>;
@@ -57,4 +57,4 @@ inline std::string without_flac_length(std::string bytes) {
   return bytes.replace(22, 4, 4, '\0');
 }
 
-}  // namespace verdel::testing
+}  // namespace verdel::internal::testing

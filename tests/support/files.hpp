@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-namespace verdel::testing {
+namespace verdel::internal::testing {
 
 inline std::string bytes_of(const std::string& path) {
   std::ifstream file(path, std::ios::binary);
@@ -48,4 +48,4 @@ std::string failure_of(const std::function<void()>& action) {
   return "";
 }
 
-}  // namespace verdel::testing
+}  // namespace verdel::internal::testing

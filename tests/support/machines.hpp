@@ -5,7 +5,7 @@
 
 #include "support/machine.hpp"
 
-namespace verdel::testing {
+namespace verdel::internal::testing {
 
 /// This machine, but for its processors.
 inline Machine machine_with(std::size_t processors) {
@@ -22,4 +22,4 @@ inline Machine machine_with(std::size_t processors, std::uint64_t memory, std::u
   return machine;
 }
 
-}  // namespace verdel::testing
+}  // namespace verdel::internal::testing

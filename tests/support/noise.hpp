@@ -5,7 +5,7 @@
 
 #include "signal/arrays.hpp"
 
-namespace verdel::testing {
+namespace verdel::internal::testing {
 
 inline void fill_with_noise(std::span<double> into, unsigned seed, double low = -1.0,
                             double high = 1.0) {
@@ -27,4 +27,4 @@ inline AudioArray noise_array(std::size_t channels, std::size_t samples, unsigne
   return audio;
 }
 
-}  // namespace verdel::testing
+}  // namespace verdel::internal::testing

@@ -9,7 +9,7 @@
 #include <random>
 #include <utility>
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 constexpr double kInfinity = std::numeric_limits<double>::infinity();
@@ -74,4 +74,4 @@ TEST(NumberText, PrintsFiguresForPeople) {
 }
 
 }  // namespace
-}  // namespace verdel
+}  // namespace verdel::internal

@@ -9,7 +9,7 @@
 #include <utility>
 #include <vector>
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 TEST(OrderedPrefetch, KeepsOrderAndNeverHoldsMoreThanItMay) {
@@ -60,4 +60,4 @@ TEST(OrderedPrefetch, AFailureComesAtItsTurnAndEndsTheSequence) {
 }
 
 }  // namespace
-}  // namespace verdel
+}  // namespace verdel::internal

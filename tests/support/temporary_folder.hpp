@@ -7,7 +7,7 @@
 #include <stdexcept>
 #include <string>
 
-namespace verdel::testing {
+namespace verdel::internal::testing {
 
 /// A folder of the test's own, gone with all that is in it at the end of the scope.
 class TemporaryFolder {
@@ -38,4 +38,4 @@ class TemporaryFolder {
   std::string path_;
 };
 
-}  // namespace verdel::testing
+}  // namespace verdel::internal::testing

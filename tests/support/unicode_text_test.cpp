@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-namespace verdel {
+namespace verdel::internal {
 namespace {
 
 TEST(UnicodeText, TellsUtf8FromOtherBytes) {
@@ -34,4 +34,4 @@ TEST(UnicodeText, CountsPadsAndPrintsAnyBytes) {
 }
 
 }  // namespace
-}  // namespace verdel
+}  // namespace verdel::internal

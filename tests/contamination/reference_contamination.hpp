@@ -1,0 +1,135 @@
+#pragma once
+
+#include <algorithm>
+#include <cmath>
+#include <complex>
+#include <functional>
+#include <limits>
+#include <span>
+#include <vector>
+
+#include "contamination/figures.hpp"
+#include "gain/band_masks.hpp"
+#include "signal/moving_average.hpp"
+#include "signal/transforms.hpp"
+
+namespace verdel::internal::testing {
+
+/// The figures of the contamination report by definition, one step after the other at the song's
+/// own rate, in double precision.
+class ReferenceContamination {
+ public:
+  explicit ReferenceContamination(const ReportJob& job)
+      : job_(job),
+        frames_(job.est.front().audio.columns()),
+        masks_(job.nfft, job.sr, job.n_bands),
+        transform_(job.nfft) {}
+
+  std::vector<StemContamination> figures() const {
+    const std::size_t stems = job_.est.size();
+    std::vector<StemContamination> figures(stems);
+    std::vector<std::vector<double>> foreign_envelopes, tap_envelopes;
+    for (std::size_t s = 0; s < stems; ++s) {
+      const AudioArray foreign = foreign_part(job_.est[s].audio, job_.taps[s].audio);
+      figures[s].ratio = level(foreign.view()) - level(job_.est[s].audio);
+      foreign_envelopes.push_back(envelope(foreign.view()));
+      tap_envelopes.push_back(envelope(job_.taps[s].audio));
+    }
+    for (std::size_t s = 0; s < stems; ++s) {
+      for (std::size_t other = 0; other < stems; ++other) {
+        figures[s].resemblance.push_back(other == s
+                                             ? std::numeric_limits<double>::quiet_NaN()
+                                             : pearson(tap_envelopes[other], foreign_envelopes[s]));
+      }
+    }
+    return figures;
+  }
+
+ private:
+  std::size_t window(double seconds) const {
+    return std::max<std::size_t>(3, static_cast<std::size_t>(job_.sr * seconds) | 1);
+  }
+
+  static double level(AudioView audio) {
+    double sum = 0.0;
+    for (std::size_t c = 0; c < audio.rows(); ++c) {
+      for (const double x : audio.row(c)) sum += x * x;
+    }
+    const double rms = std::sqrt(sum / static_cast<double>(audio.rows() * audio.columns()));
+    return rms <= 0.0 ? -999.0 : 20 * std::log10(rms);
+  }
+
+  Array2D<std::complex<double>> spectrum(std::span<const double> signal) const {
+    auto time = AudioArray::zeros(1, job_.nfft);
+    std::copy(signal.begin(), signal.end(), time.data());
+    auto bins = Array2D<std::complex<double>>::uninitialised(1, transform_.bins());
+    transform_.forward(time.data(), bins.data());
+    return bins;
+  }
+
+  std::vector<double> in_band(const Array2D<std::complex<double>>& whole,
+                              const std::vector<double>& mask) const {
+    auto bins = Array2D<std::complex<double>>::uninitialised(1, transform_.bins());
+    for (std::size_t i = 0; i < mask.size(); ++i) bins.data()[i] = whole.data()[i] * mask[i];
+    auto time = AudioArray::uninitialised(1, job_.nfft);
+    transform_.inverse(bins.data(), time.data());
+    std::vector<double> signal(time.data(), time.data() + frames_);
+    for (double& x : signal) x /= static_cast<double>(job_.nfft);
+    return signal;
+  }
+
+  std::vector<double> averaged_product(const std::vector<double>& a, const std::vector<double>& b,
+                                       double seconds) const {
+    std::vector<double> product(a.size()), average(a.size());
+    std::transform(a.begin(), a.end(), b.begin(), product.begin(), std::multiplies<>());
+    uniform_filter1d(product, window(seconds), EdgeMode::kReflect, average);
+    return average;
+  }
+
+  AudioArray foreign_part(AudioView stem, AudioView tap) const {
+    auto foreign = AudioArray::zeros(stem.rows(), frames_);
+    for (std::size_t c = 0; c < stem.rows(); ++c) {
+      const auto whole_stem = spectrum(stem.row(c)), whole_tap = spectrum(tap.row(c));
+      for (std::size_t band = 0; band < masks_.size(); ++band) {
+        const std::vector<double> mask = masks_[band];
+        const auto a = in_band(whole_stem, mask), b = in_band(whole_tap, mask);
+        const auto cross = averaged_product(a, b, 0.05), energy = averaged_product(b, b, 0.05);
+        for (std::size_t i = 0; i < frames_; ++i) {
+          const double gain = energy[i] > 1e-14 ? cross[i] / energy[i] : 0.0;
+          foreign.row(c)[i] += a[i] - std::clamp(gain, 0.0, 50.0) * b[i];
+        }
+      }
+    }
+    return foreign;
+  }
+
+  std::vector<double> envelope(AudioView audio) const {
+    std::vector<double> mono(frames_, 0.0);
+    for (std::size_t c = 0; c < audio.rows(); ++c) {
+      for (std::size_t i = 0; i < frames_; ++i) mono[i] += audio.row(c)[i];
+    }
+    for (double& x : mono) x /= static_cast<double>(audio.rows());
+    std::vector<double> result = averaged_product(mono, mono, 0.02);
+    for (double& x : result) x = std::sqrt(x);
+    return result;
+  }
+
+  static double pearson(const std::vector<double>& p, const std::vector<double>& q) {
+    const auto n = static_cast<double>(p.size());
+    double p_mean = 0.0, q_mean = 0.0, pq = 0.0, pp = 0.0, qq = 0.0;
+    for (std::size_t i = 0; i < p.size(); ++i) p_mean += p[i] / n, q_mean += q[i] / n;
+    for (std::size_t i = 0; i < p.size(); ++i) {
+      pq += (p[i] - p_mean) * (q[i] - q_mean);
+      pp += (p[i] - p_mean) * (p[i] - p_mean);
+      qq += (q[i] - q_mean) * (q[i] - q_mean);
+    }
+    return pq / std::sqrt(pp * qq);
+  }
+
+  const ReportJob& job_;
+  std::size_t frames_;
+  StreamedBandMasks masks_;
+  RealTransform<double> transform_;
+};
+
+}  // namespace verdel::internal::testing
