@@ -34,16 +34,16 @@ thread_local ThreadPlace place;
 
 }  // namespace
 
-std::vector<std::size_t> interval_frames(OutputRange range, std::size_t samples, int sr) {
+std::vector<std::size_t> interval_frames(const SampleSpan& range, std::size_t samples, int sr) {
   if (static_cast<double>(range.length()) < std::nearbyint(C14_INTERVAL_MIN_SECONDS * sr)) {
-    return {slice_frames(range.start, range.stop, samples)};
+    return {slice_frames(range.first, range.stop, samples)};
   }
   const auto length = static_cast<std::size_t>(std::nearbyint(C14_INTERVAL_SECONDS * sr));
   const std::size_t count = (range.length() + length - 1) / length;
   std::vector<std::size_t> frames;
   for (std::size_t i = 0; i < count; ++i) {
-    frames.push_back(slice_frames(range.start + i * range.length() / count,
-                                  range.start + (i + 1) * range.length() / count, samples));
+    frames.push_back(slice_frames(range.first + i * range.length() / count,
+                                  range.first + (i + 1) * range.length() / count, samples));
   }
   return frames;
 }

@@ -5,8 +5,7 @@
 #include <mutex>
 #include <vector>
 
-#include "driver/model_stage.hpp"
-#include "driver/run_context.hpp"
+#include "allocation/channels.hpp"
 #include "support/machine.hpp"
 
 /// Where the allocator's time goes: its phases, told apart while it renders.
@@ -14,7 +13,7 @@ namespace verdel::internal {
 
 /// Spectrum frames of each interval in which the allocator renders a range of a song of `samples`,
 /// context included; the only one if the range is not cut.
-std::vector<std::size_t> interval_frames(OutputRange range, std::size_t samples, int sr);
+std::vector<std::size_t> interval_frames(const SampleSpan& range, std::size_t samples, int sr);
 
 /// What one kind of interval has cost, phase by phase.
 struct PhaseTimes {

@@ -1,15 +1,14 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <bit>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <map>
 #include <memory>
 #include <numeric>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -19,27 +18,20 @@
 #include "allocation/c14_constants.hpp"
 #include "allocation/worker_budgets.hpp"
 #include "allocator_phases.hpp"
-#include "contamination/report.hpp"
-#include "delivery/audio_file_writing.hpp"
-#include "delivery/coordinated_float32.hpp"
-#include "delivery/verification.hpp"
 #include "driver/input_stage.hpp"
-#include "driver/model_stage.hpp"
 #include "driver/option_rules.hpp"
 #include "driver/option_table.hpp"
 #include "excerpt/excerpt_suggestion.hpp"
 #include "measures.hpp"
+#include "render/deliver_song.hpp"
 #include "results.hpp"
 #include "signal/instruction_sets.hpp"
-#include "signal/levels.hpp"
 #include "support/errors.hpp"
 
 // Renders a project as the engine does, stage by stage, and tells what each stage cost. The stems
 // go to the project's output folder.
 namespace verdel::internal {
 namespace {
-
-constexpr double kNullThreshold = -140.0;  // dBFS
 
 constexpr const char* kUsage =
     "usage: verdel-bench PROJECT [--no-report] [--processors N] [--excerpt SECONDS]\n"
@@ -61,17 +53,26 @@ class TooLarge : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-/// Runs stages one after the other and keeps what each of them cost.
+/// Keeps what each stage of a run has cost, from its beginning to end().
 class Measurement {
  public:
-  /// Runs a stage and returns what it returns.
-  template <class Stage>
-  auto stage(const std::string& name, Stage run) {
-    const std::uint64_t before = anonymous_memory();
+  void begin(const std::string& name) {
+    name_ = name;
+    before_ = anonymous_memory();
     watch_.take_peak();
-    const Moment begin = Moment::now();
+    begin_ = Moment::now();
+  }
+  void end() {
+    if (name_.empty()) return;
+    costs_.push_back({name_, Moment::now() - begin_, before_, watch_.take_peak()});
+    name_.clear();
+  }
+  /// Runs a stage and returns what it returns.
+  template <class Function>
+  auto stage(const std::string& name, Function run) {
+    begin(name);
     auto result = run();
-    costs_.push_back({name, Moment::now() - begin, before, watch_.take_peak()});
+    end();
     return result;
   }
 
@@ -80,38 +81,10 @@ class Measurement {
  private:
   MemoryWatch watch_;
   std::vector<StageCost> costs_;
+  std::string name_;  // of the stage that runs; empty: none
+  std::uint64_t before_ = 0;
+  Moment begin_{};
 };
-
-/// Writes the stems and takes the levels that the engine prints beside them.
-std::vector<WrittenStem> write_stems(const std::string& folder, DeliveredStems delivered,
-                                     const StemViews& taps, int sr) {
-  std::filesystem::create_directories(folder);
-  std::vector<WrittenStem> files;
-  for (std::size_t stem = 0; stem < taps.size(); ++stem) {
-    const auto [name, audio] = std::move(delivered[stem]);
-    files.push_back({name, folder + "/" + name + ".wav"});
-    AudioFileWriter writer(files.back().path,
-                           {.sr = sr, .channels = audio.rows(), .frames = audio.columns()});
-    writer.write(audio.view());
-    writer.commit();
-    levels(audio.view());
-    levels(taps[stem].audio);
-  }
-  return files;
-}
-
-/// The report as the engine makes it; returns how many lines it has.
-std::size_t make_report(const Run& run, const Mix& mix, const StemViews& taps, const StemMap& est) {
-  std::size_t lines = 0;
-  report({.est = views_of(est),
-          .taps = taps,
-          .sr = mix.sr,
-          .n_bands = static_cast<std::size_t>(*run.options.bands),
-          .nfft = std::bit_ceil(mix.frames() + 1),
-          .workers = run.machine.processors()},
-         [&lines](std::string_view) { ++lines; });
-  return lines;
-}
 
 void print_suggestion(const Mix& mix) {
   const Moment begin = Moment::now();
@@ -120,7 +93,7 @@ void print_suggestion(const Mix& mix) {
              (Moment::now() - begin).cpu, found.bpm);
 }
 
-Results results_of_job(const Run& run, const Mix& mix, std::size_t stems, OutputRange range) {
+Results results_of_job(const Run& run, const Mix& mix, std::size_t stems, const SampleSpan& range) {
   Results results;
   results.seconds = static_cast<double>(mix.frames()) / mix.sr;
   results.output_seconds = static_cast<double>(range.length()) / mix.sr;
@@ -134,7 +107,7 @@ Results results_of_job(const Run& run, const Mix& mix, std::size_t stems, Output
   results.intervals_at_once =
       _c14_time_worker_count(range.length(), mix.sr, stems, results.channels_at_once, run.machine);
   // The stems of a whole song take the place of its models.
-  if (!range.is_whole(mix.frames())) {
+  if (range.length() < mix.frames()) {
     results.result_bytes =
         static_cast<double>(stems * mix.channels() * range.length() * sizeof(double));
   }
@@ -163,60 +136,97 @@ void take_phases(const PhaseWatch& watch, const std::vector<std::size_t>& frames
       stems * static_cast<double>(results.channels) * all - results.first_units;
 }
 
+const char* row_of(Stage stage) {
+  switch (stage) {
+    case Stage::kAligning:
+      return "align";
+    case Stage::kAllocating:
+      return "allocate";
+    case Stage::kRounding:
+      return "deliver";
+    case Stage::kWriting:
+      return "write";
+    case Stage::kComparing:
+      return "report";
+    case Stage::kProving:
+      return "verify";
+    default:
+      return "model";
+  }
+}
+
+/// Measures the stages of a render, and the allocator against its bare transforms.
+class MeasuredSong : public SongObserver {
+ public:
+  MeasuredSong(Measurement& measure, const Run& run, const Mix& mix, Results& results)
+      : measure_(measure), run_(run), mix_(mix), results_(results) {}
+
+  void begin(Stage stage) override {
+    if (stage == Stage::kFitting) return;  // it has begun with the levels in front of it
+    measure_.end();
+    measure_.begin(row_of(stage));
+  }
+  void aligned(const std::vector<AppliedLag>&) override { begin(Stage::kReadingMix); }
+  void fitted(const Model& model) override {
+    measure_.end();
+    results_.bytes_per_cell = working_bytes_per_cell(model, run_.machine, mix_.sr);
+    nine_before_ = nine_bare_transforms();
+    // With more workers a render hands its stems to threads of its own.
+    results_.phases_by_clock = _c14_inner_worker_count(results_.channels_at_once, run_.machine) > 1;
+    watch_.emplace(results_.stems, !results_.phases_by_clock,
+                   results_.channels_at_once * results_.intervals_at_once);
+  }
+  void channel_progress(std::size_t done, std::size_t total) override { watch_->step(done, total); }
+
+  /// To be called when the allocation has ended.
+  void take_allocation(const std::vector<std::size_t>& frames) {
+    measure_.end();
+    results_.nine_transforms = 0.5 * (nine_before_ + nine_bare_transforms());
+    take_phases(*watch_, frames, measure_.costs().back().time.cpu, results_);
+  }
+
+ private:
+  Measurement& measure_;
+  const Run& run_;
+  const Mix& mix_;
+  Results& results_;
+  double nine_before_ = 0.0;
+  std::optional<PhaseWatch> watch_;
+};
+
 Results measure_render(Run& run) {
   Measurement measure;
   Mix mix = measure.stage("load mix", [&] { return read_mix(run); });
   const double seconds = static_cast<double>(mix.frames()) / mix.sr;
   run.options.excerpt_start = 0.5 * (seconds - run.options.excerpt_len.value_or(seconds));
-  const std::size_t stems = plan_stem_inputs(*run.options.taps).size();
+  const std::vector<StemInput> plan = plan_stem_inputs(*run.options.taps);
   try {
-    check_preflight(run, mix, stems);
+    check_preflight(run, mix, plan.size());
   } catch (const ValueError& refusal) {
     throw TooLarge(refusal.what());
   }
   StemMap taps = measure.stage("load taps", [&] { return read_taps(run, mix); });
-  const OutputRange range = choose_output_range(run, mix);
-  measure.stage("align", [&] { return align_taps(run, mix, taps); });
-  Model model = measure.stage("model", [&] {
-    const double mix_rms = levels(mix.audio.view()).rms;
-    print_raw_difference(run, mix, taps, mix_rms);
-    return fit_model(run, mix, taps, mix_rms, range);
-  });
+  const SongJob job{.mix = mix.audio.view(),
+                    .sr = mix.sr,
+                    .range = choose_output_range(run, mix),
+                    .tell_levels = true};
+  const auto frames = interval_frames(job.range, mix.frames(), mix.sr);
 
-  Results results = results_of_job(run, mix, stems, range);
-  results.bytes_per_cell = working_bytes_per_cell(model, run.machine, mix.sr);
-  const auto frames = interval_frames(range, mix.frames(), mix.sr);
-  const double nine_before = nine_bare_transforms();
-  // With more workers a render hands its stems to threads of its own.
-  results.phases_by_clock = _c14_inner_worker_count(results.channels_at_once, run.machine) > 1;
-  PhaseWatch watch(stems, !results.phases_by_clock,
-                   results.channels_at_once * std::min(results.intervals_at_once, frames.size()));
-  const StemMap est = measure.stage("allocate", [&] {
-    const ChannelsJob job{
-        .sr = mix.sr,
-        .start = range.start,
-        .stop = range.stop,
-        .watch = [&watch](std::size_t done, std::size_t total) { watch.step(done, total); }};
-    return render_channels(std::move(model), job, run.machine);
-  });
-  results.nine_transforms = 0.5 * (nine_before + nine_bare_transforms());
-  take_phases(watch, frames, measure.costs().back().time.cpu, results);
+  Results results = results_of_job(run, mix, plan.size(), job.range);
+  results.intervals_at_once = std::min(results.intervals_at_once, frames.size());
+  MeasuredSong song(measure, run, mix, results);
+  const StemMap stems = render_song(job, taps, run.machine, song);
+  song.take_allocation(frames);
 
-  const AudioView delivered_mix = mix.audio.view().column_range(range.start, range.stop);
-  const StemViews delivered_taps = column_range(views_of(taps), range.start, range.stop);
-  DeliveredStems delivered = measure.stage("deliver", [&] {
-    return _coordinated_float32_delivery(views_of(est), delivered_mix, kNullThreshold);
-  });
-  const auto files = measure.stage("write", [&] {
-    return write_stems(*run.options.out, std::move(delivered), delivered_taps, mix.sr);
-  });
-  if (!run.options.no_report) {
-    measure.stage("report", [&] { return make_report(run, mix, delivered_taps, est); });
-  }
-  results.null_peak = measure.stage(
-      "verify", [&] { return levels(written_residual(files, delivered_mix, mix.sr).view()).peak; });
+  const SongFiles files{.out = *run.options.out,
+                        .report = !run.options.no_report,
+                        .workers = run.machine.processors()};
+  const auto verdict = deliver_song(
+      job, taps, stems, files, [](std::string_view) {}, song, run.stop);
+  measure.end();
+  results.null_peak = verdict.null_peak;
   results.stages = measure.costs();
-  if (range.is_whole(mix.frames())) print_suggestion(mix);
+  if (job.range.length() == mix.frames()) print_suggestion(mix);
   return results;
 }
 

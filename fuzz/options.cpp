@@ -126,7 +126,7 @@ void require_range(const Options& options, const CommandLine& command_line) {
   }();
   const Run run{options, command_line, machine, {}, lines};
   const auto range = attempt([&] { return choose_output_range(run, mix); });
-  require(!range || (range->start <= range->stop && range->stop <= kFrames), "a part of the mix");
+  require(!range || (range->first <= range->stop && range->stop <= kFrames), "a part of the mix");
 }
 
 void require_translation(const ShippingOptions& request, const CommandLine& command_line,

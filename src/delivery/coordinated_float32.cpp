@@ -8,6 +8,7 @@
 #include <limits>
 #include <span>
 
+#include "signal/profile.hpp"
 #include "support/errors.hpp"
 
 namespace verdel::internal {
@@ -16,8 +17,9 @@ namespace {
 // Samples per block: its residual, its owners and the stems' stretches stay in the second cache.
 constexpr std::size_t kBlock = 4096;
 
-constexpr double kDeepestUncoordinated = -140.0;  // dB; above it a null needs no coordination
-constexpr std::size_t kMostStems = 65536;         // an owner is a 16-bit index
+// dB; above it a null needs no coordination
+constexpr double kDeepestUncoordinated = Profile{}.null_threshold;
+constexpr std::size_t kMostStems = 65536;  // an owner is a 16-bit index
 constexpr double kLargestStepPerPeak =
     8.0 * static_cast<double>(std::numeric_limits<float>::epsilon());
 static_assert(kLargestStepPerPeak == 0x1p-20);

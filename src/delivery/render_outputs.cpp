@@ -90,12 +90,18 @@ DeliveryVerdict write_render_outputs(const RenderOutputs& outputs, const LineSin
   for (const auto& file : files) require_replaceable(file.path);
   if (outputs.write_null) require_replaceable(null_file);
 
+  const StageSink begin = outputs.begin ? outputs.begin : [](Stage) {};
+  begin(Stage::kRounding);
   DeliveredStems delivered =
       _coordinated_float32_delivery(outputs.est, outputs.mix, outputs.null_threshold, stop);
+  begin(Stage::kWriting);
   line("");
   write_stems(outputs, files, std::move(delivered), line, stop);
-  if (report) report();
-
+  if (report) {
+    begin(Stage::kComparing);
+    report();
+  }
+  begin(Stage::kProving);
   const auto residual = written_residual(files, outputs.mix, outputs.sr, stop);
   if (outputs.write_null) write_file(null_file, outputs.sr, residual.view(), stop);
   const double null_peak = levels(residual.view()).peak;

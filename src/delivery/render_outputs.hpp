@@ -5,6 +5,7 @@
 
 #include "signal/arrays.hpp"
 #include "support/line_sink.hpp"
+#include "support/stage.hpp"
 #include "support/stop_token.hpp"
 
 namespace verdel::internal {
@@ -19,6 +20,7 @@ struct RenderOutputs {
   int sr = 0;               ///< Hz
   AudioView mix;
   double null_threshold = -100.0;  ///< dB
+  StageSink begin = {};            ///< may be empty
 };
 
 struct DeliveryVerdict {

@@ -84,10 +84,10 @@ std::vector<std::string> names_of(const StemMap& stems) {
   return names;
 }
 
-OutputRange choose_output_range(const Run& run, const Mix& mix) {
+SampleSpan choose_output_range(const Run& run, const Mix& mix) {
   const std::size_t frames = mix.frames();
   const double length = run.options.excerpt_len.value_or(0.0);
-  if (!(length > 0.0)) return {.start = 0, .stop = frames};
+  if (!(length > 0.0)) return {.first = 0, .stop = frames};
 
   const double sr = mix.sr;
   // Comparisons are written so that a NaN counts as 0.
@@ -103,13 +103,13 @@ OutputRange choose_output_range(const Run& run, const Mix& mix) {
   }
   // nearbyint takes halves to the even number.
   const double stop = std::nearbyint(end);
-  const OutputRange range{
-      .start = static_cast<std::size_t>(std::nearbyint(seconds * sr)),
+  const SampleSpan range{
+      .first = static_cast<std::size_t>(std::nearbyint(seconds * sr)),
       .stop = stop < static_cast<double>(frames) ? static_cast<std::size_t>(stop) : frames};
   run.lines.print(
       fmt::format("demo excerpt: {}s + {}s (full-source context retained; trim on export)",
                   one_decimal(seconds), general(length)));
-  run.lines.print(excerpt_start_line(range.start, mix.sr));
+  run.lines.print(excerpt_start_line(range.first, mix.sr));
   return range;
 }
 

@@ -36,6 +36,6 @@ std::vector<std::string> names_of(const StemMap& stems);
 
 /// The part of the source that is delivered; prints the excerpt lines if that was asked for. Throws
 /// ValueError for an excerpt length that reaches beyond all numbers.
-OutputRange choose_output_range(const Run& run, const Mix& mix);
+SampleSpan choose_output_range(const Run& run, const Mix& mix);
 
 }  // namespace verdel::internal

@@ -31,8 +31,10 @@ bool timing_is_sound(double gain_window, double gain_smooth, double alloc_window
 }  // namespace
 
 void apply_option_rules(Options& options, const CommandLine& command_line) {
-  const std::int64_t bands = options.bands.value_or(128);
-  const double gain_smooth = options.gain_smooth.value_or(120.0);
+  constexpr Profile profile;
+  const std::int64_t bands =
+      options.bands.value_or(static_cast<std::int64_t>(profile.report_bands));
+  const double gain_smooth = options.gain_smooth.value_or(profile.gain_smooth_ms);
   options.bands = bands;
   options.gain_smooth = gain_smooth;
 

@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "signal/profile.hpp"
+
 namespace verdel::internal {
 
 /// What the full command line asks for; the meaning of each field is its option's help text. The
@@ -17,7 +19,7 @@ struct Options {
   std::optional<std::int64_t> bands;  ///< completed by apply_option_rules
   std::string allocation = "fixed";
   std::vector<std::string> low_resolution;
-  double gain_window = 30.0;          ///< ms
+  double gain_window = Profile{}.gain_window_ms;
   std::optional<double> gain_smooth;  ///< ms; completed by apply_option_rules
   double gain_attack = 0.0, gain_release = 0.0, gain_lookahead = -1.0;  ///< ms
   std::string stereo_link = "off";
@@ -57,8 +59,8 @@ struct ShippingOptions {
 /// What a second opinion on a folder of stems needs.
 struct VerifyOptions {
   std::optional<std::string> mix, stems;
-  std::optional<double> excerpt_start;  ///< s; where stems of an excerpt begin
-  double threshold = -140.0;            ///< dBFS
+  std::optional<double> excerpt_start;          ///< s; where stems of an excerpt begin
+  double threshold = Profile{}.null_threshold;  ///< dBFS
   bool json = false;
 };
 

@@ -1,13 +1,12 @@
 #include "driver/run.hpp"
 
-#include "driver/delivery_stage.hpp"
 #include "driver/input_stage.hpp"
-#include "driver/model_stage.hpp"
 #include "driver/option_rules.hpp"
 #include "driver/overwrite_guard.hpp"
-#include "driver/unfit_input.hpp"
+#include "driver/song_lines.hpp"
 #include "excerpt/excerpt_suggestion.hpp"
-#include "signal/levels.hpp"
+#include "render/deliver_song.hpp"
+#include "render/unfit_input.hpp"
 #include "support/errors.hpp"
 
 namespace verdel::internal {
@@ -20,25 +19,48 @@ void print_suggestion(const Run& run, const Mix& mix) {
       suggestion_line(found.start, found.length, mix.sr, found.bpm, found.bars, found.confidence));
 }
 
-/// Aligns the taps and fits the model; a failure that an input's samples explain names the file on
-/// a second line.
-Model align_and_fit(const Run& run, const Mix& mix, StemMap& taps,
-                    const std::vector<StemInput>& plan, OutputRange range) {
-  std::vector<AppliedLag> lags;
-  const auto with_file = [&](const std::exception& failure) {
-    const auto file = unfit_input(mix, taps, plan, lags);
-    return file ? std::string(failure.what()) + "\n" + *file : failure.what();
-  };
+SongJob song_job(const Options& options, const Mix& mix, SampleSpan range) {
+  return {.mix = mix.audio.view(),
+          .sr = mix.sr,
+          .range = range,
+          .profile = {.gain_window_ms = options.gain_window,
+                      .gain_smooth_ms = *options.gain_smooth,
+                      .report_bands = static_cast<std::size_t>(*options.bands)},
+          .tell_levels = true};
+}
+
+/// A failure that an input's samples explain names the file on a second line.
+std::string with_file(const std::exception& failure, const Mix& mix, const StemMap& taps,
+                      const std::vector<StemInput>& plan, const std::vector<AppliedLag>& lags) {
+  const auto unfit = unfit_input(mix.audio.view(), taps, lags);
+  if (!unfit) return failure.what();
+  const StemInput& input = unfit->tap ? plan[*unfit->tap] : mix.input;
+  const bool is_pair = input.files.size() == 2;
+  const std::size_t file = is_pair ? unfit->channel : 0;
+  return std::string(failure.what()) + "\n" + input.files[file] + ": " +
+         unfit_text(*unfit, mix.channels(), is_pair ? 0 : unfit->channel);
+}
+
+StemMap render(const Run& run, const SongJob& job, const Mix& mix, StemMap& taps,
+               const std::vector<StemInput>& plan, SongLines& lines) {
   try {
-    const double mix_rms = levels(mix.audio.view()).rms;
-    run.lines.stage("aligning the taps");
-    lags = align_taps(run, mix, taps);
-    print_raw_difference(run, mix, taps, mix_rms);
-    return fit_model(run, mix, taps, mix_rms, range);
+    return render_song(job, taps, run.machine, lines, run.stop);
   } catch (const FloatingPointError& failure) {
-    throw FloatingPointError(with_file(failure));
+    throw FloatingPointError(with_file(failure, mix, taps, plan, lines.lags()));
   } catch (const ValueError& failure) {
-    throw ValueError(with_file(failure));
+    throw ValueError(with_file(failure, mix, taps, plan, lines.lags()));
+  }
+}
+
+void deliver(const Run& run, const SongJob& job, const StemMap& taps, const StemMap& stems,
+             SongLines& lines) {
+  const SongFiles files{.out = *run.options.out,
+                        .write_null = run.options.write_null,
+                        .report = !run.options.no_report,
+                        .workers = run.machine.processors()};
+  const LineSink print = [&run](std::string_view line) { run.lines.print(line); };
+  if (!deliver_song(job, taps, stems, files, print, lines, run.stop).passed) {
+    throw RuntimeError("written single-band stems failed reconstruction verification");
   }
 }
 
@@ -50,21 +72,21 @@ void run_engine(Run run) {
   const bool only_suggest = run.options.suggest_excerpt > 0.0;
   if (!only_suggest) refuse_overwriting(run.options);
 
-  run.lines.stage("reading the mix");
+  run.lines.stage(name_of(Stage::kReadingMix));
   const Mix mix = read_mix(run);
   if (only_suggest) return print_suggestion(run, mix);
 
   const std::vector<StemInput> plan = plan_stem_inputs(*run.options.taps);
   check_preflight(run, mix, plan.size());
-  run.lines.stage("reading the taps");
+  run.lines.stage(name_of(Stage::kReadingTaps));
   StemMap taps = read_taps(run, mix);
   require_known_low_resolution(run.options, names_of(taps), run.command_line);
-  const OutputRange range = choose_output_range(run, mix);
+  const SongJob job = song_job(run.options, mix, choose_output_range(run, mix));
 
-  Model model = align_and_fit(run, mix, taps, plan, range);
-  const StemMap est = allocate(run, std::move(model), mix.sr, range);
-  run.lines.stage("writing the stems");
-  deliver(run, mix, taps, est, range);
+  SongLines lines(run, mix.channels(), names_of(taps));
+  const StemMap stems = render(run, job, mix, taps, plan, lines);
+  lines.finalize();
+  deliver(run, job, taps, stems, lines);
 }
 
 }  // namespace verdel::internal

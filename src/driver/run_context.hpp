@@ -1,6 +1,5 @@
 #pragma once
 
-#include <cstddef>
 #include <cstdio>
 #include <string>
 
@@ -30,15 +29,6 @@ struct Run {
   const Machine& machine;
   StopToken stop;
   OutputLines& lines;
-};
-
-/// The samples of the full source that are delivered: start included, stop excluded.
-struct OutputRange {
-  std::size_t start = 0;
-  std::size_t stop = 0;
-
-  std::size_t length() const { return stop - start; }
-  bool is_whole(std::size_t frames) const { return start == 0 && stop == frames; }
 };
 
 }  // namespace verdel::internal

@@ -28,6 +28,7 @@ class ArgumentList {
 
 std::vector<std::string> shipping_arguments(const ShippingOptions& options,
                                             const CommandLine& command_line) {
+  constexpr Profile profile;
   ArgumentList list;
   list.add("--mix", options.mix.value_or(""));
   if (options.suggest_excerpt > 0.0) {
@@ -43,9 +44,9 @@ std::vector<std::string> shipping_arguments(const ShippingOptions& options,
   list.add("--out", out);
   list.add("--gain-model", "single-band");
   list.add("--allocation", "candidate14");
-  list.add("--bands", "128");
-  list.add("--gain-window", "30");
-  list.add("--gain-smooth", "120");
+  list.add("--bands", std::to_string(profile.report_bands));
+  list.add("--gain-window", general(profile.gain_window_ms));
+  list.add("--gain-smooth", general(profile.gain_smooth_ms));
   list.add("--alloc-window", "5");
   list.add("--rule", "energy");
   list.add("--tap-gain", "shared");

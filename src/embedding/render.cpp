@@ -1,28 +1,27 @@
 #include <verdel/verdel.hpp>
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <atomic>
 #include <exception>
-#include <limits>
-#include <optional>
+#include <map>
 #include <utility>
 
-#include "alignment/tap_alignment.hpp"
-#include "allocation/channels.hpp"
-#include "allocation/interval_rendering.hpp"
 #include "allocation/worker_budgets.hpp"
 #include "delivery/coordinated_float32.hpp"
-#include "gain/shared_gain.hpp"
+#include "inputs/input_planning.hpp"
+#include "render/render_song.hpp"
+#include "render/unfit_input.hpp"
 #include "signal/levels.hpp"
 #include "signal/stem_sums.hpp"
 #include "support/errors.hpp"
 #include "support/machine.hpp"
+#include "support/unicode_text.hpp"
 
-// The way of a render without files: what the driver does between loading and writing.
+// A render without files: from the caller's arrays to arrays.
 namespace verdel::internal {
 namespace {
-
-constexpr double kNullThreshold = -140.0;  // dBFS
 
 AudioArray copy_of(const std::vector<ChannelView>& channels, std::size_t frames,
                    const std::string& owner) {
@@ -36,10 +35,28 @@ AudioArray copy_of(const std::vector<ChannelView>& channels, std::size_t frames,
   return audio;
 }
 
+std::string tap_called(const std::string& name) {
+  return "tap " + quoted_path(name);
+}
+
+/// Stems that would share a file's name are refused, as they are where taps come from files.
+void require_unique_names(const RenderRequest& request) {
+  std::map<std::string, std::string> names;
+  for (const TapRequest& tap : request.taps) {
+    const auto [earlier, is_new] = names.emplace(_normalized_stem_name(tap.name), tap.name);
+    if (is_new) continue;
+    throw ValueError(fmt::format(
+        "{} and {} would print with the same stem name. Rename one so every source stem has a "
+        "unique name.",
+        quoted_path(earlier->second), quoted_path(tap.name)));
+  }
+}
+
 StemMap taps_of(const RenderRequest& request, const AudioArray& mix) {
+  require_unique_names(request);
   StemMap taps;
   for (const TapRequest& tap : request.taps) {
-    const std::string owner = "tap \"" + tap.name + "\"";
+    const std::string owner = tap_called(tap.name);
     if (tap.channels.size() != mix.rows()) {
       throw ValueError(owner + ": must have as many channels as the mix");
     }
@@ -57,30 +74,49 @@ AudioArray mix_of(const RenderRequest& request) {
 }
 
 Machine machine_for(const RenderRequest& request) {
-  Machine machine = system_machine();
+  Machine machine = system_machine(request.temporary_folder);
   if (request.processors != 0) {
     machine.processors = [count = request.processors] { return count; };
-  }
-  if (!request.temporary_folder.empty()) {
-    machine.temporary_folder = [folder = request.temporary_folder] { return folder; };
   }
   return machine;
 }
 
-/// Hands progress to the caller and keeps the caller's wish to stop.
-class CallersProgress {
+/// Hands progress to the caller, keeps the caller's wish to stop, and gives up the taps when they
+/// have served.
+class CallersView : public SongObserver {
  public:
-  explicit CallersProgress(const RenderRequest& request) : request_(request) {}
+  CallersView(const RenderRequest& request, StemMap& taps) : request_(request), taps_(taps) {}
+
+  void begin(Stage stage) override {
+    if (stage == Stage::kAllocating) taps_.clear();
+  }
+  void aligned(const std::vector<AppliedLag>& lags) override { lags_ = lags; }
+  void progress(std::size_t done, std::size_t total) override {
+    tell(static_cast<double>(done) / static_cast<double>(total + 1));
+  }
 
   void tell(double done) {
     if (request_.progress && !request_.progress(done)) stop_ = true;
   }
   StopToken token() const { return StopToken(stop_); }
+  const std::vector<AppliedLag>& lags() const { return lags_; }
 
  private:
   const RenderRequest& request_;
+  StemMap& taps_;
+  std::vector<AppliedLag> lags_;
   std::atomic<bool> stop_ = false;
 };
+
+/// A failure that an input's samples explain names the input on a second line.
+std::string with_input(const std::exception& failure, AudioView mix, const StemMap& taps,
+                       const std::vector<AppliedLag>& lags) {
+  const auto unfit = unfit_input(mix, taps, lags);
+  if (!unfit) return failure.what();
+  const std::string owner = unfit->tap ? tap_called(taps[*unfit->tap].name) : "mix";
+  return std::string(failure.what()) + "\n" + owner + ": " +
+         unfit_text(*unfit, mix.rows(), unfit->channel);
+}
 
 RenderResult result_of(const DeliveredStems& delivered, AudioView mix,
                        const std::vector<AppliedLag>& lags) {
@@ -101,42 +137,43 @@ RenderResult result_of(const DeliveredStems& delivered, AudioView mix,
   return result;
 }
 
-RenderResult render_request(const RenderRequest& request, CallersProgress& progress) {
-  const StopToken stop = progress.token();
+StemMap stems_of(const SongJob& job, StemMap& taps, const Machine& machine, CallersView& caller) {
+  try {
+    return render_song(job, taps, machine, caller, caller.token());
+  } catch (const FloatingPointError& failure) {
+    throw FloatingPointError(with_input(failure, job.mix, taps, caller.lags()));
+  } catch (const ValueError& failure) {
+    throw ValueError(with_input(failure, job.mix, taps, caller.lags()));
+  }
+}
+
+RenderResult render_request(const RenderRequest& request) {
   const AudioArray mix = mix_of(request);
-  const std::size_t frames = mix.columns(), to = std::min(request.stop, frames);
-  if (request.start >= to) throw ValueError("the range to deliver is empty");
+  const std::size_t frames = mix.columns();
+  const SongJob job{.mix = mix.view(),
+                    .sr = request.sample_rate,
+                    .range = {request.start, std::min(request.stop, frames)},
+                    .align = request.align};
+  if (job.range.first >= job.range.stop) throw ValueError("the range to deliver is empty");
   const Machine machine = machine_for(request);
   if (const auto error = _c14_resource_budget_error(frames, request.sample_rate,
                                                     request.taps.size(), mix.rows(), machine)) {
     throw ValueError(*error);
   }
   StemMap taps = taps_of(request, mix);
-  progress.tell(0.0);
-  std::vector<AppliedLag> lags;
-  if (request.align) {
-    lags = align_taps_to_mix(mix.view(), taps, request.sample_rate, machine, stop);
+  CallersView caller(request, taps);
+  caller.tell(0.0);
+  const StemMap stems = stems_of(job, taps, machine, caller);
+  const AudioView part = job.mix.column_range(job.range.first, job.range.stop);
+  const double threshold = job.profile.null_threshold;
+  const auto delivered =
+      _coordinated_float32_delivery(views_of(stems), part, threshold, caller.token());
+  RenderResult result = result_of(delivered, part, caller.lags());
+  if (!(result.null_peak < threshold)) {
+    throw RuntimeError(fmt::format("the stems miss the mix by {:.1f} dBFS. {}", result.null_peak,
+                                   "Turn the mix down: beyond 2.0 a float32 step is too coarse."));
   }
-  const SampleSpan needed = with_context({request.start, to}, frames);
-  SharedGainModel fitted =
-      shared_single_band_model(mix.view(), taps, request.sample_rate, 30.0, 120.0, stop, needed);
-  taps.clear();
-  Model model = model_of_part(std::move(fitted.models),
-                              difference_from(mix.view(), std::move(fitted.model_sum)), needed);
-  const ChannelsJob job{.sr = request.sample_rate,
-                        .start = request.start,
-                        .stop = to,
-                        .progress = [&](std::size_t done, std::size_t total) {
-                          progress.tell(static_cast<double>(done) / static_cast<double>(total + 1));
-                        }};
-  const StemMap est = render_channels(std::move(model), job, machine, stop);
-  const AudioView part = mix.view().column_range(request.start, to);
-  const auto delivered = _coordinated_float32_delivery(views_of(est), part, kNullThreshold, stop);
-  RenderResult result = result_of(delivered, part, lags);
-  if (!(result.null_peak < kNullThreshold)) {
-    throw RuntimeError("the stems do not add up to the mix");
-  }
-  progress.tell(1.0);
+  caller.tell(1.0);
   return result;
 }
 
@@ -146,9 +183,8 @@ RenderResult render_request(const RenderRequest& request, CallersProgress& progr
 namespace verdel {
 
 RenderResult render(const RenderRequest& request) {
-  internal::CallersProgress progress(request);
   try {
-    return internal::render_request(request, progress);
+    return internal::render_request(request);
   } catch (const internal::Cancelled& cancelled) {
     throw RenderCancelled(cancelled.what());
   } catch (const std::bad_alloc&) {

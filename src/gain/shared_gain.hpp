@@ -3,6 +3,7 @@
 #include <optional>
 
 #include "signal/arrays.hpp"
+#include "signal/profile.hpp"
 #include "support/stop_token.hpp"
 
 namespace verdel::internal {
@@ -22,8 +23,9 @@ struct SharedGainModel {
 /// taps, or a tap of another shape or with values that are not finite; FloatingPointError for a mix
 /// or a model that is not finite; Cancelled by `stop`.
 SharedGainModel shared_single_band_model(AudioView mix, const StemMap& taps, int sr,
-                                         double gain_window_ms = 30.0,
-                                         double gain_smooth_ms = 120.0, const StopToken& stop = {},
+                                         double gain_window_ms = Profile{}.gain_window_ms,
+                                         double gain_smooth_ms = Profile{}.gain_smooth_ms,
+                                         const StopToken& stop = {},
                                          std::optional<SampleSpan> kept = {});
 
 }  // namespace verdel::internal

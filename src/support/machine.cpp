@@ -16,7 +16,7 @@ std::uint64_t read_physical_memory() {
   return static_cast<std::uint64_t>(page_size) * static_cast<std::uint64_t>(pages);
 }
 
-std::string read_temporary_folder() {
+std::string system_temporary_folder() {
   for (const char* variable : {"TMPDIR", "TEMP", "TMP"}) {
     const char* folder = std::getenv(variable);
     if (folder != nullptr && *folder != '\0') return folder;
@@ -24,9 +24,9 @@ std::string read_temporary_folder() {
   return "/tmp";
 }
 
-std::uint64_t read_temporary_space() {
+std::uint64_t free_space(const std::string& folder) {
   struct statvfs statistics {};
-  if (statvfs(read_temporary_folder().c_str(), &statistics) != 0) return 0;
+  if (statvfs(folder.c_str(), &statistics) != 0) return 0;
   return static_cast<std::uint64_t>(statistics.f_bavail) *
          static_cast<std::uint64_t>(statistics.f_frsize);
 }
@@ -38,11 +38,14 @@ std::size_t read_processors() {
 
 }  // namespace
 
-Machine system_machine() {
+Machine system_machine(const std::string& temporary_folder) {
+  const auto folder = [temporary_folder] {
+    return temporary_folder.empty() ? system_temporary_folder() : temporary_folder;
+  };
   return {.physical_memory = read_physical_memory,
-          .temporary_space = read_temporary_space,
+          .temporary_space = [folder] { return free_space(folder()); },
           .processors = read_processors,
-          .temporary_folder = read_temporary_folder};
+          .temporary_folder = folder};
 }
 
 }  // namespace verdel::internal

@@ -19,7 +19,8 @@ struct Machine {
 /// Memory assumed where the system does not tell its own: 8 GiB.
 inline constexpr std::uint64_t C14_DEFAULT_MEMORY = 8589934592;
 
-/// The machine that the process runs on.
-Machine system_machine();
+/// The machine that the process runs on, its temporary folder the system's unless another is named;
+/// the space is that of the same folder.
+Machine system_machine(const std::string& temporary_folder = {});
 
 }  // namespace verdel::internal

@@ -43,8 +43,8 @@ TEST(ChooseOutputRange, SlidesBackAndNeverLeavesTheSource) {
       {0.015, 0.02, 2, 4},         {60.0, 1e-9, 6000, 6000},
   };
   for (const auto& c : kCases) {
-    const OutputRange range = range_of(c.start, c.length);
-    EXPECT_EQ(range.start, c.first) << c.start.value_or(0) << " " << c.length.value_or(0);
+    const SampleSpan range = range_of(c.start, c.length);
+    EXPECT_EQ(range.first, c.first) << c.start.value_or(0) << " " << c.length.value_or(0);
     EXPECT_EQ(range.stop, c.last) << c.start.value_or(0) << " " << c.length.value_or(0);
   }
   EXPECT_THROW(range_of(kAbsent, HUGE_VAL), ValueError);

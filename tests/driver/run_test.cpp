@@ -179,7 +179,7 @@ TEST(Run, ASampleThatIsNotANumberIsNamedWithItsFile) {
   fs::rename(project.path("taps/Hat.R.wav"), project.path("taps/Mono.wav"));
   EXPECT_EQ(run_entry(main, project.render({"--any-channels"})).err,
             "single-band taps must match the finite full mix\n" + project.path("taps/Mono.wav") +
-                ": 1 channels, but the mix has 2. Bounce it like the mix.\n");
+                ": 1 channel, but the mix has 2. Bounce it like the mix.\n");
 }
 
 TEST(Run, AFailureOnTheWayLeavesNothingWritten) {

@@ -2,8 +2,10 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstdlib>
 #include <filesystem>
 
+#include "support/files.hpp"
 #include "support/temporary_folder.hpp"
 #include "verdel/verdel.hpp"
 
@@ -76,29 +78,52 @@ TEST_F(Embedding, EndsWhenTheCallerWantsNoMore) {
   EXPECT_TRUE(std::filesystem::is_empty(scratch_.path()));
 }
 
+TEST_F(Embedding, LeavesTapsWhereTheyAreIfAskedTo) {
+  request_.align = false;
+  const RenderResult result = render(request_);
+  EXPECT_TRUE(result.moved.empty());
+  EXPECT_LT(result.null_peak, -140.0);
+}
+
 TEST_F(Embedding, RefusesWhatDoesNotFit) {
-  const auto refusal = [](const RenderRequest& request) {
-    try {
-      render(request);
-    } catch (const RenderError& error) {
-      return std::string(error.what());
-    }
-    return std::string("rendered");
+  Signal broken = high_, loud = mix_;
+  broken[77] = NAN;
+  for (double& sample : loud) sample *= 8.0;
+  const struct {
+    const char* says;
+    std::function<void(RenderRequest&)> spoil;
+  } kCases[] = {
+      {"tap “High”: must have as many channels",
+       [](RenderRequest& r) { r.taps[1].channels.pop_back(); }},
+      {"mix: channels and mix must have one length",
+       [](RenderRequest& r) { r.mix[1] = r.mix[1].first(100); }},
+      {"range to deliver is empty", [](RenderRequest& r) { r.start = kFrames; }},
+      {"at least one tap", [](RenderRequest& r) { r.taps.clear(); }},
+      {"“Low” and “LOW” would print with the same stem name",
+       [](RenderRequest& r) { r.taps[1].name = "LOW"; }},
+      {"\ntap “High”: sample 77 of channel 1 is not a finite number",
+       [&](RenderRequest& r) { r.taps[1].channels[1] = broken; }},
+      {"\nmix: sample 77 of channel 0", [&](RenderRequest& r) { r.mix[0] = broken; }},
+      {"the stems miss the mix by -13",
+       [&](RenderRequest& r) {
+         r.mix = {loud, loud};
+       }},
+      {"free", [](RenderRequest& r) { r.temporary_folder = "/nowhere/at/all"; }},
   };
-  RenderRequest other = request_;
-  other.taps[1].channels.pop_back();
-  EXPECT_THAT(refusal(other), ::testing::HasSubstr("\"High\": must have as many channels"));
-  other = request_;
-  other.mix[1] = other.mix[1].first(100);
-  EXPECT_THAT(refusal(other), ::testing::HasSubstr("one length"));
-  other = request_;
-  other.start = kFrames;
-  EXPECT_THAT(refusal(other), ::testing::HasSubstr("empty"));
-  other = request_;
-  other.taps.clear();
-  EXPECT_THAT(refusal(other), ::testing::HasSubstr("at least one tap"));
-  low_[77] = NAN;
-  EXPECT_NE(refusal(request_), "rendered");
+  for (const auto& [says, spoil] : kCases) {
+    RenderRequest request = request_;
+    spoil(request);
+    EXPECT_THAT(testing::failure_of<RenderError>([&] { render(request); }),
+                ::testing::HasSubstr(says));
+  }
+}
+
+TEST_F(Embedding, LooksAtTheTemporaryFolderOfTheRequestOnly) {
+  const char* const before = std::getenv("TMPDIR");
+  const std::string kept = before == nullptr ? "" : before;
+  setenv("TMPDIR", "/nowhere/at/all", 1);
+  EXPECT_NO_THROW(render(request_));
+  before == nullptr ? unsetenv("TMPDIR") : setenv("TMPDIR", kept.c_str(), 1);
 }
 
 }  // namespace

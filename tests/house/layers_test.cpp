@@ -44,9 +44,9 @@ std::vector<std::string> behind(const std::string& begin, char end, const std::s
 
 TEST(House, FoldersIncludeOnlyLowerLayers) {
   const std::map<std::string, int> layer = {
-      {"support", 0}, {"signal", 1},     {"inputs", 2},        {"alignment", 2},
-      {"gain", 2},    {"allocation", 3}, {"contamination", 3}, {"delivery", 3},
-      {"excerpt", 3}, {"driver", 4},     {"embedding", 4},     {"apps", 5}};
+      {"support", 0},    {"signal", 1},        {"inputs", 2},   {"alignment", 2}, {"gain", 2},
+      {"allocation", 3}, {"contamination", 3}, {"delivery", 3}, {"excerpt", 3},   {"render", 4},
+      {"driver", 5},     {"embedding", 5},     {"apps", 6}};
   std::size_t seen = 0;
   for (const SourceFile& file : sources()) {
     ASSERT_TRUE(layer.contains(file.folder)) << file.path << ": a folder without a layer";

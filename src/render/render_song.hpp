@@ -1,0 +1,59 @@
+#pragma once
+
+#include <cstddef>
+#include <vector>
+
+#include "alignment/tap_alignment.hpp"
+#include "allocation/channels.hpp"
+#include "signal/arrays.hpp"
+#include "signal/profile.hpp"
+#include "support/machine.hpp"
+#include "support/stage.hpp"
+#include "support/stop_token.hpp"
+
+/// The walk of one render: taps onto the mix, the shared gain, the residual shared out. Whoever
+/// renders, with files or without, comes through here.
+namespace verdel::internal {
+
+struct SongJob {
+  AudioView mix;          ///< [channels][frames], the whole source
+  int sr = 0;             ///< Hz
+  SampleSpan range = {};  ///< the samples of the source to deliver
+  Profile profile = {};
+  bool align = true;         ///< whether taps may be moved
+  bool tell_levels = false;  ///< whether the two levels below are worth a pass over all samples
+};
+
+/// Hears how a render gets on. Calls come from the thread of the render, in the order in which they
+/// stand here, but for the two of the allocation. They may throw to end the render.
+class SongObserver {
+ public:
+  virtual ~SongObserver() = default;
+
+  virtual void begin(Stage) {}
+  /// The taps that were moved.
+  virtual void aligned(const std::vector<AppliedLag>&) {}
+  /// RMS of the mix minus the taps against that of the mix, in dB.
+  virtual void raw_difference(double) {}
+  /// RMS of what the model leaves of the mix against that of the mix, in dB.
+  virtual void left_to_allocate(double) {}
+  /// What is to be allocated.
+  virtual void fitted(const Model&) {}
+  /// Steps finished of all channels, and their number; one call at a time, never falling, from the
+  /// threads of the allocation.
+  virtual void progress(std::size_t, std::size_t) {}
+  /// The same of each channel by itself, on the threads that make it, several at a time.
+  virtual void channel_progress(std::size_t, std::size_t) {}
+};
+
+/// Aligns the taps in their place, fits the model to the whole mix and shares out the residual.
+/// Returns the stems of the range, [channels][range], in the order of the taps; their sum is the
+/// mix up to the rounding of double precision.
+///
+/// The taps have the mix's shape. They are not looked at any more once the allocation begins: an
+/// observer may give them up then.
+/// Errors: those of align_taps_to_mix, shared_single_band_model and render_channels.
+StemMap render_song(const SongJob& job, StemMap& taps, const Machine& machine,
+                    SongObserver& observer, const StopToken& stop = {});
+
+}  // namespace verdel::internal
