@@ -5,17 +5,17 @@
 #include <functional>
 #include <new>
 
+#include "driver/engine_arguments.hpp"
 #include "driver/folder_proof.hpp"
 #include "driver/option_parser.hpp"
 #include "driver/option_table.hpp"
 #include "driver/run.hpp"
-#include "driver/shipping.hpp"
 #include "support/errors.hpp"
 
 namespace verdel::internal {
 namespace {
 
-constexpr const char* kShippingProgram = "VERDEL Engine";
+constexpr const char* kEngineProgram = "VERDEL Engine";
 
 /// What was printed so far goes out before the failure's text, whatever becomes of it; where it
 /// cannot go out, the failure at hand is still the one to report.
@@ -81,10 +81,10 @@ int main(const std::vector<std::string>& arguments, RunContext& context) {
 int shipping_main(const std::vector<std::string>& arguments, RunContext& context) {
   return exit_status_of(context, [&](OutputLines& lines) {
     if (print_version("verdel-engine", arguments, lines)) return;
-    const CommandLine command_line(kShippingProgram, entries_of(shipping_option_table()));
-    const auto options = parse_record(command_line, shipping_option_table(), arguments);
+    const CommandLine command_line(kEngineProgram, entries_of(engine_option_table()));
+    const auto options = parse_record(command_line, engine_option_table(), arguments);
     if (!options) return lines.write(command_line.help());
-    run_arguments(shipping_arguments(*options, command_line), context, lines);
+    run_arguments(engine_arguments(*options, command_line), context, lines);
   });
 }
 

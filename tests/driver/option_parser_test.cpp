@@ -22,7 +22,7 @@ CommandLine full() {
   return {"verdel", entries_of(option_table())};
 }
 CommandLine shipping() {
-  return {"VERDEL Engine", entries_of(shipping_option_table())};
+  return {"VERDEL Engine", entries_of(engine_option_table())};
 }
 
 std::string text_of(const OptionValue& value) {
@@ -104,7 +104,7 @@ TEST(OptionParser, FollowsTheRulesOfTheCommandLine) {
     EXPECT_EQ(outcome(full(), entries_of(option_table()), arguments), expected)
         << ::testing::PrintToString(arguments);
   }
-  const auto entries = entries_of(shipping_option_table());
+  const auto entries = entries_of(engine_option_table());
   EXPECT_EQ(outcome(shipping(), entries, {"--foo"}), "error: missing required: --mix");
   EXPECT_EQ(outcome(shipping(), entries, {"--project", "a", "--mix", "a"}),
             "error: unknown arguments: --project a");
@@ -153,7 +153,7 @@ TEST(OptionParser, HelpShowsEachOptionOnceAndHidesTheHidden) {
     EXPECT_TRUE(entry.hidden || help.find(entry.help) != std::string::npos) << entry.name;
   }
   EXPECT_EQ(names.size(), 39U);
-  EXPECT_EQ(entries_of(shipping_option_table()).size(), 9U);
+  EXPECT_EQ(entries_of(engine_option_table()).size(), 9U);
   EXPECT_TRUE(help.starts_with(full().usage()));
   EXPECT_NE(help.find("\n  --low-resolution NAME\n"), std::string::npos);
   EXPECT_NE(help.find("\n  --sharpness SHARPNESS\n  --tilt TILT\n"), std::string::npos);

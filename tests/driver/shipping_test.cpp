@@ -1,4 +1,4 @@
-#include "driver/shipping.hpp"
+#include "driver/engine_arguments.hpp"
 
 #include <fmt/format.h>
 #include <fmt/ranges.h>
@@ -13,11 +13,10 @@ namespace {
 
 using Arguments = std::vector<std::string>;
 
-const CommandLine kShipping("VERDEL Engine", entries_of(shipping_option_table()));
+const CommandLine kShipping("VERDEL Engine", entries_of(engine_option_table()));
 
 Arguments handed_on(const Arguments& arguments) {
-  return shipping_arguments(*parse_record(kShipping, shipping_option_table(), arguments),
-                            kShipping);
+  return engine_arguments(*parse_record(kShipping, engine_option_table(), arguments), kShipping);
 }
 
 TEST(Shipping, HandsOnTheProfileAndWhatWasAsked) {
