@@ -24,15 +24,14 @@ void print_suggestion(const Run& run, const Mix& mix) {
 /// a second line.
 Model align_and_fit(const Run& run, const Mix& mix, StemMap& taps,
                     const std::vector<StemInput>& plan, OutputRange range) {
-  std::vector<AppliedLag> lags;
   const auto with_file = [&](const std::exception& failure) {
-    const auto file = unfit_input(mix, taps, plan, lags);
+    const auto file = unfit_input(mix, taps, plan);
     return file ? std::string(failure.what()) + "\n" + *file : failure.what();
   };
   try {
     const double mix_rms = levels(mix.audio.view()).rms;
     run.lines.stage("aligning the taps");
-    lags = align_taps(run, mix, taps);
+    align_taps(run, mix, taps);
     print_raw_difference(run, mix, taps, mix_rms);
     return fit_model(run, mix, taps, mix_rms, range);
   } catch (const FloatingPointError& failure) {

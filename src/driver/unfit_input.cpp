@@ -9,24 +9,21 @@
 namespace verdel::internal {
 namespace {
 
-std::optional<std::string> bad_sample_of(const StemInput& input, AudioView audio,
-                                         std::ptrdiff_t lag) {
+std::optional<std::string> bad_sample_of(const StemInput& input, AudioView audio) {
   const auto bad = first_non_finite(audio);
   if (!bad) return std::nullopt;
-  const auto sample = static_cast<std::ptrdiff_t>(bad->frame) - lag;
   const bool is_pair = input.files.size() == 2;
   return fmt::format(
       "{}: sample {} of channel {} is not a finite number (both counted from 0). Bounce it again.",
-      is_pair ? input.files[bad->channel] : input.files.front(), sample,
+      is_pair ? input.files[bad->channel] : input.files.front(), bad->frame,
       is_pair ? 0 : bad->channel);
 }
 
 }  // namespace
 
 std::optional<std::string> unfit_input(const Mix& mix, const StemMap& taps,
-                                       const std::vector<StemInput>& plan,
-                                       const std::vector<AppliedLag>& lags) {
-  if (auto text = bad_sample_of(mix.input, mix.audio.view(), 0)) return text;
+                                       const std::vector<StemInput>& plan) {
+  if (auto text = bad_sample_of(mix.input, mix.audio.view())) return text;
   for (const auto& tap : taps) {
     const auto input = std::ranges::find(plan, tap.name, &StemInput::name);
     if (input == plan.end()) continue;
@@ -34,9 +31,7 @@ std::optional<std::string> unfit_input(const Mix& mix, const StemMap& taps,
       return fmt::format("{}: {} channels, but the mix has {}. Bounce it like the mix.",
                          input->files.front(), tap.audio.rows(), mix.channels());
     }
-    const auto moved = std::ranges::find(lags, tap.name, &AppliedLag::name);
-    const std::ptrdiff_t lag = moved == lags.end() ? 0 : moved->lag;
-    if (auto text = bad_sample_of(*input, tap.audio.view(), lag)) return text;
+    if (auto text = bad_sample_of(*input, tap.audio.view())) return text;
   }
   return std::nullopt;
 }

@@ -4,7 +4,6 @@
 #include <string>
 #include <vector>
 
-#include "alignment/tap_alignment.hpp"
 #include "driver/input_stage.hpp"
 #include "signal/arrays.hpp"
 
@@ -12,10 +11,9 @@ namespace verdel::internal {
 
 /// Which file the gain model cannot take, and why: the first sample of it that is not a finite
 /// number, or its channel count. The mix is looked at first, then the taps in order; nothing if all
-/// are in order. `plan` has one entry per tap; `lags` are the moves that the taps have been
-/// through, so that positions are those of the files.
+/// are in order. `plan` has one entry per tap. Positions are those of the files, since a tap with
+/// such a sample has no finite energy and is never moved.
 std::optional<std::string> unfit_input(const Mix& mix, const StemMap& taps,
-                                       const std::vector<StemInput>& plan,
-                                       const std::vector<AppliedLag>& lags);
+                                       const std::vector<StemInput>& plan);
 
 }  // namespace verdel::internal
