@@ -5,11 +5,11 @@
 #include <map>
 #include <variant>
 
+#include "driver/engine_arguments.hpp"
 #include "driver/input_stage.hpp"
 #include "driver/option_parser.hpp"
 #include "driver/option_rules.hpp"
 #include "driver/option_table.hpp"
-#include "driver/shipping.hpp"
 #include "fuzz/fuzzing.hpp"
 
 namespace verdel::internal::fuzzing {
@@ -129,10 +129,10 @@ void require_range(const Options& options, const CommandLine& command_line) {
   require(!range || (range->first <= range->stop && range->stop <= kFrames), "a part of the mix");
 }
 
-void require_translation(const ShippingOptions& request, const CommandLine& command_line,
+void require_translation(const EngineOptions& request, const CommandLine& command_line,
                          const CommandLine& full) {
   const auto list =
-      attempt_usage(command_line, [&] { return shipping_arguments(request, command_line); });
+      attempt_usage(command_line, [&] { return engine_arguments(request, command_line); });
   const bool suggests = request.suggest_excerpt > 0.0;
   const bool has_folders = !request.taps.value_or("").empty() && !request.out.value_or("").empty();
   require(list.has_value() == (suggests || has_folders), "only missing folders are refused");
@@ -165,13 +165,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   using namespace verdel::internal;
   using namespace verdel::internal::fuzzing;
   static const CommandLine full("verdel", entries_of(option_table()));
-  static const CommandLine shipping("VERDEL Engine", entries_of(shipping_option_table()));
+  static const CommandLine engine("VERDEL Engine", entries_of(engine_option_table()));
   const Words words = split(text_of(data, size), '\0');
 
   auto options = record_of(full, option_table(), words);
   if (options && apply_rules(*options, full)) require_range(*options, full);
-  if (const auto request = record_of(shipping, shipping_option_table(), words)) {
-    require_translation(*request, shipping, full);
+  if (const auto request = record_of(engine, engine_option_table(), words)) {
+    require_translation(*request, engine, full);
   }
   return 0;
 }

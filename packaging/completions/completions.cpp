@@ -23,7 +23,7 @@ std::string summary(const OptionEntry& option) {
 }
 
 std::vector<OptionEntry> shown(std::vector<OptionEntry> options) {
-  // The parent application's table has no help texts; the full one explains the same options.
+  // The engine's table has no help texts; the full one explains the same options.
   const auto full = entries_of(option_table());
   for (OptionEntry& option : options) {
     const auto same = std::ranges::find(full, option.name, &OptionEntry::name);
@@ -148,7 +148,7 @@ void write(const std::filesystem::path& path, const std::string& text) {
 
 void write_all(const std::filesystem::path& folder) {
   for (const Program& program : {Program{"verdel", shown(entries_of(option_table()))},
-                                 {"verdel-engine", shown(entries_of(shipping_option_table()))},
+                                 {"verdel-engine", shown(entries_of(engine_option_table()))},
                                  {"verdel-verify", shown(entries_of(verify_option_table()))}}) {
     write(folder / "bash" / program.name, bash(program));
     write(folder / "zsh" / ("_" + program.name), zsh(program));

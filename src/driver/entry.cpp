@@ -5,17 +5,21 @@
 #include <functional>
 #include <new>
 
+#include "driver/engine_arguments.hpp"
 #include "driver/folder_proof.hpp"
 #include "driver/option_parser.hpp"
 #include "driver/option_table.hpp"
 #include "driver/run.hpp"
-#include "driver/shipping.hpp"
 #include "support/errors.hpp"
 
 namespace verdel::internal {
 namespace {
 
-constexpr const char* kShippingProgram = "VERDEL Engine";
+constexpr const char* kEngineProgram = "VERDEL Engine";
+
+/// Who reads standard output. A parent may do so on a terminal of its own making, where a line that
+/// is drawn for a person would run into those of the protocol.
+enum class Audience { kPerson, kParent };
 
 /// What was printed so far goes out before the failure's text, whatever becomes of it; where it
 /// cannot go out, the failure at hand is still the one to report.
@@ -56,12 +60,12 @@ bool print_version(const char* program, const std::vector<std::string>& argument
   return true;
 }
 
-void run_arguments(const std::vector<std::string>& arguments, RunContext& context,
-                   OutputLines& lines) {
+void run_arguments(const std::vector<std::string>& arguments, const RunContext& context,
+                   OutputLines& lines, Audience audience) {
   const CommandLine command_line(context.program_name, entries_of(option_table()));
   auto options = parse_record(command_line, option_table(), arguments);
   if (!options) return lines.write(command_line.help());
-  if (!options->progress_json) lines.show_stages_on(context.err);
+  if (audience == Audience::kPerson && !options->progress_json) lines.show_stages_on(context.err);
   run_engine({.options = std::move(*options),
               .command_line = command_line,
               .machine = context.machine,
@@ -74,17 +78,17 @@ void run_arguments(const std::vector<std::string>& arguments, RunContext& contex
 int main(const std::vector<std::string>& arguments, RunContext& context) {
   return exit_status_of(context, [&](OutputLines& lines) {
     if (print_version("verdel", arguments, lines)) return;
-    run_arguments(arguments, context, lines);
+    run_arguments(arguments, context, lines, Audience::kPerson);
   });
 }
 
 int shipping_main(const std::vector<std::string>& arguments, RunContext& context) {
   return exit_status_of(context, [&](OutputLines& lines) {
     if (print_version("verdel-engine", arguments, lines)) return;
-    const CommandLine command_line(kShippingProgram, entries_of(shipping_option_table()));
-    const auto options = parse_record(command_line, shipping_option_table(), arguments);
+    const CommandLine command_line(kEngineProgram, entries_of(engine_option_table()));
+    const auto options = parse_record(command_line, engine_option_table(), arguments);
     if (!options) return lines.write(command_line.help());
-    run_arguments(shipping_arguments(*options, command_line), context, lines);
+    run_arguments(engine_arguments(*options, command_line), context, lines, Audience::kParent);
   });
 }
 

@@ -17,8 +17,8 @@ inline constexpr int kExitCancelled = 130;  ///< as a shell reports an interrupt
 /// The full command line.
 int main(const std::vector<std::string>& arguments, RunContext& context);
 
-/// The parent application's entry: nine options, checked and handed to main with the fixed
-/// processing profile.
+/// The engine, which the parent application starts: nine options, checked and handed to main with
+/// the fixed processing profile.
 int shipping_main(const std::vector<std::string>& arguments, RunContext& context);
 
 /// The second opinion: proves a folder of stems against its mix. Status 1 also stands for stems

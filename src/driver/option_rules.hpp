@@ -8,7 +8,7 @@
 
 namespace verdel::internal {
 
-/// Fills in the two defaults that depend on nothing else and refuses what the engine does not do.
+/// Fills in the two defaults that depend on nothing else and refuses what VERDEL does not do.
 /// Throws the UsageError of the first rule that fires.
 void apply_option_rules(Options& options, const CommandLine& command_line);
 

@@ -91,7 +91,8 @@ std::vector<OptionEntry> entries_of_table(const OptionTable<Record>& table) {
   return entries;
 }
 
-OptionTable<Options> make_option_table() {
+// Order within and among the pieces is that of usage, help and the ambiguous prefixes.
+OptionTable<Options> project_options() {
   return {
       {.name = "--mix",
        .field = &Options::mix,
@@ -110,6 +111,11 @@ OptionTable<Options> make_option_table() {
        .field = &Options::project,
        .help = "folder holding your mix and taps folders",
        .path = PathKind::kFolder},
+  };
+}
+
+OptionTable<Options> allocation_options() {
+  return {
       {.name = "--gain-model",
        .field = &Options::gain_model,
        .help = "shared gain model (legacy default: multiband)",
@@ -126,6 +132,11 @@ OptionTable<Options> make_option_table() {
        .help =
            "exact tap basename to allocate with32-band evidence in single-band mode; repeatable",
        .metavar = "NAME"},
+  };
+}
+
+OptionTable<Options> gain_options() {
+  return {
       {.name = "--gain-window",
        .field = &Options::gain_window,
        .help = "ms over which each band's gain is measured. Smaller tracks the chain more closely "
@@ -153,6 +164,11 @@ OptionTable<Options> make_option_table() {
       {.name = "--band-couple",
        .field = &Options::band_couple,
        .help = "0..1 mix of each band's G with its neighbours. 0 is v0.1 (independent bands)."},
+  };
+}
+
+OptionTable<Options> rule_options() {
+  return {
       {.name = "--rule",
        .field = &Options::rule,
        .help =
@@ -175,6 +191,11 @@ OptionTable<Options> make_option_table() {
       {.name = "--quiet-gate-db",
        .field = &Options::quiet_gate_db,
        .help = "with --quiet-gate: dB below the loudest tap to treat as silent (default -40)"},
+  };
+}
+
+OptionTable<Options> tap_gain_options() {
+  return {
       {.name = "--tap-gain",
        .field = &Options::tap_gain,
        .help = "shared: one gain for all taps (legacy). per/hybrid: regress mix onto each tap "
@@ -191,6 +212,11 @@ OptionTable<Options> make_option_table() {
       {.name = "--joint-hop",
        .field = &Options::joint_hop,
        .help = "for joint tap-gain: control-rate hop in ms"},
+  };
+}
+
+OptionTable<Options> excerpt_and_input_options() {
+  return {
       {.name = "--excerpt-start",
        .field = &Options::excerpt_start,
        .help = "demo mode: start of the printed excerpt in seconds"},
@@ -206,6 +232,11 @@ OptionTable<Options> make_option_table() {
        .field = &Options::suggest_excerpt,
        .help = "analyse the mix only: print a musical excerpt of about this many seconds (whole "
                "bars) and exit"},
+  };
+}
+
+OptionTable<Options> output_options() {
+  return {
       {.name = "--write-null",
        .field = &Options::write_null,
        .help = "also write _NULL_RESIDUAL.wav next to the stems. Diagnostic only — the app does "
@@ -214,6 +245,11 @@ OptionTable<Options> make_option_table() {
        .field = &Options::no_report,
        .help = "skip the contamination report"},
       {.name = "--progress-json", .field = &Options::progress_json, .hidden = true},
+  };
+}
+
+OptionTable<Options> leftover_options() {
+  return {
       {.name = "--alloc-window",
        .field = &Options::alloc_window,
        .help = "ms over which the leftover is shared out"},
@@ -233,17 +269,27 @@ OptionTable<Options> make_option_table() {
   };
 }
 
-OptionTable<ShippingOptions> make_shipping_option_table() {
+OptionTable<Options> make_option_table() {
+  OptionTable<Options> table;
+  for (const auto& piece :
+       {project_options(), allocation_options(), gain_options(), rule_options(), tap_gain_options(),
+        excerpt_and_input_options(), output_options(), leftover_options()}) {
+    table.insert(table.end(), piece.begin(), piece.end());
+  }
+  return table;
+}
+
+OptionTable<EngineOptions> make_engine_option_table() {
   return {
-      {.name = "--mix", .field = &ShippingOptions::mix, .required = true, .path = PathKind::kFile},
-      {.name = "--taps", .field = &ShippingOptions::taps, .path = PathKind::kFolder},
-      {.name = "--out", .field = &ShippingOptions::out, .path = PathKind::kFolder},
-      {.name = "--excerpt-start", .field = &ShippingOptions::excerpt_start},
-      {.name = "--excerpt-len", .field = &ShippingOptions::excerpt_len},
-      {.name = "--suggest-excerpt", .field = &ShippingOptions::suggest_excerpt},
-      {.name = "--strict-inputs", .field = &ShippingOptions::strict_inputs},
-      {.name = "--no-report", .field = &ShippingOptions::no_report},
-      {.name = "--progress-json", .field = &ShippingOptions::progress_json},
+      {.name = "--mix", .field = &EngineOptions::mix, .required = true, .path = PathKind::kFile},
+      {.name = "--taps", .field = &EngineOptions::taps, .path = PathKind::kFolder},
+      {.name = "--out", .field = &EngineOptions::out, .path = PathKind::kFolder},
+      {.name = "--excerpt-start", .field = &EngineOptions::excerpt_start},
+      {.name = "--excerpt-len", .field = &EngineOptions::excerpt_len},
+      {.name = "--suggest-excerpt", .field = &EngineOptions::suggest_excerpt},
+      {.name = "--strict-inputs", .field = &EngineOptions::strict_inputs},
+      {.name = "--no-report", .field = &EngineOptions::no_report},
+      {.name = "--progress-json", .field = &EngineOptions::progress_json},
   };
 }
 
@@ -276,8 +322,8 @@ const OptionTable<Options>& option_table() {
   return table;
 }
 
-const OptionTable<ShippingOptions>& shipping_option_table() {
-  static const OptionTable<ShippingOptions> table = make_shipping_option_table();
+const OptionTable<EngineOptions>& engine_option_table() {
+  static const OptionTable<EngineOptions> table = make_engine_option_table();
   return table;
 }
 
@@ -290,7 +336,7 @@ std::vector<OptionEntry> entries_of(const OptionTable<Options>& table) {
   return entries_of_table(table);
 }
 
-std::vector<OptionEntry> entries_of(const OptionTable<ShippingOptions>& table) {
+std::vector<OptionEntry> entries_of(const OptionTable<EngineOptions>& table) {
   return entries_of_table(table);
 }
 

@@ -58,12 +58,12 @@ template <class Record>
 using OptionTable = std::vector<Option<Record>>;
 
 const OptionTable<Options>& option_table();
-const OptionTable<ShippingOptions>& shipping_option_table();
+const OptionTable<EngineOptions>& engine_option_table();
 const OptionTable<VerifyOptions>& verify_option_table();
 
 /// The same options as plain entries, in the same order.
 std::vector<OptionEntry> entries_of(const OptionTable<Options>& table);
-std::vector<OptionEntry> entries_of(const OptionTable<ShippingOptions>& table);
+std::vector<OptionEntry> entries_of(const OptionTable<EngineOptions>& table);
 std::vector<OptionEntry> entries_of(const OptionTable<VerifyOptions>& table);
 
 /// Stores a value of the option's kind in its field.

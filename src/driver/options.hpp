@@ -10,8 +10,8 @@
 namespace verdel::internal {
 
 /// What the full command line asks for; the meaning of each field is its option's help text. The
-/// values here are the defaults of the options. Many fields belong to ways of working that the
-/// engine does not offer: apply_option_rules refuses them, or nothing reads them.
+/// values here are the defaults of the options. Many fields belong to ways of working that VERDEL
+/// does not offer: apply_option_rules refuses them, or nothing reads them.
 struct Options {
   std::optional<std::string> mix, taps, out;  ///< completed by project resolution
   std::string project = ".";
@@ -46,8 +46,8 @@ struct Options {
   std::vector<std::string> sink;
 };
 
-/// What the parent application may ask for.
-struct ShippingOptions {
+/// What the parent application may ask the engine for.
+struct EngineOptions {
   std::optional<std::string> mix, taps, out;
   std::optional<double> excerpt_start, excerpt_len;  ///< s
   double suggest_excerpt = 0.0;                      ///< s

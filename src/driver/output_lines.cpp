@@ -30,7 +30,9 @@ void OutputLines::flush() {
 }
 
 void OutputLines::stage(std::string_view name, double done) {
-  if (terminal_) terminal_->show(name, done);
+  if (!terminal_ || !terminal_->draws()) return;
+  flush();  // where both are one terminal, what was printed stands above the stage
+  terminal_->show(name, done);
 }
 
 void ProgressLines::emit_progress(std::string_view phase, std::size_t completed,

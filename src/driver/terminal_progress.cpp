@@ -1,6 +1,7 @@
 #include "driver/terminal_progress.hpp"
 
 #include <fmt/format.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cmath>
@@ -28,6 +29,12 @@ bool can_wipe(std::FILE* stream) {
   return isatty(fileno(stream)) == 1 && !terminal.empty() && terminal != "dumb";
 }
 
+bool has_reader(std::FILE* output) {
+  struct stat status {};
+  return fstat(fileno(output), &status) == 0 &&
+         (S_ISFIFO(status.st_mode) || S_ISSOCK(status.st_mode));
+}
+
 }  // namespace
 
 std::string progress_text(std::string_view stage, double done, double elapsed_seconds) {
@@ -40,8 +47,9 @@ std::string progress_text(std::string_view stage, double done, double elapsed_se
   return text;
 }
 
-TerminalProgress::TerminalProgress(std::FILE* stream)
-    : stream_(can_wipe(stream) ? stream : nullptr), dimmed_(environment("NO_COLOR").empty()) {}
+TerminalProgress::TerminalProgress(std::FILE* stream, std::FILE* output)
+    : stream_(can_wipe(stream) && !has_reader(output) ? stream : nullptr),
+      dimmed_(environment("NO_COLOR").empty()) {}
 
 void TerminalProgress::show(std::string_view stage, double done) {
   if (stream_ == nullptr) return;

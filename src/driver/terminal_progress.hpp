@@ -13,13 +13,15 @@ namespace verdel::internal {
 /// Threads: calls must not overlap.
 class TerminalProgress {
  public:
-  /// Draws nothing unless the stream is a terminal that can wipe a line. The stream stays the
-  /// caller's.
-  explicit TerminalProgress(std::FILE* stream);
+  /// Draws nothing unless `stream` is a terminal that can wipe a line, and nothing while `output`,
+  /// where lines are printed, is a pipe: who reads it may print them on that terminal at any time.
+  /// The streams stay the caller's.
+  TerminalProgress(std::FILE* stream, std::FILE* output);
   ~TerminalProgress() { wipe(); }
   TerminalProgress(const TerminalProgress&) = delete;
   TerminalProgress& operator=(const TerminalProgress&) = delete;
 
+  bool draws() const { return stream_ != nullptr; }
   /// The stage and what is done of it, 0 to 1; below 0: how far is not known.
   void show(std::string_view stage, double done = -1.0);
   void wipe();

@@ -19,6 +19,7 @@ namespace {
 using ::testing::HasSubstr;
 using testing::ProgramResult;
 using testing::RunningProgram;
+using testing::ProjectShape;
 using testing::SmallProject;
 namespace fs = std::filesystem;
 
@@ -34,7 +35,7 @@ std::set<std::string> names_in(const std::string& folder) {
 /// A project, a folder for its scratch files, and what a run that nobody disturbs makes of it.
 class Subject {
  public:
-  explicit Subject(const std::vector<std::string>& names, const SmallProject::Shape& shape)
+  explicit Subject(const std::vector<std::string>& names, const ProjectShape& shape)
       : project_(names, shape) {
     auto program = start();
     const ProgramResult result = program->wait();

@@ -65,9 +65,10 @@ TEST(Programs, AnswersGoToStandardOutputAndComplaintsToTheErrors) {
 
 TEST(Programs, AProjectFolderIsEnoughAndOnlyStemsOfAnEarlierRunAreReplaced) {
   const SmallProject project({"Kick", "Bässe"});
-  project.folder().touch("mix/");
-  project.folder().touch("out/Kick.wav");
-  project.folder().touch("out/notes.txt");
+  fs::create_directories(project.path("mix"));
+  fs::create_directories(project.out());
+  testing::write_bytes(project.path("out/Kick.wav"), "");
+  testing::write_bytes(project.path("out/notes.txt"), "");
   fs::rename(project.mix_path(), project.path("mix/Song.wav"));
   const auto result =
       run_program({.program = "verdel", .arguments = {"--write-null"}, .folder = project.path()});

@@ -1,198 +1,252 @@
-#include "driver/run.hpp"
-
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <atomic>
-#include <limits>
+#include <csignal>
+#include <cstdlib>
 #include <map>
-#include <span>
 
+#include "driver/end_signals.hpp"
 #include "driver/small_projects.hpp"
+#include "driver/terminal_progress.hpp"
 #include "inputs/audio_loading.hpp"
 #include "signal/instruction_sets.hpp"
 #include "support/machines.hpp"
+#include "support/temporary_directory.hpp"
+
+#ifdef __GLIBC__
+#include <malloc.h>
+#endif
 
 namespace verdel::internal {
 namespace {
 
-using testing::Channels;
-using ::testing::ContainsRegex;
+using ::testing::ExitedWithCode;
 using ::testing::HasSubstr;
+using testing::hits;
+using ::testing::KilledBySignal;
 using testing::machine_with;
-using ::testing::MatchesRegex;
 using testing::run_entry;
-using testing::RunResult;
 using testing::SmallProject;
 namespace fs = std::filesystem;
 
-/// The machine as a run sees it, and the copies of the kernels that it takes.
-struct Computer {
-  std::size_t processors;
-  InstructionSet set;
-};
-
-/// One to eight processors with the best instruction set, and each lesser set.
-std::vector<Computer> computers() {
-  std::vector<Computer> all;
-  for (const std::size_t processors : {1U, 2U, 4U, 8U}) {
-    all.push_back({processors, best_instruction_set()});
-  }
-  for (const auto set : {InstructionSet::kBaseline, InstructionSet::kAvx2}) {
-    if (set < best_instruction_set()) all.push_back({2, set});
-  }
-  return all;
+std::size_t heap_in_use() {
+#if defined(__GLIBC__) && !defined(VERDEL_SANITIZED)
+  // What is resident says little: the arenas of ended threads come and go with their free memory.
+  return mallinfo2().uordblks + mallinfo2().hblkhd;
+#else
+  return 0;
+#endif
 }
 
-RunResult render_on(const Computer& computer, const SmallProject& project) {
-  fs::remove_all(project.out());
-  use_instruction_set(computer.set);
-  auto arguments = project.render();
-  std::erase(arguments, "--no-report");
-  auto result = run_entry(shipping_main, arguments, machine_with(computer.processors));
-  use_instruction_set(best_instruction_set());
-  return result;
+std::ptrdiff_t entries_in(const char* folder) {
+  std::error_code none;
+  return std::distance(fs::directory_iterator(folder, none), fs::directory_iterator());
 }
 
-constexpr const char* kProgress = "verdel-progress-json: ";
-
-// A render in one piece, and one in intervals; both with their report.
-TEST(Run, GivesTheSameOnEveryMachineAndStemsThatAddUpToTheMix) {
-  for (const auto& shape : {SmallProject::Shape{}, {.frames = 61 * 1000, .sr = 1000}}) {
+// Renders in one piece and in intervals, again and again in one process, with their reports.
+TEST(RepeatedRuns, GiveTheSameOnEveryMachineAndHoldNoMoreThanTheFirstOnes) {
+  const auto best = best_instruction_set();
+  const std::vector<std::pair<std::size_t, InstructionSet>> computers = {
+      {1, best}, {4, InstructionSet::kBaseline}, {8, best}, {2, InstructionSet::kAvx2}};
+  const std::size_t runs = std::getenv("VERDEL_LONG_TESTS") != nullptr ? 100 : 8;
+  for (const auto& shape : {testing::ProjectShape{}, {.frames = 61 * 1000, .sr = 1000}}) {
     const SmallProject project({"Kick", "Snare", "Bässe"}, shape);
-    std::string first_out;
-    std::map<std::string, std::string> first_files;
-    for (const Computer& computer : computers()) {
-      const auto result = render_on(computer, project);
-      SCOPED_TRACE(fmt::format("{} processors, {}", computer.processors, name_of(computer.set)));
-      ASSERT_EQ(result.status, 0) << result.err;
-      EXPECT_EQ(result.err, "");
-      const auto files = testing::contents_of(project.out());
-      if (first_files.empty()) {
-        first_out = result.out;
-        first_files = files;
+    auto arguments = project.render({"--low-resolution", "Kick", "--low-resolution", "Bässe"});
+    std::erase(arguments, "--no-report");
+    std::string out;
+    std::map<std::string, std::string> files;
+    std::ptrdiff_t descriptors = 0;
+    std::size_t heap = 0;
+    for (std::size_t run = 0; run < runs; ++run) {
+      fs::remove_all(project.out());
+      const auto [processors, set] = computers[run % computers.size()];
+      use_instruction_set(std::min(set, best));
+      const auto result = run_entry(main, arguments, machine_with(processors));
+      EXPECT_EQ(result.status, 0) << result.err;
+      if (run == 0) {
+        out = result.out;
+        files = testing::contents_of(project.out());
       }
-      EXPECT_TRUE(files == first_files);
-      EXPECT_EQ(result.out, first_out);
+      EXPECT_EQ(result.out, out);
+      EXPECT_TRUE(testing::contents_of(project.out()) == files) << processors << name_of(set);
+      if (run + 1 != computers.size()) continue;
+      descriptors = entries_in("/dev/fd");
+      heap = heap_in_use();
     }
-    ASSERT_EQ(first_files.size(), 3U);
-    EXPECT_THAT(first_out, ContainsRegex("\nnull residual: -[0-9.]+ dBFS  PASS\n$"));
-
-    std::vector<double> sum(shape.frames);
-    for (const auto& [name, bytes] : first_files) {
-      const LoadedAudio stem = load(project.out() + "/" + name);
-      ASSERT_EQ(stem.audio.columns(), sum.size());
-      for (std::size_t i = 0; i < sum.size(); ++i) sum[i] += stem.audio.row(1)[i];
-    }
-    const LoadedAudio mix = load(project.mix_path());
-    for (std::size_t i = 0; i < sum.size(); ++i) ASSERT_NEAR(sum[i], mix.audio.row(1)[i], 1e-7);
+    use_instruction_set(best);
+    EXPECT_EQ(files.size(), 3U);
+    EXPECT_THAT(out, HasSubstr(" allocation\n32-band allocation: Bässe, Kick\nafter "));
+    EXPECT_EQ(entries_in("/dev/fd"), descriptors);
+    EXPECT_LE(heap_in_use(), heap + (64 << 10));
   }
 }
 
 TEST(Run, ProgressCountsEveryPhaseOfEveryStemAndChannel) {
-  const auto step = [](const char* phase, int completed, int total) {
-    return std::string(kProgress) + "{\"v\":1,\"phase\":\"" + phase +
-           "\",\"completed\":" + std::to_string(completed) + ",\"total\":" + std::to_string(total) +
-           "}";
+  const auto step = [](const char* phase, std::size_t completed, std::size_t total) {
+    return fmt::format(R"(verdel-progress-json: {{"v":1,"phase":"{}","completed":{},"total":{}}})",
+                       phase, completed, total);
   };
-  const auto steps_of = [](const RunResult& result) {
-    auto lines = testing::lines_of(result.out);
-    std::erase_if(lines, [](const std::string& line) { return !line.starts_with(kProgress); });
-    return lines;
-  };
-  const SmallProject stereo({"a", "b", "c"});
-  auto steps =
-      steps_of(run_entry(shipping_main, stereo.render({"--progress-json"}), machine_with(8)));
-  ASSERT_EQ(steps.size(), 2U + 2U * (6U * 3U + 1U));
-  EXPECT_EQ(steps.front(), step("render", 0, 3));
-  EXPECT_EQ(steps[steps.size() - 2], step("render", 37, 37));
-  EXPECT_EQ(steps.back(), step("finalize", 0, 1));
-  for (int completed = 1; const auto& line : std::span(steps).subspan(1, steps.size() - 2)) {
-    while (completed < 37 && line != step("render", completed, 37)) ++completed;
-    EXPECT_EQ(line, step("render", completed, 37)) << "never back";
-  }
-
-  const SmallProject mono({"a"}, {.channels = 1});
-  std::vector<std::string> expected = {step("render", 0, 2)};
-  for (int done = 1; done <= 7; ++done) expected.push_back(step("render", done, 7));
-  expected.push_back(step("finalize", 0, 1));
-  EXPECT_EQ(steps_of(run_entry(main, mono.render({"--any-channels", "--progress-json"}))),
-            expected);
-  EXPECT_TRUE(steps_of(run_entry(main, mono.render({"--any-channels"}))).empty());
-}
-
-TEST(Run, AnExcerptIsThatPartOfTheSource) {
-  const SmallProject project({"a", "b"});
-  ASSERT_EQ(run_entry(shipping_main, project.render()).status, 0);
-  const LoadedAudio whole = load(project.out() + "/a.wav");
-
-  const auto cut = project.render({"--excerpt-start", "0.5", "--excerpt-len", "0.25"});
-  const RunResult result = run_entry(shipping_main, cut);
-  ASSERT_EQ(result.status, 0) << result.err;
-  EXPECT_THAT(result.out, HasSubstr("demo excerpt: 0.5s + 0.25s (full-source context retained; "
-                                    "trim on export)\nexcerpt-start-sample: 4000 of 8000\nraw "));
-  const LoadedAudio part = load(project.out() + "/a.wav");
-  ASSERT_EQ(part.audio.columns(), 2000U);
-  for (std::size_t i = 0; i < 2000; ++i) {
-    ASSERT_NEAR(part.audio.row(0)[i], whole.audio.row(0)[4000 + i], 1e-7);
+  for (const std::size_t channels : {1U, 2U}) {
+    const SmallProject project({"a", "b", "c"}, {.channels = channels});
+    const auto arguments = project.render({"--any-channels", "--progress-json"});
+    auto steps = testing::lines_of(run_entry(main, arguments, machine_with(8)).out);
+    std::erase_if(steps, [](const auto& line) { return !line.starts_with("verdel-progress"); });
+    const std::size_t total = 1 + channels * 6 * 3;
+    EXPECT_EQ(steps.size(), total + channels + 1);
+    steps.erase(std::unique(steps.begin(), steps.end()), steps.end());
+    std::vector<std::string> expected = {step("render", 0, channels + 1)};
+    for (std::size_t i = 1; i <= total; ++i) expected.push_back(step("render", i, total));
+    expected.push_back(step("finalize", 0, 1));
+    EXPECT_EQ(steps, expected);
   }
 }
 
-TEST(Run, LowResolutionNamesAreJudgedByTheLoadedStems) {
-  const SmallProject project({"b", "a"});
-  RunResult result = run_entry(main, project.render({"--low-resolution", "A"}));
-  EXPECT_EQ(result.status, 2);
-  EXPECT_THAT(result.out, HasSubstr("mix   mix.wav"));
-  EXPECT_FALSE(fs::exists(project.out()));
-  result = run_entry(main, project.render({"--low-resolution", "b", "--low-resolution", "a"}));
-  EXPECT_EQ(result.status, 0);
-  EXPECT_THAT(result.out, HasSubstr("release-tail allocation\n32-band allocation: a, b\nafter "));
+TEST(Run, AnExcerptSlidesBackAndNeverLeavesTheSource) {
+  const SmallProject project({"a"}, {.channels = 1, .frames = 4000, .sr = 100});
+  // start, length, what is printed of it, frames; halves of a sample go to the even one
+  constexpr const char* kCases =
+      "5|0||4000\n"
+      "5|nan||4000\n"
+      "-5|10|demo excerpt: 0.0s + 10s (full-source context retained; trim on export)|1000\n"
+      "nan|10|excerpt-start-sample: 0 of 100|1000\n"
+      "35|10.5|demo excerpt: 29.5s + 10.5s (full-source context retained; trim on export)|1050\n"
+      "inf|10|excerpt-start-sample: 3000 of 100|1000\n"
+      "10|1e300|excerpt-start-sample: 0 of 100|4000\n"
+      "0.005|0.02|excerpt-start-sample: 0 of 100|2\n"
+      "0.015|0.02|excerpt-start-sample: 2 of 100|2\n";
+  for (const std::string& line : testing::lines_of(kCases)) {
+    SCOPED_TRACE(line);
+    const auto parts = testing::parts_of(line, '|');
+    const auto result = run_entry(main, project.render({"--any-channels", "--excerpt-start",
+                                                        parts[0], "--excerpt-len", parts[1]}));
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_THAT(result.out, HasSubstr(fmt::format("\n{}\n", parts[2])));
+    EXPECT_EQ(result.out.find("excerpt-start") == std::string::npos, parts[2].empty());
+    EXPECT_EQ(std::to_string(load(project.out() + "/a.wav").audio.columns()), parts[3]);
+  }
 }
 
-TEST(Run, ASampleThatIsNotANumberIsNamedWithItsFile) {
-  const SmallProject project({"Kick", "Snare"});
-  const auto expect_failure = [&](Entry entry, const auto& arguments, const std::string& words,
-                                  const std::string& where) {
-    const RunResult result = run_entry(entry, arguments);
-    EXPECT_EQ(result.status, 1);
-    EXPECT_EQ(result.err, words + "\n" + project.path(where) + " Bounce it again.\n");
+TEST(Run, NamesAMovedTapInJson) {
+  const SmallProject project({"a"}, {.frames = 12000, .sr = 1000});
+  auto late = project.mix();
+  for (auto& channel : late) std::rotate(channel.begin(), channel.end() - 20, channel.end());
+  fs::remove(project.path("taps/a.wav"));
+  project.write_tap("ä\"\\\n\t\x01\x1f\x7f.wav", late);
+  const auto result = run_entry(shipping_main, project.render());
+  EXPECT_THAT(result.out,
+              HasSubstr("\nalignment-json: {\"name\": \"ä\\\"\\\\\\n\\t\\u0001\\u001f\x7f"
+                        "\", \"lag\": -20}\nraw difference"));
+}
+
+TEST(Run, TellsAPersonHowLongItWillTakeOnceThatIsKnown) {
+  EXPECT_EQ(progress_text("reading", -1.0, 9.0), "reading");
+  EXPECT_EQ(progress_text("rendering", 0.02, 9.0), "rendering  2 %");
+  EXPECT_EQ(progress_text("rendering", 0.5, 0.4), "rendering  50 %");
+  EXPECT_EQ(progress_text("rendering", 0.25, 30.0), "rendering  25 %  1:30 left");
+}
+
+// A file of a project of the stems a, b and the pair H (its channels, frames, and a sample of the
+// last channel; no channels: no audio), arguments, and the end of the error stream, after which
+// nothing is written. P stands for the project.
+constexpr const char* kFaults =
+    R"(main|mix.wav|1|9000|0||the mix is 1-channel; VERDEL handles stereo files. Bounce the mix and the stems as stereo.
+small engine|mix.wav|2|2047|0||the mix is only 2047 frames; VERDEL needs at least 2048 frames for this processing profile
+small main|mix.wav|2|2047|0||Candidate 14 needs at least 2048 audio frames
+small engine|taps/c.wav|0|0|0||this render needs about 1 GiB of working memory, but this Mac has 0 GiB; use fewer stems or a shorter bounce
+small main|taps/c.wav|0|0|0||“P/taps/c.wav” is not a WAV, AIFF, FLAC or CAF file.
+engine|taps/c.wav|2|9|0|--strict-inputs|c has a different length from the mix. Bounce every stem over the exact same range as the mix.
+main|taps/c.wav|2|9|0|--excerpt-len inf|--excerpt-len inf is too long to be counted in samples. Pass a length in seconds.
+main|taps/c.wav|2|9|0|--low-res z --low-res b --low-res A|verdel: error: --low-resolution requires an exact tap basename; unknown: z, A
+engine|x|0|0|0|--excerpt-len 1e-9|invalid candidate-14 allocation inputs or interval
+engine|mix.wav|2|12000|nan||non-finite single-band mix~P/mix.wav: sample 77 of channel 1 is not a finite number (both counted from 0). Bounce it again.
+main|taps/H.R.wav|1|12000|inf||single-band taps must match the finite full mix~P/taps/H.R.wav: sample 77 of channel 0 is not a finite number (both counted from 0). Bounce it again.
+main|taps/M.wav|1|12000|0|--any-channels|single-band taps must match the finite full mix~P/taps/M.wav: 1 channel, but the mix has 2. Bounce it like the mix.
+stopped main|x|0|0|0||the run was cancelled
+)";
+
+TEST(Run, AFaultEndsItWithItsWordsAndNothingWritten) {
+  for (const std::string& line : testing::lines_of(kFaults)) {
+    SCOPED_TRACE(line);
+    const SmallProject project({"a", "b"});
+    for (const char* side : {"H.L.wav", "H.R.wav"}) project.write_tap(side, {project.mix()[0]});
+    const auto fault = testing::parts_of(line, '|');
+    const std::string file = project.path(fault[1]);
+    testing::write_bytes(file, "no");
+    if (const std::size_t channels = std::stoul(fault[2]); channels > 0) {
+      auto sound = hits(1, channels, std::stoul(fault[3]), 8000);
+      if (sound.back().size() > 77) sound.back()[77] = std::stod(fault[4]);
+      testing::write_audio(file, sound, 8000);
+    }
+    auto arguments = project.render();
+    for (const auto& word : testing::parts_of(fault[5], ' ')) {
+      if (!word.empty()) arguments.push_back(word);
+    }
+    const std::atomic<bool> stopped{fault[0].starts_with("stopped")};
+    auto [status, out, err] = run_entry(
+        fault[0].ends_with("main") ? main : shipping_main, arguments,
+        fault[0].starts_with("small") ? machine_with(2, 1 << 20, 1UL << 40) : system_machine(),
+        StopToken(stopped));
+    if (const auto place = err.find(project.path()); place != std::string::npos) {
+      err.replace(place, project.path().size(), 1, 'P');
+    }
+    std::replace(err.begin(), std::prev(err.end()), '\n', '~');
+    EXPECT_THAT(err, ::testing::EndsWith(fault[6] + "\n"));
+    EXPECT_EQ(err.starts_with("usage: "), status == 2);
+    EXPECT_EQ(status, stopped ? 130 : fault[6].starts_with("verdel: ") ? 2 : 1);
     EXPECT_FALSE(fs::exists(project.out()));
-  };
-  Channels bad_mix = project.mix();
-  bad_mix[1][1234] = std::nan("");
-  testing::write_audio(project.path("bad.wav"), bad_mix, 8000);
-  auto arguments = project.render();
-  arguments[1] = project.path("bad.wav");
-  expect_failure(shipping_main, arguments, "non-finite single-band mix",
-                 "bad.wav: sample 1234 of channel 1 is not a finite number (both counted from 0).");
-
-  Channels side = testing::hits(2, 1, 12000, 8000);
-  project.write_tap("Hat.L.wav", side);
-  side[0][77] = std::numeric_limits<double>::infinity();
-  project.write_tap("Hat.R.wav", side);
-  expect_failure(shipping_main, project.render(), "single-band taps must match the finite full mix",
-                 "taps/Hat.R.wav: sample 77 of channel 0 is not a finite number (both counted from "
-                 "0).");
-
-  fs::remove(project.path("taps/Hat.L.wav"));
-  fs::rename(project.path("taps/Hat.R.wav"), project.path("taps/Mono.wav"));
-  EXPECT_EQ(run_entry(main, project.render({"--any-channels"})).err,
-            "single-band taps must match the finite full mix\n" + project.path("taps/Mono.wav") +
-                ": 1 channel, but the mix has 2. Bounce it like the mix.\n");
+  }
 }
 
-TEST(Run, AFailureOnTheWayLeavesNothingWritten) {
-  const SmallProject project({"a", "b"});
-  Machine machine = machine_with(4);
-  machine.temporary_folder = [&] { return project.path("no such folder"); };
-  RunResult result = run_entry(shipping_main, project.render(), machine);
-  EXPECT_EQ(result.status, 1);
-  EXPECT_THAT(result.err, MatchesRegex(".*no such folder[^\n]*\n"));
-  const std::atomic<bool> stopped{true};
-  result = run_entry(shipping_main, project.render(), system_machine(), StopToken(stopped));
-  EXPECT_EQ(result.status, kExitCancelled);
-  EXPECT_FALSE(fs::exists(project.out()));
+// A process whose run holds a scratch directory with a file in it when signals come.
+[[noreturn]] void run(const std::string& folder, std::initializer_list<int> sent, bool listens) {
+  std::signal(SIGHUP, SIG_IGN);
+  EndSignals signals;
+  {
+    const TemporaryDirectory scratch(folder, "scratch-");
+    testing::write_bytes(scratch.path() + "/file", "x");
+    for (const int signal : sent) kill(getpid(), signal);
+    while (!listens) pause();
+    while (!signals.token().requested() && *sent.begin() != SIGHUP) usleep(100);
+  }
+  signals.finish();
+  sigset_t blocked;
+  pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
+  _exit(sigismember(&blocked, SIGINT) + sigismember(&blocked, SIGTERM));
+}
+
+TEST(Process, SignalsEndTheRunAndThenTheProcessWhetherItListensOrNot) {
+  const testing::TemporaryFolder folder;
+  for (const bool listens : {true, false}) {
+    EXPECT_EXIT(run(folder.path(), {SIGTERM}, listens), KilledBySignal(SIGTERM), "");
+    EXPECT_EXIT(run(folder.path(), {SIGINT, SIGHUP}, listens), KilledBySignal(SIGINT), "");
+  }
+  EXPECT_EXIT(run(folder.path(), {SIGHUP}, true), ExitedWithCode(0), "");
+  EXPECT_TRUE(testing::contents_of(folder.path()).empty());
+}
+
+// Opens a file as a render opens a stem, prints beside it, and tells which of both was refused.
+int print_beside_a_file(const std::vector<std::string>& arguments, RunContext& context) {
+  const int file = open(arguments[0].c_str(), O_CREAT | O_RDWR, 0600);
+  std::fputs("words", context.out);
+  std::fputs("words", context.err);
+  return write(file, "stem", 4) == 4 && std::fflush(context.out) != 0 ? 0 : 1;
+}
+
+TEST(Process, NoFileTakesThePlaceOfAStreamThatWasClosed) {
+  const testing::TemporaryFolder folder;
+  std::string program = "verdel", path = folder.path("stem");
+  char* words[] = {program.data(), path.data(), nullptr};
+  const auto run_without = [&](std::initializer_list<int> streams) {
+    for (const int stream : streams) close(stream);
+    _exit(run_process(print_beside_a_file, 2, words));
+  };
+  EXPECT_EXIT(run_without({STDOUT_FILENO}), ExitedWithCode(0), "");
+  EXPECT_EXIT(run_without({STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}), ExitedWithCode(0), "");
+  EXPECT_EQ(testing::bytes_of(path), "stem");
 }
 
 }  // namespace

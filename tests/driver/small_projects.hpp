@@ -48,45 +48,40 @@ inline Channels hits(std::size_t number, std::size_t channels, std::size_t frame
   return sound;
 }
 
-/// A project folder with a mix of saturated, slightly reverberant hits, and a tap for each name.
+struct ProjectShape {
+  std::size_t channels = 2, frames = 12000;
+  int sr = 8000;
+};
+
+/// A project folder with a mix of saturated hits, and a tap for each name.
 class SmallProject {
  public:
-  struct Shape {
-    std::size_t channels = 2, frames = 12000;
-    int sr = 8000;
-  };
-
-  explicit SmallProject(const std::vector<std::string>& names) : SmallProject(names, Shape{}) {}
-  SmallProject(const std::vector<std::string>& names, const Shape& shape) : sr_(shape.sr) {
+  explicit SmallProject(const std::vector<std::string>& names, const ProjectShape& shape = {})
+      : sr_(shape.sr) {
     const auto [channels, frames, sr] = shape;
     std::filesystem::create_directories(folder_.path("taps"));
-    Channels sum(channels, std::vector<double>(frames));
+    mix_ = Channels(channels, std::vector<double>(frames));
     for (std::size_t s = 0; s < names.size(); ++s) {
       const Channels tap = hits(s, channels, frames, sr);
       write_tap(names[s] + ".wav", tap);
       for (std::size_t c = 0; c < channels; ++c) {
-        for (std::size_t i = 0; i < frames; ++i) sum[c][i] += tap[c][i];
+        for (std::size_t i = 0; i < frames; ++i) mix_[c][i] += tap[c][i];
       }
     }
-    mix_ = sum;
-    for (std::size_t c = 0; c < channels; ++c) {
-      for (std::size_t i = 0; i < frames; ++i) {
-        const double wet = i < 700 ? 0.0 : 0.1 * sum[c][i - 700];
-        mix_[c][i] = std::tanh(1.2 * (sum[c][i] + wet));
-      }
+    for (auto& channel : mix_) {
+      for (double& sample : channel) sample = std::tanh(1.2 * sample);
     }
     write_audio(mix_path(), mix_, sr);
   }
 
-  const TemporaryFolder& folder() const { return folder_; }
   const std::string& path() const { return folder_.path(); }
   std::string path(const std::string& name) const { return folder_.path(name); }
   std::string mix_path() const { return folder_.path("mix.wav"); }
   std::string out() const { return folder_.path("out"); }
   const Channels& mix() const { return mix_; }
 
-  void write_tap(const std::string& name, const Channels& sound, int sr = 0) const {
-    write_audio(folder_.path("taps/" + name), sound, sr == 0 ? sr_ : sr);
+  void write_tap(const std::string& name, const Channels& sound) const {
+    write_audio(folder_.path("taps/" + name), sound, sr_);
   }
 
   /// Arguments of a render of this project, without the report, and some more.

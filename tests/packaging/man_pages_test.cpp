@@ -19,7 +19,7 @@ struct Page {
 
 std::vector<Page> pages() {
   return {{"verdel", entries_of(option_table())},
-          {"verdel-engine", entries_of(shipping_option_table())},
+          {"verdel-engine", entries_of(engine_option_table())},
           {"verdel-verify", entries_of(verify_option_table())}};
 }
 

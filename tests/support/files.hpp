@@ -37,6 +37,13 @@ inline std::vector<std::string> lines_of(const std::string& text) {
   return lines;
 }
 
+/// The parts of a text between separators, one more than there are of these.
+inline std::vector<std::string> parts_of(const std::string& text, char separator) {
+  std::vector<std::string> parts(1);
+  for (const char c : text) c == separator ? parts.emplace_back() : parts.back() += c;
+  return parts;
+}
+
 /// The message of the failure of a kind that an action ends in; nothing where it ends well.
 template <class Failure>
 std::string failure_of(const std::function<void()>& action) {

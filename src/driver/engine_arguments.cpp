@@ -1,4 +1,4 @@
-#include "driver/shipping.hpp"
+#include "driver/engine_arguments.hpp"
 
 #include "support/number_text.hpp"
 
@@ -26,8 +26,8 @@ class ArgumentList {
 
 }  // namespace
 
-std::vector<std::string> shipping_arguments(const ShippingOptions& options,
-                                            const CommandLine& command_line) {
+std::vector<std::string> engine_arguments(const EngineOptions& options,
+                                          const CommandLine& command_line) {
   constexpr Profile profile;
   ArgumentList list;
   list.add("--mix", options.mix.value_or(""));

@@ -8,11 +8,11 @@
 
 namespace verdel::internal {
 
-/// The argument list that stands for the parent application's request on the full command line:
-/// its own options and the fixed processing profile. Numbers are written so that they read back as
+/// The argument list of the full command line that does what the engine was asked for: its own
+/// options and the fixed processing profile. Numbers are written so that they read back as
 /// the same value, and a text that would be taken for an option is tied to its option by "=".
 /// Throws the UsageError of `command_line` if a render lacks its folders.
-std::vector<std::string> shipping_arguments(const ShippingOptions& options,
-                                            const CommandLine& command_line);
+std::vector<std::string> engine_arguments(const EngineOptions& options,
+                                          const CommandLine& command_line);
 
 }  // namespace verdel::internal
