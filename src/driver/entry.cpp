@@ -11,6 +11,7 @@
 #include "driver/run.hpp"
 #include "driver/shipping.hpp"
 #include "support/errors.hpp"
+#include "support/unicode_text.hpp"
 
 namespace verdel::internal {
 namespace {
@@ -18,10 +19,11 @@ namespace {
 constexpr const char* kShippingProgram = "VERDEL Engine";
 
 /// What was printed so far goes out before the failure's text, whatever becomes of it; where it
-/// cannot go out, the failure at hand is still the one to report.
+/// cannot go out, the failure at hand is still the one to report. The text may hold names of any
+/// kind, and what a library says of them.
 int report_failure(const RunContext& context, const char* text, int status) {
   std::fflush(context.out);
-  std::fprintf(context.err, "%s\n", text);
+  std::fprintf(context.err, "%s\n", printable_lines(text).c_str());
   std::fflush(context.err);
   return status;
 }

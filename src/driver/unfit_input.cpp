@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "signal/levels.hpp"
+#include "support/unicode_text.hpp"
 
 namespace verdel::internal {
 namespace {
@@ -17,7 +18,7 @@ std::optional<std::string> bad_sample_of(const StemInput& input, AudioView audio
   const bool is_pair = input.files.size() == 2;
   return fmt::format(
       "{}: sample {} of channel {} is not a finite number (both counted from 0). Bounce it again.",
-      is_pair ? input.files[bad->channel] : input.files.front(), sample,
+      printable(is_pair ? input.files[bad->channel] : input.files.front()), sample,
       is_pair ? 0 : bad->channel);
 }
 
@@ -32,7 +33,7 @@ std::optional<std::string> unfit_input(const Mix& mix, const StemMap& taps,
     if (input == plan.end()) continue;
     if (tap.audio.rows() != mix.channels()) {
       return fmt::format("{}: {} channels, but the mix has {}. Bounce it like the mix.",
-                         input->files.front(), tap.audio.rows(), mix.channels());
+                         printable(input->files.front()), tap.audio.rows(), mix.channels());
     }
     const auto moved = std::ranges::find(lags, tap.name, &AppliedLag::name);
     const std::ptrdiff_t lag = moved == lags.end() ? 0 : moved->lag;

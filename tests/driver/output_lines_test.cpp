@@ -26,7 +26,9 @@ TEST(OutputLines, NamesAreJsonAndKeepTheirLetters) {
   EXPECT_EQ(alignment_line("Kick", -3), R"(alignment-json: {"name": "Kick", "lag": -3})");
   EXPECT_EQ(alignment_line("Bässe", 12), R"(alignment-json: {"name": "Bässe", "lag": 12})");
   EXPECT_EQ(json_string(std::string("a\"\\/\b\f\n\r\t\x01\x1f\x7f\0z", 14)),
-            "\"a\\\"\\\\/\\u0008\\u000c\\n\\r\\t\\u0001\\u001f\x7f\\u0000z\"");
+            "\"a\\\"\\\\/\\u0008\\u000c\\n\\r\\t\\u0001\\u001f\\u007f\\u0000z\"");
+  EXPECT_EQ(json_string("\xC2\x85\xE2\x80\xA8\xE2\x80\xAE\xE9"),
+            "\"\\u0085\\u2028\\u202e\\ufffd\"");
 }
 
 }  // namespace
