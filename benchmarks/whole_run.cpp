@@ -168,13 +168,14 @@ Results measure_render(Run& run) {
   Mix mix = measure.stage("load mix", [&] { return read_mix(run); });
   const double seconds = static_cast<double>(mix.frames()) / mix.sr;
   run.options.excerpt_start = 0.5 * (seconds - run.options.excerpt_len.value_or(seconds));
-  const std::size_t stems = plan_stem_inputs(*run.options.taps).size();
+  const std::vector<StemInput> plan = plan_stem_inputs(*run.options.taps);
+  const std::size_t stems = plan.size();
   try {
     check_preflight(run, mix, stems);
   } catch (const ValueError& refusal) {
     throw TooLarge(refusal.what());
   }
-  StemMap taps = measure.stage("load taps", [&] { return read_taps(run, mix); });
+  StemMap taps = measure.stage("load taps", [&] { return read_taps(run, mix, plan); });
   const OutputRange range = choose_output_range(run, mix);
   measure.stage("align", [&] { return align_taps(run, mix, taps); });
   Model model = measure.stage("model", [&] {

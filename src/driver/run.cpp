@@ -57,7 +57,7 @@ void run_engine(Run run) {
   const std::vector<StemInput> plan = plan_stem_inputs(*run.options.taps);
   check_preflight(run, mix, plan.size());
   run.lines.stage("reading the taps");
-  StemMap taps = read_taps(run, mix);
+  StemMap taps = read_taps(run, mix, plan);
   require_known_low_resolution(run.options, names_of(taps), run.command_line);
   const OutputRange range = choose_output_range(run, mix);
 
