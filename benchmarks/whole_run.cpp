@@ -205,7 +205,7 @@ Results measure_render(Run& run) {
   } catch (const ValueError& refusal) {
     throw TooLarge(refusal.what());
   }
-  StemMap taps = measure.stage("load taps", [&] { return read_taps(run, mix); });
+  StemMap taps = measure.stage("load taps", [&] { return read_taps(run, mix, plan); });
   const SongJob job{.mix = mix.audio.view(),
                     .sr = mix.sr,
                     .range = choose_output_range(run, mix),

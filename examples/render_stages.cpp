@@ -98,8 +98,8 @@ void render_stages(const fs::path& project, const fs::path& out) {
   const StageFiles files(out, mix.sr);
   files.write("mix", whole);
 
-  StemMap taps = load_stem_inputs({.folder = (project / "taps").string(),
-                                   .mix_sr = mix.sr,
+  StemMap taps = load_stem_inputs(plan_stem_inputs((project / "taps").string()),
+                                  {.mix_sr = mix.sr,
                                    .mix_channels = whole.rows(),
                                    .mix_frames = whole.columns(),
                                    .any_channels = true},

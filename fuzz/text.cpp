@@ -29,12 +29,27 @@ void require_sound_numbers(const std::string& text) {
   require(parse_whole(std::to_string(*whole)) == whole, "digits read as the same number");
 }
 
+// Whether there is something in the text that printable() is to escape.
+bool disturbs_a_line(const std::string& text) {
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const auto byte = [&](std::size_t k) {
+      return i + k < text.size() ? static_cast<unsigned char>(text[i + k]) : 0u;
+    };
+    if (byte(0) < 0x20 || byte(0) == 0x7F) return true;
+    if (byte(0) == 0xC2 && byte(1) < 0xA0) return true;
+    if (byte(0) == 0xE2 && byte(1) == 0x80 && byte(2) >= 0xA8 && byte(2) <= 0xAE) return true;
+    if (byte(0) == 0xE2 && byte(1) == 0x81 && byte(2) >= 0xA6 && byte(2) <= 0xA9) return true;
+  }
+  return false;
+}
+
 void require_sound_unicode(const std::string& text) {
   const std::string shown = printable(text);
   require(is_valid_utf8(shown) && printable(shown) == shown, "any text can be printed");
-  const bool has_controls =
-      std::any_of(text.begin(), text.end(), [](char c) { return c >= '\0' && c < ' '; });
-  require((shown == text) == (is_valid_utf8(text) && !has_controls), "plain text stays as it is");
+  require((shown == text) == (is_valid_utf8(text) && !disturbs_a_line(text)),
+          "plain text stays as it is");
+  require(std::ranges::count(printable_lines(text), '\n') == std::ranges::count(text, '\n'),
+          "lines stay lines");
   require(code_points(pad_right(text, 40)) >= 40 && pad_right(text, 0) == text, "padding pads");
   if (!is_valid_utf8(text)) return;
   const std::string normal = nfc(text);

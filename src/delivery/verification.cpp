@@ -5,6 +5,7 @@
 
 #include "inputs/audio_file.hpp"
 #include "support/errors.hpp"
+#include "support/unicode_text.hpp"
 
 namespace verdel::internal {
 namespace {
@@ -16,7 +17,7 @@ void add_file(const WrittenStem& stem, int sr, AudioArray& sum, const StopToken&
   AudioFile file(stem.path);
   const std::size_t channels = sum.rows();
   if (file.header() != AudioHeader{sr, channels, sum.columns()}) {
-    throw RuntimeError("written stem verification failed for " + stem.name);
+    throw RuntimeError("written stem verification failed for " + printable(stem.name));
   }
   std::vector<double> block(kBlockFrames * channels);
   std::size_t first = 0;

@@ -11,6 +11,7 @@
 #include "driver/option_table.hpp"
 #include "driver/run.hpp"
 #include "support/errors.hpp"
+#include "support/unicode_text.hpp"
 
 namespace verdel::internal {
 namespace {
@@ -22,10 +23,11 @@ constexpr const char* kEngineProgram = "VERDEL Engine";
 enum class Audience { kPerson, kParent };
 
 /// What was printed so far goes out before the failure's text, whatever becomes of it; where it
-/// cannot go out, the failure at hand is still the one to report.
+/// cannot go out, the failure at hand is still the one to report. The text may hold names of any
+/// kind, and what a library says of them.
 int report_failure(const RunContext& context, const char* text, int status) {
   std::fflush(context.out);
-  std::fprintf(context.err, "%s\n", text);
+  std::fprintf(context.err, "%s\n", printable_lines(text).c_str());
   std::fflush(context.err);
   return status;
 }

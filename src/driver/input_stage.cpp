@@ -65,16 +65,15 @@ void check_preflight(const Run& run, const Mix& mix, std::size_t stem_count) {
   if (error) throw ValueError(*error);
 }
 
-StemMap read_taps(const Run& run, const Mix& mix) {
-  const StemLoading loading{.folder = *run.options.taps,
-                            .mix_sr = mix.sr,
+StemMap read_taps(const Run& run, const Mix& mix, const std::vector<StemInput>& plan) {
+  const StemLoading loading{.mix_sr = mix.sr,
                             .mix_channels = mix.channels(),
                             .mix_frames = mix.frames(),
                             .any_channels = run.options.any_channels,
                             .strict_inputs = run.options.strict_inputs,
                             .workers = std::min(run.machine.processors(), kMostDecoders)};
   return load_stem_inputs(
-      loading, [&run](std::string_view line) { run.lines.print(line); }, run.stop);
+      plan, loading, [&run](std::string_view line) { run.lines.print(line); }, run.stop);
 }
 
 std::vector<std::string> names_of(const StemMap& stems) {

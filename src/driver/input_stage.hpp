@@ -29,8 +29,8 @@ Mix read_mix(const Run& run);
 /// opened. Throws ValueError.
 void check_preflight(const Run& run, const Mix& mix, std::size_t stem_count);
 
-/// Reads the taps, all of the mix's length, in stem order.
-StemMap read_taps(const Run& run, const Mix& mix);
+/// Reads the taps of a plan, all of the mix's length, in its order.
+StemMap read_taps(const Run& run, const Mix& mix, const std::vector<StemInput>& plan);
 
 std::vector<std::string> names_of(const StemMap& stems);
 

@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "support/number_text.hpp"
+#include "support/unicode_text.hpp"
 
 namespace verdel::internal {
 namespace {
@@ -84,7 +85,7 @@ std::string CommandLine::help() const {
 }
 
 void CommandLine::fail(const std::string& message) const {
-  throw UsageError(fmt::format("{}{}: error: {}", usage(), program_, message));
+  throw UsageError(fmt::format("{}{}: error: {}", usage(), program_, printable(message)));
 }
 
 std::vector<std::size_t> CommandLine::matches(std::string_view name) const {

@@ -45,33 +45,18 @@ void ProgressLines::emit_progress(std::string_view phase, std::size_t completed,
 }
 
 std::string json_string(std::string_view text) {
-  std::string json = "\"";
+  std::string quoted;
   for (const char c : text) {
-    switch (c) {
-      case '"':
-        json += "\\\"";
-        break;
-      case '\\':
-        json += "\\\\";
-        break;
-      case '\n':
-        json += "\\n";
-        break;
-      case '\r':
-        json += "\\r";
-        break;
-      case '\t':
-        json += "\\t";
-        break;
-      default:
-        if (static_cast<unsigned char>(c) < 0x20) {
-          json += fmt::format("\\u{:04x}", static_cast<unsigned>(c));
-        } else {
-          json += c;
-        }
-    }
+    if (c == '"' || c == '\\') quoted += '\\';
+    quoted += c;
   }
-  return json + "\"";
+  const std::string escaped = escape_disturbing(quoted, [](std::string_view, char32_t code) {
+    if (code == '\n') return std::string("\\n");
+    if (code == '\r') return std::string("\\r");
+    if (code == '\t') return std::string("\\t");
+    return fmt::format("\\u{:04x}", static_cast<unsigned>(code));
+  });
+  return "\"" + escaped + "\"";
 }
 
 std::string alignment_line(std::string_view name, std::ptrdiff_t lag) {

@@ -45,8 +45,8 @@ class ProgressLines {
   bool enabled_;
 };
 
-/// The text as a JSON string with its quotation marks: quotes, backslashes and control characters
-/// escaped, everything beyond ASCII as it is.
+/// The text as a JSON string with its quotation marks: quotes, backslashes and what disturbs a line
+/// escaped, everything else beyond ASCII as it is. Bytes that are no text become U+FFFD.
 std::string json_string(std::string_view text);
 
 /// The lines that the parent application reads, besides progress.

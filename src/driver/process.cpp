@@ -8,6 +8,7 @@
 
 #include "driver/end_signals.hpp"
 #include "inputs/path_text.hpp"
+#include "support/unicode_text.hpp"
 
 namespace verdel::internal {
 namespace {
@@ -36,7 +37,7 @@ int run_process(Entry entry, int argc, char** argv) try {
       .machine = system_machine(), .out = stdout, .err = stderr, .stop = signals.token()};
   std::vector<std::string> words(argv, argv + argc);
   if (!words.empty()) {
-    context.program_name = basename(words.front());
+    context.program_name = printable(basename(words.front()));
     words.erase(words.begin());
   }
   const int status = entry(words, context);

@@ -79,7 +79,7 @@ void run_engine(Run run) {
   const std::vector<StemInput> plan = plan_stem_inputs(*run.options.taps);
   check_preflight(run, mix, plan.size());
   run.lines.stage(name_of(Stage::kReadingTaps));
-  StemMap taps = read_taps(run, mix);
+  StemMap taps = read_taps(run, mix, plan);
   require_known_low_resolution(run.options, names_of(taps), run.command_line);
   const SongJob job = song_job(run.options, mix, choose_output_range(run, mix));
 

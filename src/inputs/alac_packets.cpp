@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <limits>
 #include <optional>
 #include <string_view>
@@ -38,23 +39,66 @@ std::optional<Chunk> only_chunk(const ByteSource& source, std::string_view name)
   return found;
 }
 
-// The bit depth in the codec's description, behind the atoms that older writers wrap around it.
-std::uint64_t described_depth(const ByteSource& source, const Chunk& description) {
-  const Bytes<48> bytes(source, description.body);
+// What the file's format, or the codec's own description, says of the sound.
+struct Sound {
+  std::uint64_t sr = 0, packet_frames = 0, channels = 0;
+  bool operator==(const Sound&) const = default;
+};
+
+struct Description {
+  Sound sound;
+  std::uint64_t depth = 0;  // in bits
+};
+
+// The codec's description, behind the atoms that older writers wrap around it.
+Description read_description(const ByteSource& source, const Chunk& chunk) {
+  const Bytes<48> bytes(source, chunk.body);
   std::size_t first = 0;
   for (const std::string_view atom : {"frma", "alac"}) {
     if (bytes.text(first + 4, 4) == atom) first += 12;
   }
-  return first + 24 <= description.size ? bytes.at(first + 5, 1, Order::big) : 0;
+  if (first + 24 > chunk.size) return {};
+  return {.sound = {.sr = bytes.at(first + 20, 4, Order::big),
+                    .packet_frames = bytes.at(first, 4, Order::big),
+                    .channels = bytes.at(first + 9, 1, Order::big)},
+          .depth = bytes.at(first + 5, 1, Order::big)};
+}
+
+// The sample rate, which a format has as a floating-point number; 0 if it is not a whole one.
+std::uint64_t whole_rate(const Bytes<32>& format) {
+  const auto rate = std::bit_cast<double>(format.at(0, 8, Order::big));
+  constexpr double kMost = std::numeric_limits<std::int32_t>::max();
+  if (!(rate >= 1.0 && rate <= kMost)) return 0;
+  const auto whole = static_cast<std::uint64_t>(rate);
+  return static_cast<double>(whole) == rate ? whole : 0;
+}
+
+// The flags that stand for the depth; nothing if there are none or they stand for another one.
+std::optional<std::uint64_t> depth_flag(std::uint64_t flags, const Sound& format,
+                                        const Description& description) {
+  constexpr std::array<std::uint64_t, 5> kDepths = {0, 16, 20, 24, 32};  // by the format's flags
+  const auto known = std::find(kDepths.begin() + 1, kDepths.end(), description.depth);
+  if (known == kDepths.end()) return std::nullopt;
+  const auto flag = static_cast<std::uint64_t>(known - kDepths.begin());
+  const bool is_left_open = flags == 0 && format == description.sound;
+  return flags == flag || is_left_open ? std::optional(flag) : std::nullopt;
 }
 
 struct Packets {
   std::uint64_t count = 0, bytes = 0, largest = 0;
+  bool any_uncompressed = false;
 };
+
+// Whether a packet begins with samples as they are: behind 19 bits of what it begins with stand
+// four, the last of which tells.
+bool is_uncompressed(const ByteSource& source, std::uint64_t packet) {
+  return (Bytes<3>(source, packet).bytes[2] & 0x02u) != 0;
+}
 
 // The sizes in a table, seven bits a byte, the last byte of each without its high bit. Nothing if
 // one is longer than four bytes or is cut off. A size of 0 ends the table; what follows is padding.
-std::optional<Packets> read_table(const ByteSource& source, const Chunk& table) {
+std::optional<Packets> read_table(const ByteSource& source, const Chunk& table,
+                                  std::uint64_t data) {
   constexpr int kMostDigits = 4;
   constexpr std::uint64_t kBlock = 4096;
   Packets packets;
@@ -72,6 +116,8 @@ std::optional<Packets> read_table(const ByteSource& source, const Chunk& table) 
       if (++digits > kMostDigits) return std::nullopt;
       if ((byte & 0x80u) != 0) continue;
       if (size == 0) return packets;
+      packets.any_uncompressed =
+          packets.any_uncompressed || is_uncompressed(source, data + packets.bytes);
       packets.count += 1;
       packets.bytes += size;
       packets.largest = std::max(packets.largest, size);
@@ -83,36 +129,47 @@ std::optional<Packets> read_table(const ByteSource& source, const Chunk& table) 
   return packets;
 }
 
-}  // namespace
-
-bool alac_packets_are_sound(const ByteSource& source, std::uint64_t data_bytes) {
-  constexpr std::array<std::uint64_t, 5> kDepths = {0, 16, 20, 24, 32};  // by the format's flags
-  const auto format = only_chunk(source, "desc"), description = only_chunk(source, "kuki"),
-             table = only_chunk(source, "pakt");
-  if (!format || !description || !table || table->size < kTableHeader) return false;
-  const Bytes<32> sound(source, format->body);
-  const std::uint64_t flags = sound.at(12, 4, Order::big);
-  const std::uint64_t packet_frames = sound.at(20, 4, Order::big);
-  const std::uint64_t channels = sound.at(24, 4, Order::big);
-  if (flags < 1 || flags >= kDepths.size() || packet_frames < 1 ||
-      packet_frames > kMostFramesPerPacket || channels < 1 || channels > kMostChannels ||
-      described_depth(source, *description) != kDepths[flags]) {
-    return false;
-  }
-  const auto packets = read_table(source, *table);
+// Whether the packets are what the head of their table announces: their number, that of the frames,
+// and that of frames before those.
+bool is_sound(const Packets& packets, const Sound& sound, const Bytes<kTableHeader>& announced) {
   // A packet that gains nothing by compression holds the samples as they are, behind some bits for
   // every channel.
-  const std::uint64_t most_bytes = channels * (packet_frames * sizeof(std::uint32_t) + 16);
-  // The table begins with the number of packets, of frames, and of frames before those.
-  const Bytes<kTableHeader> announced(source, table->body);
-  const std::uint64_t announced_frames = announced.at(8, 8, Order::big);
-  if (!packets || packets->count != announced.at(0, 8, Order::big) ||
-      packets->largest > most_bytes || packets->bytes > data_bytes ||
-      announced_frames > packets->count * packet_frames) {
+  const std::uint64_t most_bytes =
+      sound.channels * (sound.packet_frames * sizeof(std::uint32_t) + 16);
+  const std::uint64_t valid_frames = announced.at(8, 8, Order::big);
+  if (packets.count != announced.at(0, 8, Order::big) || packets.largest > most_bytes ||
+      valid_frames > packets.count * sound.packet_frames) {
     return false;
   }
-  const std::uint64_t frames = announced_frames + announced.at(16, 4, Order::big);
-  return packets->count == 0 || frames > (packets->count - 1) * packet_frames;
+  const std::uint64_t frames = valid_frames + announced.at(16, 4, Order::big);
+  return packets.count == 0 || frames > (packets.count - 1) * sound.packet_frames;
+}
+
+}  // namespace
+
+std::optional<AlacSound> read_alac_sound(const ByteSource& source, std::uint64_t data,
+                                         std::uint64_t data_bytes) {
+  const auto format = only_chunk(source, "desc"), description = only_chunk(source, "kuki"),
+             table = only_chunk(source, "pakt");
+  if (!format || !description || !table || table->size < kTableHeader) return std::nullopt;
+  const Bytes<32> bytes(source, format->body);
+  const Sound sound{.sr = whole_rate(bytes),
+                    .packet_frames = bytes.at(20, 4, Order::big),
+                    .channels = bytes.at(24, 4, Order::big)};
+  const auto flag =
+      depth_flag(bytes.at(12, 4, Order::big), sound, read_description(source, *description));
+  if (!flag || sound.packet_frames < 1 || sound.packet_frames > kMostFramesPerPacket ||
+      sound.channels < 1 || sound.channels > kMostChannels) {
+    return std::nullopt;
+  }
+  const auto packets = read_table(source, *table, data);
+  if (!packets || !is_sound(*packets, sound, Bytes<kTableHeader>(source, table->body)) ||
+      packets->bytes > data_bytes) {
+    return std::nullopt;
+  }
+  constexpr std::uint64_t kFlagOf16Bits = 1;
+  const bool is_deep_stereo = sound.channels > 1 && *flag > kFlagOf16Bits;
+  return AlacSound{*flag, is_deep_stereo && packets->any_uncompressed};
 }
 
 }  // namespace verdel::internal

@@ -9,6 +9,7 @@
 #include "inputs/alac_packets.hpp"
 #include "inputs/chunk_bytes.hpp"
 #include "support/errors.hpp"
+#include "support/number_text.hpp"
 #include "support/unicode_text.hpp"
 
 namespace verdel::internal {
@@ -27,6 +28,31 @@ BytePatch number_patch(std::uint64_t offset, std::size_t count, std::uint64_t va
         static_cast<unsigned char>(value >> (8 * i));
   }
   return patch;
+}
+
+constexpr std::array<std::uint64_t, 4> kPlainEncodings = {1, 3, 6, 7};  // PCM, float, A-, mu-law
+
+bool is_plain(std::uint64_t encoding) {
+  return std::find(kPlainEncodings.begin(), kPlainEncodings.end(), encoding) !=
+         kPlainEncodings.end();
+}
+
+// The first half of an encoding's GUID, four bytes and twice two, all of them big-endian.
+constexpr std::uint64_t big_guid(std::uint64_t encoding) {
+  return encoding << 32 | 0x10;
+}
+
+// The encoding in the first half of the GUID that a big-endian file has. Writers disagree: some
+// leave all its numbers little-endian, and one turns round the first two bytes alone. 0 if it is
+// none of these.
+std::uint64_t encoding_in_big_guid(std::uint64_t half) {
+  for (const std::uint64_t encoding : kPlainEncodings) {
+    if (half == big_guid(encoding) || half == (encoding << 56 | 0x1000) ||
+        half == (encoding << 48 | 0x1000)) {
+      return encoding;
+    }
+  }
+  return 0;
 }
 
 // The walk over one file.
@@ -51,41 +77,70 @@ class Walk {
   }
   void require_available(std::uint64_t promised, std::uint64_t present) const {
     if (promised <= present) return;
-    throw RuntimeError(
-        fmt::format("{} is cut short: its header promises {} bytes of audio, but only {} are "
-                    "there. Copy or bounce it again.",
-                    quoted_path(path_), promised, present));
+    throw RuntimeError(fmt::format(
+        "{} is cut short: its header promises {} of audio, but only {} {} there. Copy "
+        "or bounce it again.",
+        quoted_path(path_), counted(promised, "byte"), present, present == 1 ? "is" : "are"));
   }
   // The place of the chunk after one of `size` bytes at `body`.
   std::uint64_t behind(std::uint64_t body, std::uint64_t size) const {
     if (size > available(body)) fail_without_audio();
     return body + size;
   }
-  void require_plain_wav(std::uint64_t format, Order order) const;
+  // A patch where the decoder would not know the encoding.
+  std::optional<BytePatch> require_plain_wav(std::uint64_t format, Order order) const;
+  bool holds_chunks(std::uint64_t first, std::uint64_t end, Order order) const;
+  bool is_open(std::uint64_t container_size, std::uint64_t ones, std::uint64_t audio_start,
+               Order order) const;
   void require_plain_aiff(const Bytes<22>& common, bool is_compressible,
                           std::uint64_t data_bytes) const;
+  BytePatch alac_patch(std::uint64_t data, std::uint64_t data_bytes) const;
 
   const ByteSource& source_;
   const std::string& path_;
 };
 
-// Whether an audio size of 0 was left open: the whole container ends where the audio begins, yet
-// the file goes on. Where the container covers what follows, other chunks do, and there is no
-// audio.
-bool is_open(std::uint64_t container_size, std::uint64_t ones, std::uint64_t audio_start,
-             std::uint64_t available) {
-  constexpr std::uint64_t kContainerHeader = 8;
-  const bool container_is_open = container_size == 0 || container_size == ones;
-  return available > 0 && (container_is_open || container_size <= audio_start - kContainerHeader);
+// Whether the bytes are whole chunks, one behind the other; a last one may lack its pad byte.
+bool Walk::holds_chunks(std::uint64_t first, std::uint64_t end, Order order) const {
+  const auto is_letter = [](char c) { return c >= ' ' && c <= '~'; };
+  for (int chunk = 0; first < end && chunk < kMostChunks; ++chunk) {
+    const Bytes<8> heading(source_, first);
+    const std::string_view name = heading.text(0, 4);
+    const std::uint64_t size = heading.at(4, 4, order);
+    if (end - first < 8 || !std::all_of(name.begin(), name.end(), is_letter) ||
+        size > end - first - 8) {
+      return false;
+    }
+    first += 8 + size + size % 2;
+  }
+  return first >= end;
 }
 
-void Walk::require_plain_wav(std::uint64_t format, Order order) const {
-  constexpr std::uint64_t kExtensible = 0xFFFE;  // the encoding stands in its own place
-  constexpr std::array<std::uint64_t, 4> kPlain = {1, 3, 6, 7};  // PCM, float, A-law, mu-law
-  const Bytes<26> bytes(source_, format);
+// Whether an audio size of 0 was left open by a writer that could not go back: the file goes on,
+// and what follows is neither outside of the container nor other chunks in it.
+bool Walk::is_open(std::uint64_t container_size, std::uint64_t ones, std::uint64_t audio_start,
+                   Order order) const {
+  constexpr std::uint64_t kContainerHeader = 8;
+  if (audio_start == source_.size) return false;
+  if (container_size == 0 || container_size == ones) return true;
+  if (container_size <= audio_start - kContainerHeader) return true;
+  const std::uint64_t end = std::min(container_size, source_.size - kContainerHeader);
+  return !holds_chunks(audio_start, end + kContainerHeader, order);
+}
+
+std::optional<BytePatch> Walk::require_plain_wav(std::uint64_t format, Order order) const {
+  constexpr std::uint64_t kExtensible = 0xFFFE;  // the encoding stands in a GUID
+  constexpr std::uint64_t kGuid = 24;
+  const Bytes<kGuid + 8> bytes(source_, format);
   std::uint64_t encoding = bytes.at(0, 2, order);
-  if (encoding == kExtensible) encoding = bytes.at(24, 2, order);
-  if (std::find(kPlain.begin(), kPlain.end(), encoding) == kPlain.end()) fail_audio_encoding(path_);
+  if (encoding == kExtensible && order == Order::big) {
+    encoding = encoding_in_big_guid(bytes.at(kGuid, 8, order));
+    if (is_plain(encoding)) return number_patch(format + kGuid, 8, big_guid(encoding), order);
+  } else if (encoding == kExtensible) {
+    encoding = bytes.at(kGuid, 2, order);
+  }
+  if (!is_plain(encoding)) fail_audio_encoding(path_);
+  return std::nullopt;
 }
 
 AudioContainer Walk::wav(Order order) {
@@ -112,7 +167,9 @@ AudioContainer Walk::wav(Order order) {
       long_size_offset = body + 8;
       ones = kOnes64;
     }
-    if (heading.text(0, 4) == "fmt ") require_plain_wav(body, order);
+    if (heading.text(0, 4) == "fmt ") {
+      if (const auto patch = require_plain_wav(body, order)) found.patches.push_back(*patch);
+    }
     if (heading.text(0, 4) != "data") {
       position = behind(body, size + size % 2);
       continue;
@@ -122,7 +179,7 @@ AudioContainer Walk::wav(Order order) {
     const bool is_long = long_size && (size == kOnes32 || size == 0);
     const std::uint64_t promised = is_long ? *long_size : size;
     const bool open = promised == (is_long ? kOnes64 : kOnes32) ||
-                      (promised == 0 && is_open(container_size, ones, body, present));
+                      (promised == 0 && is_open(container_size, ones, body, order));
     if (!open) require_available(promised, present);
     found.data_bytes = open ? present : promised;
     if (long_size && *long_size != *found.data_bytes) {
@@ -177,7 +234,7 @@ AudioContainer Walk::aiff() {
       if (before > present) fail_without_audio();
       const bool open =
           size == 0 || size == kOnes32 ||
-          (size == before && is_open(container_size, kOnes32, body + before, present - before));
+          (size == before && is_open(container_size, kOnes32, body + before, Order::big));
       if (!open && size < before) fail_without_audio();
       if (!open) require_available(size - before, present - before);
       found.data_bytes = open ? present - before : size - before;
@@ -193,6 +250,23 @@ AudioContainer Walk::aiff() {
   if (!found.data_bytes) fail_without_audio();
   if (common) require_plain_aiff(*common, is_compressible, *found.data_bytes);
   return found;
+}
+
+// Tells the decoder the bit depth, which not every file does.
+BytePatch Walk::alac_patch(std::uint64_t data, std::uint64_t data_bytes) const {
+  constexpr std::uint64_t kFormatFlags = 32;  // the format is the first chunk
+  const auto sound = read_alac_sound(source_, data, data_bytes);
+  if (!sound) {
+    throw RuntimeError(quoted_path(path_) +
+                       " is damaged or cut short: its table of packets makes no sense. Copy or "
+                       "bounce it again.");
+  }
+  if (sound->is_misread) {
+    throw RuntimeError(quoted_path(path_) +
+                       " holds uncompressed packets of more than 16 bits, which the decoder would "
+                       "misread. Bounce it as WAV, AIFF or FLAC.");
+  }
+  return number_patch(kFormatFlags, 4, sound->depth_flag, Order::big);
 }
 
 AudioContainer Walk::caf() {
@@ -218,10 +292,8 @@ AudioContainer Walk::caf() {
     if (!open) require_available(size - kEditCount, present - kEditCount);
     AudioContainer found;
     found.data_bytes = (open ? present : size) - kEditCount;
-    if (format == "alac" && !alac_packets_are_sound(source_, *found.data_bytes)) {
-      throw RuntimeError(quoted_path(path_) +
-                         " is damaged or cut short: its table of packets makes no sense. Copy or "
-                         "bounce it again.");
+    if (format == "alac") {
+      found.patches.push_back(alac_patch(body + kEditCount, *found.data_bytes));
     }
     if (open) found.patches.push_back(number_patch(body - 8, 8, present, Order::big));
     return found;

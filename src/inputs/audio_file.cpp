@@ -15,6 +15,7 @@
 
 #include "inputs/audio_container.hpp"
 #include "support/errors.hpp"
+#include "support/number_text.hpp"
 #include "support/unicode_text.hpp"
 
 namespace verdel::internal {
@@ -127,9 +128,9 @@ AudioHeader header_of(const SF_INFO& properties, const std::string& path) {
   // FLAC counts its samples in 36 bits; the decoder turns an absent count into a larger number.
   constexpr sf_count_t kMostFlacFrames = (sf_count_t{1} << 36) - 1;
   if (properties.samplerate < 1 || properties.channels < 1 || properties.frames < 0) {
-    throw RuntimeError(fmt::format("{} is damaged: {} Hz, {} channels and {} frames make no sense.",
-                                   quoted_path(path), properties.samplerate, properties.channels,
-                                   properties.frames));
+    throw RuntimeError(fmt::format(
+        "{} is damaged: {} Hz, {} and {} make no sense.", quoted_path(path), properties.samplerate,
+        counted(properties.channels, "channel"), counted(properties.frames, "frame")));
   }
   AudioHeader header{properties.samplerate, static_cast<std::size_t>(properties.channels), {}};
   const bool is_flac = (properties.format & SF_FORMAT_TYPEMASK) == SF_FORMAT_FLAC;
@@ -152,9 +153,10 @@ struct AudioFile::State {
   [[noreturn]] void fail_at_position() const {
     const std::string_view reason = sf_error(file.get()) != 0 ? sf_strerror(file.get()) : "";
     throw RuntimeError(fmt::format(
-        "{} is damaged or cut short: decoding stopped after {}{} frames{}{}{}. Copy or bounce it "
-        "again.",
-        quoted_path(path), position, header.frames ? fmt::format(" of {}", *header.frames) : "",
+        "{} is damaged or cut short: decoding stopped after {}{}{}{}. Copy or bounce it again.",
+        quoted_path(path),
+        header.frames ? fmt::format("{} of {}", position, counted(*header.frames, "frame"))
+                      : counted(position, "frame"),
         reason.empty() ? "" : " (", reason, reason.empty() ? "" : ")"));
   }
 };
@@ -179,9 +181,9 @@ AudioFile::AudioFile(ByteSource source, const std::string& path)
   const std::uint64_t frames_present = *container.data_bytes / (bytes * state.header.channels);
   if (*state.header.frames < frames_present) {
     throw RuntimeError(
-        fmt::format("{} cannot be read whole: only {} of its {} frames can be reached. Bounce it "
-                    "again, beyond 4 GiB as RF64 or CAF.",
-                    quoted_path(path), *state.header.frames, frames_present));
+        fmt::format("{} cannot be read whole: only {} of its {} can be reached. Bounce it again, "
+                    "beyond 4 GiB as RF64 or CAF.",
+                    quoted_path(path), *state.header.frames, counted(frames_present, "frame")));
   }
   state.length_is_verified = *state.header.frames == frames_present;
 }

@@ -4,6 +4,7 @@
 
 #include "inputs/path_text.hpp"
 #include "support/errors.hpp"
+#include "support/unicode_text.hpp"
 
 namespace verdel::internal {
 namespace {
@@ -11,7 +12,7 @@ namespace {
 void require_mono(const AudioFile& side) {
   if (side.header().channels == 1) return;
   throw ValueError(fmt::format("{}: {}-channel; each .L/.R side must be mono.",
-                               basename(side.path()), side.header().channels));
+                               printable(basename(side.path())), side.header().channels));
 }
 
 // The sure test of a file that looks cut short: decoding throws if it is.
@@ -29,7 +30,7 @@ AudioHeader pair_header(const StemInput& pair, const AudioFile& left, const Audi
     throw ValueError(
         fmt::format("{} and {} have different sample rates. Bounce both mono sides at the same "
                     "sample rate.",
-                    basename(left.path()), basename(right.path())));
+                    printable(basename(left.path())), printable(basename(right.path()))));
   }
   AudioHeader header{left.header().sr, 2, {}};
   if (left.header().frames && right.header().frames) {
@@ -47,11 +48,7 @@ void require_equal_lengths(const StemInput& pair, std::size_t left_frames,
   throw ValueError(
       fmt::format("{} and {} have different lengths. Bounce both mono sides over the exact same "
                   "range.",
-                  basename(pair.files[0]), basename(pair.files[1])));
-}
-
-AudioHeader read_audio_header(const std::string& path) {
-  return AudioFile(path).header();
+                  printable(basename(pair.files[0])), printable(basename(pair.files[1]))));
 }
 
 OpenAudioInput open_audio_input(const StemInput& input) {

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <string>
 #include <vector>
 
 #include "inputs/audio_file.hpp"
@@ -8,9 +7,6 @@
 #include "support/stop_token.hpp"
 
 namespace verdel::internal {
-
-/// The header of the audio file at `path`. Errors as those of AudioFile.
-AudioHeader read_audio_header(const std::string& path);
 
 /// The files of one input, open, and what they make together.
 struct OpenAudioInput {

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "support/errors.hpp"
+#include "support/number_text.hpp"
 #include "support/ordered_prefetch.hpp"
 #include "support/unicode_text.hpp"
 
@@ -29,8 +30,8 @@ AudioArray allocate(std::size_t channels, std::size_t frames, const std::string&
   try {
     return AudioArray::uninitialised(channels, frames);
   } catch (const std::bad_alloc&) {
-    throw RuntimeError(fmt::format("{} does not fit into memory: {} channels of {} frames.",
-                                   quoted_path(path), channels, frames));
+    throw RuntimeError(fmt::format("{} does not fit into memory: {} of {}.", quoted_path(path),
+                                   counted(channels, "channel"), counted(frames, "frame")));
   }
 }
 
@@ -109,12 +110,20 @@ FittedAudio decode_fitted(OpenAudioInput& opened, const StemInput& input, std::s
   return fitted;
 }
 
-AudioArray decode_whole(OpenAudioInput& opened, const StemInput& input, const StopToken& stop) {
-  const bool is_verified = std::all_of(opened.files.begin(), opened.files.end(),
-                                       [](const auto& file) { return file.length_is_verified(); });
-  if (is_verified) return decode_fitted(opened, input, *opened.header.frames, stop).audio;
-  if (opened.files.size() == 1) return gather(opened.files.front(), stop);
-  const AudioArray left = gather(opened.files[0], stop), right = gather(opened.files[1], stop);
+AudioArray decode_whole(AudioFile& file, const StopToken& stop) {
+  if (!file.length_is_verified()) return gather(file, stop);
+  AudioArray audio = allocate(file.header().channels, *file.header().frames, file.path());
+  decode_into(file, audio.view(), stop);
+  return audio;
+}
+
+AudioArray decode_pair(OpenAudioInput& pair, const StemInput& input, const StopToken& stop) {
+  const auto is_verified = [](const AudioFile& file) { return file.length_is_verified(); };
+  if (std::ranges::all_of(pair.files, is_verified)) {
+    return decode_fitted(pair, input, *pair.header.frames, stop).audio;
+  }
+  const AudioArray left = decode_whole(pair.files[0], stop);
+  const AudioArray right = decode_whole(pair.files[1], stop);
   require_equal_lengths(input, left.columns(), right.columns());
   AudioArray both = allocate(2, left.columns(), input.files.front());
   std::ranges::copy(left.flat(), both.row(0).begin());
@@ -126,15 +135,15 @@ AudioArray decode_whole(OpenAudioInput& opened, const StemInput& input, const St
 // them. A length that the header does not tell is not judged.
 void require_fit(const StemInput& stem, const AudioHeader& header, const StemLoading& loading,
                  const LineSink& message) {
+  const std::string name = printable(stem.name);
   if (header.sr != loading.mix_sr) {
-    throw ValueError(
-        fmt::format("{}: {} Hz but mix is {} Hz", stem.name, header.sr, loading.mix_sr));
+    throw ValueError(fmt::format("{}: {} Hz but mix is {} Hz", name, header.sr, loading.mix_sr));
   }
   if (header.channels != loading.mix_channels && !loading.any_channels) {
     throw ValueError(
         fmt::format("{}: {}-channel but the mix is {}-channel. Bounce everything as stereo, or "
                     "provide matching mono .L and .R files.",
-                    stem.name, header.channels, loading.mix_channels));
+                    name, header.channels, loading.mix_channels));
   }
   if (!header.frames) return;
   const auto [shorter, longer] = std::minmax(*header.frames, loading.mix_frames);
@@ -143,13 +152,49 @@ void require_fit(const StemInput& stem, const AudioHeader& header, const StemLoa
     throw ValueError(
         fmt::format("{} has a different length from the mix. Bounce every stem over the exact "
                     "same range as the mix.",
-                    stem.name));
+                    name));
   }
   const auto seconds = [&](std::size_t frames) {
     return static_cast<double>(frames) / static_cast<double>(header.sr);
   };
-  message(fmt::format("  ! {} length {:.2f}s vs mix {:.2f}s - LENGTH MISMATCH", stem.name,
+  message(fmt::format("  ! {} length {:.2f}s vs mix {:.2f}s - LENGTH MISMATCH", name,
                       seconds(*header.frames), seconds(loading.mix_frames)));
+}
+
+// What the look at a stem's header told.
+struct JudgedStem {
+  AudioHeader header;
+  std::vector<std::string> warnings = {};  // those that wait for their turn
+};
+
+void hand_on(const std::vector<std::string>& warnings, const LineSink& message) {
+  for (const std::string& warning : warnings) message(warning);
+}
+
+// Holds all headers against the mix. A warning behind a stem whose length only its decoding tells
+// waits for it, so that all come in stem order; unless the run ends here.
+std::vector<JudgedStem> judge_headers(const std::vector<StemInput>& plan,
+                                      const StemLoading& loading, const LineSink& message,
+                                      const StopToken& stop) {
+  std::vector<JudgedStem> judged;
+  judged.reserve(plan.size());
+  bool all_lengths_known = true;
+  try {
+    for (const StemInput& stem : plan) {
+      stop.check();
+      JudgedStem& next = judged.emplace_back();
+      next.header = check_audio_input(stem, stop);
+      require_fit(stem, next.header, loading, [&](std::string_view line) {
+        if (all_lengths_known) return message(line);
+        next.warnings.emplace_back(line);
+      });
+      all_lengths_known = all_lengths_known && next.header.frames;
+    }
+  } catch (...) {
+    for (const JudgedStem& stem : judged) hand_on(stem.warnings, message);
+    throw;
+  }
+  return judged;
 }
 
 // A decoded stem, and what is to be said of it.
@@ -177,35 +222,31 @@ DecodedStem decode_stem(const StemInput& stem, const AudioHeader& judged,
 }  // namespace
 
 LoadedAudio load(const std::string& path, const StopToken& stop) {
-  return load_audio_input({"", {path}}, stop);
+  AudioFile file(path);
+  return {decode_whole(file, stop), file.header().sr};
 }
 
 LoadedAudio load_audio_input(const StemInput& input, const StopToken& stop) {
-  OpenAudioInput opened = open_audio_input(input);
-  return {decode_whole(opened, input, stop), opened.header.sr};
+  if (input.files.size() == 1) return load(input.files.front(), stop);
+  OpenAudioInput pair = open_audio_input(input);
+  return {decode_pair(pair, input, stop), pair.header.sr};
 }
 
-StemMap load_stem_inputs(const StemLoading& loading, const LineSink& message,
-                         const StopToken& stop) {
-  const std::vector<StemInput> plan = plan_stem_inputs(loading.folder);
+StemMap load_stem_inputs(const std::vector<StemInput>& plan, const StemLoading& loading,
+                         const LineSink& message, const StopToken& stop) {
   if (plan.empty()) throw ValueError("no tap files found");
-  std::vector<AudioHeader> headers;
-  headers.reserve(plan.size());
-  for (const StemInput& stem : plan) {
-    stop.check();
-    headers.push_back(check_audio_input(stem, stop));
-    require_fit(stem, headers.back(), loading, message);
-  }
+  const std::vector<JudgedStem> judged = judge_headers(plan, loading, message, stop);
   // Several decode at once; results, warnings and the first failure come in stem order.
   auto decoded = _ordered_prefetch(
-      [&](std::size_t i) { return decode_stem(plan[i], headers[i], loading, stop); }, plan.size(),
-      std::clamp<std::size_t>(loading.workers, 1, plan.size()), "verdel-decode");
+      [&](std::size_t i) { return decode_stem(plan[i], judged[i].header, loading, stop); },
+      plan.size(), std::clamp<std::size_t>(loading.workers, 1, plan.size()), "verdel-decode");
   StemMap stems;
   stems.reserve(plan.size());
-  for (const StemInput& stem : plan) {
+  for (std::size_t i = 0; i < plan.size(); ++i) {
     DecodedStem next = *decoded.next();
-    for (const std::string& warning : next.warnings) message(warning);
-    stems.push_back({stem.name, std::move(next.audio)});
+    hand_on(judged[i].warnings, message);
+    hand_on(next.warnings, message);
+    stems.push_back({plan[i].name, std::move(next.audio)});
   }
   return stems;
 }

@@ -51,18 +51,46 @@ bool is_audio_name(const std::string& name) {
   return has_audio_extension(split_extension(name).extension);
 }
 
-void require_utf8(const std::string& name) {
-  if (is_valid_utf8(name)) return;
-  throw ValueError(quoted_path(name) + " has a name that is not valid UTF-8. Rename it.");
+// Only the file's own name becomes a stem's; the folders before it may be called anything.
+void require_utf8(const std::string& path) {
+  if (is_valid_utf8(basename(path))) return;
+  throw ValueError(quoted_path(path) + " has a name that is not valid UTF-8. Rename it.");
+}
+
+Paths sorted_names(const Paths& files) {
+  Paths names;
+  names.reserve(files.size());
+  for (const std::string& file : files) names.push_back(basename(file));
+  sort_by_name(names);
+  return names;
+}
+
+// A line of its own that tells names apart which differ in their Unicode form only and so look the
+// same; nothing where there are none.
+std::string tell_lookalikes_apart(const Paths& files) {
+  const Paths names = sorted_names(files);
+  Paths alike;
+  for (const std::string& name : names) {
+    const bool has_double = std::ranges::any_of(
+        names, [&](const std::string& other) { return other != name && nfc(other) == nfc(name); });
+    if (has_double) alike.push_back(spelt_out(name));
+  }
+  if (alike.empty()) return "";
+  return fmt::format("\nThey look the same, but their letters are coded differently: {}.",
+                     fmt::join(alike, " and "));
+}
+
+[[noreturn]] void refuse_files(const Paths& files, const std::string& reason) {
+  throw ValueError(_quoted_files(files) + " " + reason + tell_lookalikes_apart(files));
 }
 
 // `kind` is what the messages call the name, "mix " or nothing.
 void require_single_sides(const Sides& sides, std::string_view kind) {
   const auto require = [&](const Paths& paths, std::string_view side) {
     if (paths.size() < 2) return;
-    throw ValueError(
-        fmt::format("{} are duplicate {} sides for {}“{}”. Keep exactly one .L and one .R file.",
-                    _quoted_files(paths), side, kind, sides.name));
+    refuse_files(
+        paths, fmt::format("are duplicate {} sides for {}{}. Keep exactly one .L and one .R file.",
+                           side, kind, quoted_path(sides.name)));
   };
   require(sides.left, "left");
   require(sides.right, "right");
@@ -74,9 +102,9 @@ void require_single_sides(const Sides& sides, std::string_view kind) {
   const std::string& present = !sides.left.empty()    ? sides.left.front()
                                : !sides.right.empty() ? sides.right.front()
                                                       : selected;
-  throw ValueError(fmt::format("“{}” is missing its matching {} mono {}file for “{}”.",
-                               basename(present), sides.left.empty() ? ".L" : ".R", kind,
-                               sides.name));
+  throw ValueError(fmt::format("{} is missing its matching {} mono {}file for {}.",
+                               quoted_path(basename(present)), sides.left.empty() ? ".L" : ".R",
+                               kind, quoted_path(sides.name)));
 }
 
 // A folder's audio files by what their names make of them, under their keys.
@@ -102,7 +130,7 @@ SortedFolder sort_folder(const std::string& folder) {
       continue;
     }
     if (parsed->first.empty()) {
-      throw ValueError(fmt::format("“{}” has no stem name before its .L or .R suffix.", entry));
+      throw ValueError(quoted_path(entry) + " has no stem name before its .L or .R suffix.");
     }
     auto [pair, created] = sorted.pairs.try_emplace(_normalized_stem_name(parsed->first));
     if (created) pair->second.name = parsed->first;
@@ -121,17 +149,16 @@ void refuse_clashes(const SortedFolder& sorted) {
     if (standalone == sorted.standalone.end()) continue;
     Paths files = standalone->second;
     files.insert(files.end(), {sides.left.front(), sides.right.front()});
-    throw ValueError(
-        fmt::format("{} would all use the logical stem name “{}”. Rename the standalone file or "
-                    "the .L/.R pair.",
-                    _quoted_files(files), sides.name));
+    refuse_files(files, fmt::format("would all use the logical stem name {}. Rename the standalone "
+                                    "file or the .L/.R pair.",
+                                    quoted_path(sides.name)));
   }
   for (const auto& [key, paths] : sorted.standalone) {
     if (paths.size() < 2) continue;
-    throw ValueError(
-        fmt::format("{} would print with the same stem name. Rename one so every source stem has "
-                    "a unique name.",
-                    _quoted_files(paths)));
+    refuse_files(
+        paths,
+        "would print with the same stem name. Rename one so every source stem has a unique "
+        "name.");
   }
 }
 
@@ -148,11 +175,9 @@ std::pair<std::string, std::string> _audio_filename_sort_key(const std::string& 
 }
 
 std::string _quoted_files(const std::vector<std::string>& paths) {
-  Paths names;
-  names.reserve(paths.size());
-  for (const std::string& path : paths) names.push_back(basename(path));
-  sort_by_name(names);
-  return fmt::format("“{}”", fmt::join(names, "” and “"));
+  Paths names = sorted_names(paths);
+  for (std::string& name : names) name = quoted_path(name);
+  return fmt::format("{}", fmt::join(names, " and "));
 }
 
 std::optional<std::pair<std::string, char>> _terminal_side(const std::string& path) {
@@ -171,8 +196,7 @@ StemInput plan_mix_input(const std::string& selected_path) {
   const std::string selected_name = basename(selected_path);
   if (!selected) return {split_extension(selected_name).stem, {selected_path}};
   if (selected->first.empty()) {
-    throw ValueError(
-        fmt::format("“{}” has no mix name before its .L or .R suffix.", selected_name));
+    throw ValueError(quoted_path(selected_name) + " has no mix name before its .L or .R suffix.");
   }
 
   const std::string key = _normalized_stem_name(selected->first);

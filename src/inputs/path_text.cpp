@@ -19,16 +19,22 @@ std::string ascii_lower(std::string_view text) {
   return result;
 }
 
-std::string working_directory() {
+std::string current_folder() {
   std::error_code error;
   const std::filesystem::path path = std::filesystem::current_path(error);
-  if (error) throw OSError("cannot find the working directory", error.value());
+  if (error) {
+    throw OSError(
+        "cannot find the current folder (" + error.message() +
+        "). It may have been deleted or moved: change to a folder that is there and start "
+        "again.");
+  }
   return path.string();
 }
 
 // The names that lead from the root to the path.
 std::vector<std::string> segments(std::string_view path) {
-  const std::string whole = join(working_directory(), path);
+  const std::string whole =
+      path.starts_with('/') ? std::string(path) : join(current_folder(), path);
   std::vector<std::string> result;
   for (std::size_t first = 0; first < whole.size();) {
     const std::size_t end = std::min(whole.find('/', first), whole.size());

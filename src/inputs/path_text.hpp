@@ -28,8 +28,8 @@ StemAndExtension split_extension(std::string_view name);
 /// `second` as seen from `first`; an absolute `second` stands for itself.
 std::string join(std::string_view first, std::string_view second);
 
-/// The path from the root, without ".", ".." and doubled slashes. Asks for the working directory;
-/// throws OSError if that is gone.
+/// The path from the root, without ".", ".." and doubled slashes. Asks for the current folder where
+/// the path is not from the root; throws OSError if that is gone.
 std::string absolute(std::string_view path);
 
 /// `path` as seen from `start`, both taken in absolute form; "." if they are the same.

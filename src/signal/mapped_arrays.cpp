@@ -9,6 +9,7 @@
 
 #include "signal/arrays.hpp"
 #include "support/errors.hpp"
+#include "support/unicode_text.hpp"
 
 namespace verdel::internal {
 namespace {
@@ -32,15 +33,15 @@ int reserve_space(int descriptor, std::size_t bytes) {
 MappedArray::MappedArray(const std::string& path, std::size_t rows, std::size_t columns)
     : rows_(rows), columns_(columns) {
   file_ = Descriptor(open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
-  if (!file_) throw OSError("cannot create the temporary file " + path, errno);
+  if (!file_) throw OSError("cannot create the temporary file " + printable(path), errno);
   unlink(path.c_str());
   if (const int error = reserve_space(file_.get(), bytes()); error != 0) {
-    throw OSError(
-        "cannot reserve " + std::to_string(bytes() >> 20) + " MiB of temporary space for " + path,
-        error);
+    throw OSError("cannot reserve " + std::to_string(bytes() >> 20) +
+                      " MiB of temporary space for " + printable(path),
+                  error);
   }
   void* data = mmap(nullptr, bytes(), PROT_READ | PROT_WRITE, MAP_SHARED, file_.get(), 0);
-  if (data == MAP_FAILED) throw OSError("cannot map the temporary file " + path, errno);
+  if (data == MAP_FAILED) throw OSError("cannot map the temporary file " + printable(path), errno);
   data_ = static_cast<float*>(data);
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <concepts>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -30,5 +31,11 @@ std::string one_decimal(double value);
 /// One digit behind the point and always a sign in front; a value that is not a number is "+nan",
 /// whatever sign bit the processor gave it.
 std::string signed_one_decimal(double value);
+
+/// A number of things: "1 frame", "0 frames", "2 frames".
+template <std::integral Count>
+std::string counted(Count count, std::string_view thing) {
+  return std::to_string(count).append(" ").append(thing).append(count == 1 ? "" : "s");
+}
 
 }  // namespace verdel::internal

@@ -15,8 +15,10 @@
 namespace verdel::internal {
 namespace {
 
-// Calls piece(bytes, valid) for each code point, and for each run of bytes that cannot begin or
-// continue one.
+constexpr UChar32 kNoCodePoint = U_SENTINEL;  // below every code point
+
+// Calls piece(bytes, code) for each code point, and with kNoCodePoint for each run of bytes that
+// cannot begin or continue one.
 template <class Function>
 void for_each_code_point(std::string_view text, Function piece) {
   const auto* bytes = reinterpret_cast<const std::uint8_t*>(text.data());
@@ -25,9 +27,19 @@ void for_each_code_point(std::string_view text, Function piece) {
     const std::ptrdiff_t first = i;
     UChar32 code = 0;
     U8_NEXT(bytes, i, length, code);
-    piece(text.substr(static_cast<std::size_t>(first), static_cast<std::size_t>(i - first)),
-          code >= 0);
+    piece(text.substr(static_cast<std::size_t>(first), static_cast<std::size_t>(i - first)), code);
   }
+}
+
+bool is_between(UChar32 code, UChar32 first, UChar32 last) {
+  return first <= code && code <= last;
+}
+
+// What is no code point, the control characters, the separators of lines and paragraphs, and what
+// turns the direction of the text behind it.
+bool disturbs_a_line(UChar32 code) {
+  return code < ' ' || is_between(code, 0x7F, 0x9F) || is_between(code, 0x2028, 0x202E) ||
+         is_between(code, 0x2066, 0x2069);
 }
 
 icu::UnicodeString to_utf16(std::string_view text) {
@@ -47,7 +59,8 @@ std::string to_utf8(const icu::UnicodeString& text) {
 
 bool is_valid_utf8(std::string_view text) {
   bool all_valid = true;
-  for_each_code_point(text, [&](std::string_view, bool valid) { all_valid = all_valid && valid; });
+  for_each_code_point(
+      text, [&](std::string_view, UChar32 code) { all_valid = all_valid && code != kNoCodePoint; });
   return all_valid;
 }
 
@@ -57,7 +70,8 @@ std::string nfc(std::string_view text) {
   icu::UnicodeString normalized;
   if (U_SUCCESS(status)) normalized = normalizer->normalize(to_utf16(text), status);
   if (U_FAILURE(status)) {
-    throw RuntimeError(fmt::format("cannot normalise “{}”: {}", text, u_errorName(status)));
+    throw RuntimeError(
+        fmt::format("cannot normalise {}: {}", quoted_path(text), u_errorName(status)));
   }
   return to_utf8(normalized);
 }
@@ -68,23 +82,51 @@ std::string lower(std::string_view text) {
 
 std::size_t code_points(std::string_view text) {
   std::size_t count = 0;
-  for_each_code_point(
-      text, [&](std::string_view bytes, bool valid) { count += valid ? 1 : bytes.size(); });
+  for_each_code_point(text, [&](std::string_view bytes, UChar32 code) {
+    count += code == kNoCodePoint ? bytes.size() : 1;
+  });
   return count;
 }
 
-std::string printable(std::string_view text) {
+std::string escape_disturbing(std::string_view text, const EscapeCharacter& escape) {
+  constexpr char32_t kReplacement = 0xFFFD;
   std::string result;
   result.reserve(text.size());
-  for_each_code_point(text, [&](std::string_view bytes, bool valid) {
-    const bool is_control = static_cast<unsigned char>(bytes.front()) < ' ';
-    if (valid && !is_control) {
+  for_each_code_point(text, [&](std::string_view bytes, UChar32 code) {
+    if (!disturbs_a_line(code)) {
       result += bytes;
-      return;
+    } else {
+      result += escape(bytes, code == kNoCodePoint ? kReplacement : static_cast<char32_t>(code));
     }
+  });
+  return result;
+}
+
+std::string printable(std::string_view text) {
+  return escape_disturbing(text, [](std::string_view bytes, char32_t) {
+    std::string hex;
     for (const char byte : bytes) {
-      result += fmt::format("\\x{:02X}", static_cast<unsigned>(static_cast<unsigned char>(byte)));
+      hex += fmt::format("\\x{:02X}", static_cast<unsigned>(static_cast<unsigned char>(byte)));
     }
+    return hex;
+  });
+}
+
+std::string printable_lines(std::string_view text) {
+  std::string result;
+  for (std::size_t end = text.find('\n'); end != std::string_view::npos; end = text.find('\n')) {
+    result += printable(text.substr(0, end)) + "\n";
+    text.remove_prefix(end + 1);
+  }
+  return result + printable(text);
+}
+
+std::string spelt_out(std::string_view text) {
+  constexpr UChar32 kLastOfAscii = 0x7F;
+  std::string result;
+  for_each_code_point(text, [&](std::string_view bytes, UChar32 code) {
+    result += code <= kLastOfAscii ? printable(bytes)
+                                   : fmt::format("[U+{:04X}]", static_cast<unsigned>(code));
   });
   return result;
 }

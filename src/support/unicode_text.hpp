@@ -1,11 +1,12 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <string>
 #include <string_view>
 
-/// Text as UTF-8. Names of files arrive as bytes that may be anything; everything but
-/// is_valid_utf8, code_points, printable and pad_right wants valid UTF-8.
+/// Text as UTF-8. Names of files arrive as bytes that may be anything: only nfc, lower and
+/// spelt_out want valid UTF-8.
 namespace verdel::internal {
 
 bool is_valid_utf8(std::string_view text);
@@ -20,12 +21,32 @@ std::string lower(std::string_view text);
 /// Number of code points; a byte that belongs to none counts as one.
 std::size_t code_points(std::string_view text);
 
-/// The text with every byte that is not UTF-8, and every line break and other control character of
-/// ASCII below the blank, as \xNN, so that any name can stand in a line of its own.
+/// What stands in for a character: its bytes and its code point, or bytes that are no UTF-8 and
+/// U+FFFD.
+using EscapeCharacter = std::function<std::string(std::string_view bytes, char32_t code)>;
+
+/// The text with everything escaped that would not leave the line as it is in which it stands: what
+/// is not UTF-8, control characters (ASCII's, DEL, U+0080 to U+009F), which end lines and command
+/// terminals, the separators U+2028 and U+2029, and the embeddings, overrides and isolates of
+/// bidirectional text (U+202A to U+202E, U+2066 to U+2069), which show what follows in another
+/// order. Joiners and other characters without width stay: languages and emoji need them, and they
+/// change nothing beside themselves.
+std::string escape_disturbing(std::string_view text, const EscapeCharacter& escape);
+
+/// The text such that any name can stand in a line of its own: what disturbs a line as bytes, \xNN.
+/// What this returns is left as it is by a second time.
 std::string printable(std::string_view text);
+
+/// The same for a message of several lines, which keeps its line breaks; so a name in it wants
+/// printable() before it goes in.
+std::string printable_lines(std::string_view text);
 
 /// A path as messages show it, whatever its bytes: “a.wav”.
 std::string quoted_path(std::string_view path);
+
+/// The text with its characters beyond ASCII as code points, Caf[U+00E9], to tell apart names that
+/// look the same.
+std::string spelt_out(std::string_view text);
 
 /// The text with blanks behind it up to `width` code points; a longer text is not cut.
 std::string pad_right(std::string_view text, std::size_t width);

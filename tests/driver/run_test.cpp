@@ -135,11 +135,13 @@ TEST(Run, NamesAMovedTapInJson) {
   auto late = project.mix();
   for (auto& channel : late) std::rotate(channel.begin(), channel.end() - 20, channel.end());
   fs::remove(project.path("taps/a.wav"));
-  project.write_tap("ä\"\\\n\t\x01\x1f\x7f.wav", late);
+  project.write_tap("ä\"\\\n\t\x01\x1f\x7f\u0085\u2028\u202e.wav", late);
   const auto result = run_entry(shipping_main, project.render());
-  EXPECT_THAT(result.out,
-              HasSubstr("\nalignment-json: {\"name\": \"ä\\\"\\\\\\n\\t\\u0001\\u001f\x7f"
-                        "\", \"lag\": -20}\nraw difference"));
+  EXPECT_THAT(
+      result.out,
+      HasSubstr(
+          "\nalignment-json: {\"name\": \"ä\\\"\\\\\\n\\t\\u0001\\u001f\\u007f\\u0085\\u2028\\u202e"
+          "\", \"lag\": -20}\nraw difference"));
 }
 
 TEST(Run, TellsAPersonHowLongItWillTakeOnceThatIsKnown) {

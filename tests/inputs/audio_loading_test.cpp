@@ -13,110 +13,45 @@
 namespace verdel::internal {
 namespace {
 
-using ::testing::ElementsAre;
+using testing::bytes_of;
 using testing::failure_of;
 using ::testing::HasSubstr;
-using ::testing::IsEmpty;
+using testing::rows_of;
 using testing::test_sound;
+using testing::write_bytes;
 
-constexpr int kWav = SF_FORMAT_WAV | SF_FORMAT_FLOAT;
-constexpr int kFlac = SF_FORMAT_FLAC | SF_FORMAT_PCM_16;
+constexpr std::size_t kMixFrames = 20000;  // several decoding blocks, if there are many channels
+enum class Harm { kNone, kForgotten, kRuined, kCut };
 
-void forget_length(const std::string& path) {
-  testing::write_bytes(path, testing::without_flac_length(testing::bytes_of(path)));
-}
+struct File {
+  std::string name;
+  std::size_t frames = kMixFrames, channels = 2;
+  int sr = 1000;
+  Harm harm = Harm::kNone;
 
-// Ruins a FLAC file's audio and leaves its header and its last frame.
-void ruin(const std::string& path) {
-  std::string bytes = testing::bytes_of(path);
-  testing::write_bytes(path, bytes.replace(bytes.size() / 2, 40, 40, '\0'));
-}
+  bool is_side() const { return name.find(".L.") != name.npos || name.find(".R.") != name.npos; }
+};
 
-void cut(const std::string& path) {
-  std::filesystem::resize_file(path, std::filesystem::file_size(path) - 1);
-}
-
-testing::Channels rows_of(const AudioArray& audio) {
-  testing::Channels rows;
-  for (std::size_t c = 0; c < audio.rows(); ++c) {
-    rows.emplace_back(audio.row(c).begin(), audio.row(c).end());
-  }
-  return rows;
-}
-
-TEST(Load, GivesChannelsAsRowsForEveryWayOfReading) {
-  const testing::TemporaryFolder folder;
-  const std::string path = folder.path("a");
-  const testing::Channels sound = test_sound(3, 70001);  // several decoding blocks
-  for (const int format : {kWav, kFlac}) {
-    testing::write_audio(path, sound, 22050, format);
-    const LoadedAudio loaded = load(path);
-    EXPECT_EQ(loaded.sr, 22050);
-    EXPECT_EQ(rows_of(loaded.audio), sound);
-  }
-  forget_length(path);
-  EXPECT_EQ(rows_of(load(path).audio), sound);
-  ruin(path);
-  EXPECT_THAT(failure_of<RuntimeError>([&] { load(path); }),
-              HasSubstr("“" + path + "” is damaged or cut short"));
-
-  const std::atomic<bool> stopped = true;
-  EXPECT_THROW(load(path, StopToken(stopped)), Cancelled);
-}
-
-TEST(LoadAudioInput, JoinsPairsThatBelongTogether) {
-  struct Side {
-    std::size_t channels = 1, frames = 100;
-    int sr = 44100, format = kWav;
-    bool forgets_length = false;
-  };
-  constexpr Side kOpen{.format = kFlac, .forgets_length = true};
-  const std::string lengths =
-      "x.L and x.R have different lengths. Bounce both mono sides over the exact same range.";
-  const std::tuple<Side, Side, std::string> kCases[] = {
-      {{}, {}, ""},
-      {kOpen, kOpen, ""},
-      {{.channels = 2, .sr = 8000}, {}, "x.L: 2-channel; each .L/.R side must be mono."},
-      {{}, {.channels = 3}, "x.R: 3-channel; each .L/.R side must be mono."},
-      {{.frames = 9, .sr = 8000},
-       {},
-       "x.L and x.R have different sample rates. Bounce both mono sides at the same sample rate."},
-      {{}, {.frames = 101}, lengths},
-      {{.frames = 101}, kOpen, lengths}};
-  const testing::TemporaryFolder folder;
-  const StemInput pair{"x", {folder.path("x.L"), folder.path("x.R")}};
-  for (const auto& [left, right, failure] : kCases) {
-    double gain = 0.5;
-    for (const auto& [side, path] : {std::pair(left, pair.files[0]), {right, pair.files[1]}}) {
-      testing::write_audio(path, test_sound(side.channels, side.frames, gain), side.sr,
-                           side.format);
-      if (side.forgets_length) forget_length(path);
-      gain /= 2.0;
-    }
-    LoadedAudio loaded;
-    EXPECT_EQ(failure_of<ValueError>([&] { loaded = load_audio_input(pair); }), failure);
-    if (!failure.empty()) continue;
-    EXPECT_EQ(rows_of(loaded.audio),
-              (testing::Channels{test_sound(1, 100, 0.5)[0], test_sound(1, 100, 0.25)[0]}));
-    EXPECT_EQ(check_audio_input(pair).channels, 2u);
-    EXPECT_EQ(check_audio_input(pair).frames.has_value(), !left.forgets_length);
-  }
-}
-
-// A folder of taps for a stereo mix of 1000 frames at 1000 Hz, and what loading it gave.
+// A folder of taps for a stereo mix of twenty seconds at 1000 Hz, and what loading it gave.
 class LoadStems : public ::testing::Test {
  protected:
-  void write(const std::string& name, std::size_t frames = 1000, int sr = 1000,
-             std::size_t channels = 2) {
-    testing::write_audio(folder.path(name), test_sound(channels, frames), sr,
-                         name.ends_with("flac") ? kFlac : kWav);
+  void write(const File& file) {
+    const std::string path = folder.path(file.name);
+    testing::write_audio(path, test_sound(file.channels, file.frames), file.sr,
+                         file.name.ends_with("flac") ? SF_FORMAT_FLAC | SF_FORMAT_PCM_16
+                                                     : SF_FORMAT_WAV | SF_FORMAT_FLOAT);
+    std::string bytes = bytes_of(path);
+    if (file.harm == Harm::kForgotten) bytes = testing::without_flac_length(bytes);
+    if (file.harm == Harm::kRuined) bytes.replace(bytes.size() / 2, 40, 40, '\0');
+    if (file.harm == Harm::kCut) bytes.pop_back();
+    write_bytes(path, bytes);
   }
-  std::string load(const std::function<void()>& at_first_line = {}) {
-    loading.folder = folder.path();
+  std::string load_all(const std::function<void()>& at_first_line = {}) {
     lines.clear();
     stems.clear();
     return failure_of<std::runtime_error>([&] {
-      stems = load_stem_inputs(loading, [&](auto line) {
+      plan = plan_stem_inputs(folder.path());
+      stems = load_stem_inputs(plan, loading, [&](auto line) {
         lines.emplace_back(line);
         if (at_first_line && lines.size() == 1) at_first_line();
       });
@@ -124,100 +59,142 @@ class LoadStems : public ::testing::Test {
   }
 
   testing::TemporaryFolder folder;
-  StemLoading loading{.folder = "", .mix_sr = 1000, .mix_channels = 2, .mix_frames = 1000};
+  StemLoading loading{.mix_sr = 1000, .mix_channels = 2, .mix_frames = kMixFrames};
+  std::vector<StemInput> plan;
   std::vector<std::string> lines;
   StemMap stems;
 };
 
-TEST_F(LoadStems, CutsAndExtendsToTheMix) {
-  write("b exact.wav");
-  write("A short.wav", 998);
-  write("c long.wav", 2000);
-  write("d open.flac", 500);
-  forget_length(folder.path("d open.flac"));
-  write("e.L.flac", 997, 1000, 1);
-  write("e.R.wav", 997, 1000, 1);
-  for (loading.workers = 1; loading.workers <= 4; loading.workers += 3) {
-    EXPECT_EQ(load(), "");
-    // Headers first; the stream's length shows only when it is decoded.
-    EXPECT_THAT(lines, ElementsAre("  ! c long length 2.00s vs mix 1.00s - LENGTH MISMATCH",
-                                   "  ! e length 1.00s vs mix 1.00s - LENGTH MISMATCH",
-                                   "  ! d open length 0.50s vs mix 1.00s - LENGTH MISMATCH"));
-    ASSERT_EQ(stems.size(), 5u);
-    const std::vector<std::string> names = {"A short", "b exact", "c long", "d open", "e"};
-    const std::vector<std::size_t> kept = {998, 1000, 1000, 500, 997};
-    for (std::size_t s = 0; s < stems.size(); ++s) {
-      EXPECT_EQ(stems[s].name, names[s]);
-      testing::Channels expected = test_sound(s == 4 ? 1 : 2, kept[s]);
-      if (s == 4) expected.push_back(expected[0]);
-      for (auto& row : expected) row.resize(1000, 0.0);
-      EXPECT_EQ(rows_of(stems[s].audio), expected) << names[s];
+// Taps in stem order, and what comes of them.
+struct Case {
+  std::vector<File> files;
+  std::string failure = "";
+  std::vector<std::string> lines = {};
+  bool strict = false, any_channels = false;
+};
+
+std::vector<Case> stems_and_the_mix() {
+  const std::string length =
+      "a has a different length from the mix. Bounce every stem over the exact same range as the "
+      "mix.";
+  const auto mismatch = [](const std::string& name, const std::string& seconds) {
+    return "  ! " + name + " length " + seconds + "s vs mix 20.00s - LENGTH MISMATCH";
+  };
+  return {
+      {{}, "no tap files found"},
+      // A length that only decoding tells draws its warning in stem order too.
+      {{{"A short.wav", 19998},
+        {"b long.wav", 40000},
+        {"c open.flac", 500, 2, 1000, Harm::kForgotten},
+        {"d.L.flac", 19997, 1},
+        {"d.R.wav", 19997, 1}},
+       "",
+       {mismatch("b long", "40.00"), mismatch("c open", "0.50"), mismatch("d", "20.00")}},
+      {{{"a.flac", 500, 2, 1000, Harm::kForgotten}, {"b.wav", 19000}, {"z\x7F.wav", 9, 1, 500}},
+       "z\\x7F: 500 Hz but mix is 1000 Hz",
+       {mismatch("b", "19.00")}},
+      {{{"a.wav", 19998}, {"b.wav", 20002}}, "", {}, true},
+      {{{"a.wav", 19997}}, length, {}, true},
+      {{{"a.wav", 20003}}, length, {}, true},
+      {{{"a.flac", 19900, 2, 1000, Harm::kForgotten}}, length, {}, true},
+      {{{"a.wav", 9, 1}},
+       "a: 1-channel but the mix is 2-channel. Bounce everything as stereo, or provide matching "
+       "mono .L and .R files.",
+       {},
+       true},
+      {{{"a.wav", 20001, 1}}, "", {}, true, true},
+      // Every header is seen before anything is decoded, and the end of what is compressed.
+      {{{"a.flac", 19900, 2, 1000, Harm::kRuined}, {"z.wav", 20000, 2, 48000}},
+       "z: 48000 Hz but mix is 1000 Hz",
+       {mismatch("a", "19.90")}},
+      {{{"a.flac", 20000, 2, 1000, Harm::kRuined}, {"z.flac", 20000, 2, 1000, Harm::kCut}},
+       "/z.flac” is damaged or cut short"},
+      {{{"a.flac", 20000, 2, 1000, Harm::kRuined}, {"z.flac"}}, "/a.flac” is damaged or cut short"},
+  };
+}
+
+std::vector<Case> pairs() {
+  const std::string lengths =
+      "x.L.flac and x.R.flac have different lengths. Bounce both mono sides over the exact same "
+      "range.";
+  const File right{"x.R.flac", kMixFrames, 1};
+  constexpr Harm kForgotten = Harm::kForgotten;
+  return {
+      {{{"x.L.flac", kMixFrames, 1, 1000, kForgotten},
+        {"x.R.flac", kMixFrames, 1, 1000, kForgotten}}},
+      {{{"x.L.wav", kMixFrames, 1}, {"x.R.wav", kMixFrames, 1}}},
+      {{{"x.L.flac", kMixFrames, 2, 500}, right},
+       "x.L.flac: 2-channel; each .L/.R side must be mono."},
+      {{{"x.L.wav", 9, 1, 500}, {"x.R.wav", 9, 3}}, "x.R.wav: 3-channel; each .L/.R side must be"},
+      {{{"x.L.flac", 9, 1, 500}, right},
+       "x.L.flac and x.R.flac have different sample rates. Bounce both mono sides at the same "
+       "sample rate."},
+      {{{"x.L.flac", 20001, 1}, right}, lengths},
+      {{{"x.L.flac", 20001, 1, 1000, kForgotten}, right}, lengths}};
+}
+
+TEST_F(LoadStems, FitToTheMixOrSayWhyNot) {
+  for (const auto& cases : {stems_and_the_mix(), pairs()}) {
+    for (const Case& c : cases) {
+      SCOPED_TRACE(c.failure + " " + std::to_string(&c - cases.data()));
+      for (const auto& [name, bytes] : testing::contents_of(folder.path())) {
+        std::filesystem::remove(folder.path(name));
+      }
+      for (const File& file : c.files) write(file);
+      loading.strict_inputs = c.strict;
+      loading.any_channels = c.any_channels;
+      for (loading.workers = 1; loading.workers <= 4; loading.workers += 3) {
+        const std::string failure = load_all();
+        EXPECT_THAT(failure, HasSubstr(c.failure));
+        EXPECT_EQ(failure.empty(), c.failure.empty()) << failure;
+        EXPECT_EQ(lines, c.lines);
+      }
+      testing::Channels whole, expected, given;
+      for (const File& file : c.failure.empty() ? c.files : std::vector<File>()) {
+        for (auto& row : test_sound(file.channels, file.frames)) {
+          expected.push_back(row);
+          expected.back().resize(kMixFrames, 0.0);
+        }
+      }
+      for (const auto& stem : stems) {
+        for (const auto& row : rows_of(stem.audio)) given.push_back(row);
+      }
+      EXPECT_EQ(given, expected);
+      // A mix is read by the same rules for pairs.
+      if (c.files.size() != 2 || plan.size() != 1) continue;
+      EXPECT_THAT(failure_of<ValueError>([&] { whole = rows_of(load_audio_input(plan[0]).audio); }),
+                  HasSubstr(c.failure));
+      EXPECT_EQ(whole, expected);
     }
   }
 }
 
-TEST_F(LoadStems, JudgesRateThenChannelsThenLength) {
-  const std::string length =
-      "a has a different length from the mix. Bounce every stem over the exact same range as the "
-      "mix.";
-  loading.strict_inputs = true;
-  EXPECT_EQ(load(), "no tap files found");
-  write("a.wav", 998);
-  EXPECT_EQ(load(), "");
-  EXPECT_THAT(lines, IsEmpty());
-  write("a.wav", 1003);
-  EXPECT_EQ(load(), length);
-  write("a.wav", 1003, 1000, 1);
-  EXPECT_EQ(load(),
-            "a: 1-channel but the mix is 2-channel. Bounce everything as stereo, or provide "
-            "matching mono .L and .R files.");
-  write("a.wav", 1003, 500, 1);
-  EXPECT_EQ(load(), "a: 500 Hz but mix is 1000 Hz");
-
-  loading.any_channels = true;
-  write("a.wav", 1001, 1000, 1);
-  EXPECT_EQ(load(), "");
-  EXPECT_EQ(rows_of(stems.front().audio), test_sound(1, 1000));
-
-  std::filesystem::remove(folder.path("a.wav"));
-  write("a.flac", 900, 1000, 1);
-  forget_length(folder.path("a.flac"));
-  EXPECT_EQ(load(), length);
-}
-
-TEST_F(LoadStems, SeesEveryHeaderBeforeItDecodesAnything) {
-  loading.mix_frames = 20000;
-  write("a.flac", 19900);
-  ruin(folder.path("a.flac"));
-  write("z.wav", 20000, 48000);
-  EXPECT_EQ(load(), "z: 48000 Hz but mix is 1000 Hz");
-  EXPECT_THAT(lines, ElementsAre(HasSubstr("! a length 19.90s")));
-  write("z.wav", 20000);
-  cut(folder.path("z.wav"));
-  EXPECT_THAT(load(), HasSubstr("/z.wav” is cut short"));
-  std::filesystem::remove(folder.path("z.wav"));
-  write("z.flac", 20000);
-  cut(folder.path("z.flac"));
-  EXPECT_THAT(load(), HasSubstr("/z.flac” is damaged or cut short"));
-  write("z.flac", 20000);
-  EXPECT_THAT(load(), HasSubstr("/a.flac” is damaged or cut short"));
-}
-
-// The warning about a tap's length comes between planning and loading.
+// The warning about a tap's length comes between the look at its header and its decoding.
 TEST_F(LoadStems, NamesATapThatVanishesOrShrinksOnTheWay) {
-  loading.mix_frames = 20000;
-  for (const std::string changed : {"a.wav", "c.wav"}) {
-    write("a.wav", 20000);
-    write("b.wav", 19000);
-    write("c.wav", 20000);
-    const std::string path = folder.path(changed);
-    EXPECT_EQ(load([&] { std::filesystem::remove(path); }),
+  for (const std::string changed : {"a", "c"}) {
+    for (const File& file : {File{"a.wav"}, {"b.wav", 19000}, {"c.wav"}}) write(file);
+    const std::string path = folder.path(changed + ".wav");
+    EXPECT_EQ(load_all([&] { std::filesystem::remove(path); }),
               "cannot open “" + path + "”: No such file or directory");
-    write(changed, 20000);
-    EXPECT_THAT(load([&] { cut(path); }), HasSubstr("“" + path + "” is cut short"));
-    write(changed, 20000);
-    EXPECT_EQ(load([&] { write(changed, 20000, 500); }),
-              changed.substr(0, 1) + ": 500 Hz but mix is 1000 Hz");
+    write({changed + ".wav"});
+    const auto cut = [&] { write({changed + ".wav", kMixFrames, 2, 1000, Harm::kCut}); };
+    EXPECT_THAT(load_all(cut), HasSubstr("“" + path + "” is cut short"));
+    write({changed + ".wav"});
+    EXPECT_EQ(load_all([&] {
+                write({changed + ".wav", 1000, 2, 500});
+              }),
+              changed + ": 500 Hz but mix is 1000 Hz");
+  }
+}
+
+TEST_F(LoadStems, AMixIsReadInManyBlocksUntilItIsStopped) {
+  for (const Harm harm : {Harm::kNone, Harm::kForgotten}) {
+    write({"a.flac", 70001, 3, 22050, harm});
+    const LoadedAudio loaded = load(folder.path("a.flac"));
+    EXPECT_EQ(loaded.sr, 22050);
+    EXPECT_EQ(rows_of(loaded.audio), test_sound(3, 70001));
+    const std::atomic<bool> stopped = true;
+    EXPECT_THROW(load(folder.path("a.flac"), StopToken(stopped)), Cancelled);
   }
 }
 

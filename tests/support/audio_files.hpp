@@ -45,6 +45,16 @@ inline void write_audio(const std::string& path, const Channels& sound, int sr =
   if (sf_close(file) != 0 || !written) throw std::runtime_error("cannot write " + path);
 }
 
+/// The channels of decoded audio.
+template <class Audio>
+Channels rows_of(const Audio& audio) {
+  Channels rows;
+  for (std::size_t c = 0; c < audio.rows(); ++c) {
+    rows.emplace_back(audio.row(c).begin(), audio.row(c).end());
+  }
+  return rows;
+}
+
 /// Where a chunk's name stands.
 inline std::size_t chunk_at(const std::string& bytes, const std::string& id) {
   const std::size_t place = bytes.find(id);
