@@ -40,8 +40,10 @@ void deliver(const Run& run, const Mix& mix, const StemMap& taps, const StemMap&
     report(job, print, run.stop);
     run.lines.stage("proving the files");
   };
-  if (!write_render_outputs(outputs, print, print_report, run.stop).passed) {
-    throw RuntimeError("written single-band stems failed reconstruction verification");
+  const auto verdict = write_render_outputs(outputs, print, print_report, run.stop);
+  if (!verdict.proof.passed) {
+    throw RuntimeError("written single-band stems failed reconstruction verification\n" +
+                       shallow_null_text(verdict, range.start, mix.sr));
   }
 }
 

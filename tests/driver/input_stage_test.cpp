@@ -39,8 +39,7 @@ TEST(ChooseOutputRange, SlidesBackAndNeverLeavesTheSource) {
       {5.0, -1.0, 0, 6000},        {5.0, nan, 0, 6000},      {kAbsent, 10.0, 0, 1000},
       {0.0, 10.0, 0, 1000},        {55.0, 10.0, 5000, 6000}, {10.0, 90.0, 0, 6000},
       {-5.0, 10.0, 0, 1000},       {nan, 10.0, 0, 1000},     {HUGE_VAL, 10.0, 5000, 6000},
-      {10.0, 1e300, 0, 6000},      {10.0, 1e-9, 1000, 1000}, {0.005, 0.02, 0, 2},
-      {0.015, 0.02, 2, 4},         {60.0, 1e-9, 6000, 6000},
+      {10.0, 1e300, 0, 6000},      {0.005, 0.02, 0, 2},      {0.015, 0.02, 2, 4},
   };
   for (const auto& c : kCases) {
     const OutputRange range = range_of(c.start, c.length);
@@ -49,6 +48,7 @@ TEST(ChooseOutputRange, SlidesBackAndNeverLeavesTheSource) {
   }
   EXPECT_THROW(range_of(kAbsent, HUGE_VAL), ValueError);
   EXPECT_THROW(range_of(1.0, 1e307), ValueError);
+  EXPECT_THROW(range_of(60.0, 1e-9), ValueError);
   std::fclose(file);
 }
 
@@ -69,8 +69,9 @@ TEST(InputStage, TheMixIsJudgedBeforeTheTapsAndTheRoomBeforeAnyTapIsOpened) {
   EXPECT_EQ(failure(shipping_main, project, small),
             "this render needs about 1 GiB of working memory, but this Mac has 0 GiB; use fewer "
             "stems or a shorter bounce\n");
-  EXPECT_EQ(failure(shipping_main, project, full_disk),
-            "VERDEL needs about 3 GiB free for temporary processing files\n");
+  EXPECT_THAT(failure(shipping_main, project, full_disk),
+              ::testing::StartsWith("VERDEL needs about 3 GiB free for temporary processing files\n"
+                                    "the temporary folder “"));
   // Without the shipping profile nobody asks, and the broken tap is what stops the run.
   EXPECT_THAT(failure(main, project, small), HasSubstr("c.wav"));
   EXPECT_EQ(failure(shipping_main, brief, small),
