@@ -1,20 +1,15 @@
 #include "delivery/render_outputs.hpp"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <cmath>
 
 #include "delivery/delivery_files.hpp"
 #include "inputs/audio_loading.hpp"
+#include "support/audio_files.hpp"
 #include "support/errors.hpp"
 #include "support/noise.hpp"
 
 namespace verdel::internal {
 namespace {
-
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
 
 constexpr std::size_t kFrames = 20011;  // more than is read at once
 
@@ -33,113 +28,102 @@ class RenderOutputsTest : public ::testing::Test {
       for (auto& x : taps_.back().audio.flat()) x *= 0.1;
       est_.push_back({name, std::move(stem)});
     }
-    outputs_ = {.out = folder_.path("new/out"),
-                .est = views_of(est_),
-                .taps = views_of(taps_),
-                .sr = 44100,
-                .mix = mix_.view(),
-                .null_threshold = -140.0};
   }
 
-  DeliveryVerdict deliver(const std::function<void()>& report = {}) {
+  DeliveryVerdict deliver(double threshold, const std::function<void()>& report = {}) {
     lines_.clear();
     return write_render_outputs(
-        outputs_, [this](std::string_view line) { lines_.emplace_back(line); }, report);
+        {.out = folder_.path("new/out"),
+         .write_null = true,
+         .est = views_of(est_),
+         .taps = views_of(taps_),
+         .sr = 44100,
+         .mix = mix_.view(),
+         .null_threshold = threshold},
+        [this](std::string_view line) { lines_.emplace_back(line); }, report);
   }
-  std::string out(const std::string& name) const { return outputs_.out + "/" + name + ".wav"; }
+  std::string out(const std::string& name) const {
+    return folder_.path("new/out/" + name + ".wav");
+  }
 
   testing::TemporaryFolder folder_;
   AudioArray mix_;
   StemMap est_, taps_;
-  RenderOutputs outputs_;
   std::vector<std::string> lines_;
 };
 
 TEST_F(RenderOutputsTest, PrintsItsLinesAndProvesTheFiles) {
-  const auto verdict = deliver([this] { lines_.push_back("report"); });
-  EXPECT_TRUE(verdict.proof.passed);
-  EXPECT_NEAR(verdict.loudest_stem, -6.02, 0.01);
-  EXPECT_THAT(
-      lines_,
-      ElementsAre("", "stem  Bass           peak   -6.0  rms   -6.0 dBFS   (tap  -26.0)",
+  EXPECT_TRUE(deliver(-140.0, [this] { lines_.push_back("report"); }).proof.passed);
+  EXPECT_THAT(lines_,
+              ::testing::ElementsAre(
+                  "", "stem  Bass           peak   -6.0  rms   -6.0 dBFS   (tap  -26.0)",
                   "stem  Gërät          peak -999.0  rms -999.0 dBFS   (tap -999.0)",
-                  HasSubstr("stem  A very long name peak  -20.0  rms  -24.8 dBFS   (tap  -44.8)"),
-                  "report", "",
-                  ::testing::MatchesRegex("null residual: -1[4-9][0-9]\\.[0-9] dBFS  PASS")));
-  EXPECT_EQ(testing::contents_of(outputs_.out).size(), 3U);
+                  "stem  A very long name peak  -20.0  rms  -24.8 dBFS   (tap  -44.8)", "report",
+                  "", ::testing::ContainsRegex("residual: -1[4-9].* dBFS  PASS")));
 }
 
 // What may happen to a file between its writing and the proof, and what the run makes of it: what
 // it throws, or what its last line is.
 TEST_F(RenderOutputsTest, FindsEveryChangeOfAFile) {
   const std::string path = out("Gërät"), changed = "written stem verification failed for Gërät";
-  outputs_.write_null = true;
-  deliver();
+  deliver(-140.0);
   const std::string good = testing::bytes_of(path);
-  auto last = Array2D<float>::zeros(2, kFrames);
-  last.row(1)[kFrames - 1] = 0.5F;
-  const auto view = last.view();
-  const auto write = [&](int sr, RowsView<const float> audio) {
-    return [=] { write_audio<float>(path, sr, audio); };
-  };
+  testing::Channels sound(2, std::vector<double>(kFrames));
+  sound[1].back() = 0.5;
+  const testing::Channels left = {sound[0]}, longer(2, std::vector<double>(kFrames + 1));
   const std::pair<std::string, std::function<void()>> kCases[] = {
-      {changed, write(48000, view)},
-      {changed, write(44100, view.column_range(1, kFrames))},
-      {changed, write(44100, {view.data(), 1, kFrames, kFrames})},
+      {changed, [&] { testing::write_audio(path, sound, 48000); }},
+      {changed, [&] { testing::write_audio(path, longer); }},
+      {changed, [&] { testing::write_audio(path, left); }},
       {path, [&] { testing::write_bytes(path, good.substr(0, good.size() - 9)); }},
       {"No such file or directory", [&] { std::filesystem::remove(path); }},
-      {"null residual: -6.0 dBFS  FAIL", write(44100, view)}};
+      {"null residual: -6.0 dBFS  FAIL", [&] { testing::write_audio(path, sound); }}};
   for (const auto& [outcome, change] : kCases) {
     const auto failure = testing::failure_of<std::runtime_error>([&, change = change] {
-      const auto verdict = deliver(change);
-      EXPECT_EQ(shallow_null_text(verdict, 22050, 44100),
+      EXPECT_EQ(shallow_null_text(deliver(-140.0, change), 22050, 44100),
                 "-6.0 dBFS are left of the mix at sample 42060 (0.954 s) of channel 2, more than "
                 "rounding leaves: a file does not hold what was written to it. Check the disk and "
                 "render again.");
-      const LoadedAudio left = load(out("_NULL_RESIDUAL"));
-      EXPECT_NEAR(left.audio.row(1)[kFrames - 1], -0.5, 1e-7);
+      EXPECT_NEAR(load(out("_NULL_RESIDUAL")).audio.row(1).back(), -0.5, 1e-7);
     });
-    EXPECT_THAT(failure.empty() ? lines_.back() : failure, HasSubstr(outcome));
+    EXPECT_THAT(failure.empty() ? lines_.back() : failure, ::testing::HasSubstr(outcome));
   }
 }
 
-TEST_F(RenderOutputsTest, ThresholdsAndLoudStems) {
+TEST_F(RenderOutputsTest, AShallowNullIsAVerdict) {
   for (auto& x : mix_.flat()) x += 1e-3;
-  outputs_.null_threshold = -100.0;
-  EXPECT_EQ(deliver().proof.passed, false);
+  EXPECT_FALSE(deliver(-100.0).proof.passed);
   EXPECT_EQ(lines_.back(), "null residual: -60.0 dBFS  FAIL");
-  outputs_.null_threshold = -59.0;
-  EXPECT_EQ(deliver().proof.passed, true);
-  outputs_.null_threshold = -140.0;
-  EXPECT_THROW(deliver(), RuntimeError);
-  EXPECT_TRUE(lines_.empty());
+  EXPECT_TRUE(deliver(-59.0).proof.passed);
 
   for (auto& x : mix_.flat()) x = 3.1;
   est_[0].audio = AudioArray::copy_of(mix_.view());
   est_[2].audio = AudioArray::zeros(2, kFrames);
-  outputs_.est = views_of(est_);
-  EXPECT_THAT(shallow_null_text(deliver(), 0, 44100),
-              HasSubstr("peaks at +9.8 dBFS: 32-bit floats above +6.0 are too coarse. Turn the mix "
-                        "and the taps down by 3.9 dB, so that no sample passes +6.0 dBFS"));
+  EXPECT_THAT(shallow_null_text(deliver(-140.0), 0, 44100),
+              ::testing::HasSubstr(
+                  "peaks at +9.8 dBFS: 32-bit floats above +6.0 are too coarse. Turn the mix "
+                  "and the taps down by 3.9 dB, so that no sample passes +6.0 dBFS"));
 }
 
 TEST_F(RenderOutputsTest, WhatCannotBeWrittenLosesNothing) {
-  deliver();
-  const auto deliver_to_full_disk = [&] {
-    const FileSizeLimit limit(20000);
-    deliver([] { ADD_FAILURE() << "a report without stems"; });
-  };
+  deliver(-140.0);
   auto before = testing::contents_of(folder_.path());
-  EXPECT_THROW(deliver_to_full_disk(), OSError);
+  limit_files_to(20000);
+  EXPECT_THROW(deliver(-140.0, [] { ADD_FAILURE() << "a report without stems"; }), OSError);
+  limit_files_to(RLIM_INFINITY);
   EXPECT_EQ(testing::contents_of(folder_.path()), before);
 
-  outputs_.write_null = true;
+  std::filesystem::remove(out("_NULL_RESIDUAL"));
   folder_.touch("new/out/_NULL_RESIDUAL.wav/");
   before = testing::contents_of(folder_.path());
-  EXPECT_EQ(testing::failure_of<OSError>([this] { deliver(); }),
+  EXPECT_EQ(testing::failure_of<OSError>([this] { deliver(-140.0); }),
             "cannot write “" + out("_NULL_RESIDUAL") + "”: Is a directory");
   EXPECT_EQ(testing::contents_of(folder_.path()), before);
-  EXPECT_TRUE(lines_.empty());
+
+  std::filesystem::remove_all(folder_.path("new"));
+  for (auto& x : mix_.flat()) x += 1e-3;  // more than rounding: nothing may be written
+  EXPECT_THROW(deliver(-140.0), RuntimeError);
+  EXPECT_TRUE(std::filesystem::is_empty(folder_.path("new/out")));
 }
 
 }  // namespace
