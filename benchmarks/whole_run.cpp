@@ -224,7 +224,7 @@ Results measure_render(Run& run) {
   const auto verdict = deliver_song(
       job, taps, stems, files, [](std::string_view) {}, song, run.stop);
   measure.end();
-  results.null_peak = verdict.null_peak;
+  results.null_peak = verdict.proof.peak;
   results.stages = measure.costs();
   if (job.range.length() == mix.frames()) print_suggestion(mix);
   return results;

@@ -9,6 +9,7 @@
 #include "allocation/c14_constants.hpp"
 #include "support/errors.hpp"
 #include "support/number_text.hpp"
+#include "support/unicode_text.hpp"
 
 namespace verdel::internal {
 namespace {
@@ -49,6 +50,14 @@ std::uint64_t free_space(const Machine& machine) {
   return space > C14_DISK_MARGIN ? space - C14_DISK_MARGIN : 0;
 }
 
+/// Where the space is missing, and what to do.
+std::string space_advice(const Machine& machine, std::uint64_t space) {
+  const std::string state =
+      space == 0 ? " is full or not there" : " has " + std::to_string(space >> 20) + " MiB free";
+  return "the temporary folder " + quoted_path(machine.temporary_folder()) + state +
+         ": set TMPDIR to a folder with more room";
+}
+
 std::uint64_t at_least_one(std::uint64_t count) {
   return std::max<std::uint64_t>(1, count);
 }
@@ -80,10 +89,11 @@ std::optional<std::string> _c14_resource_budget_error(std::size_t audio_frames, 
            " GiB; use fewer stems or a shorter bounce";
   }
   const std::uint64_t space_needed = temporary + C14_DISK_MARGIN;
-  if (machine.temporary_space() < space_needed) {
+  const std::uint64_t space = machine.temporary_space();
+  if (space < space_needed) {
     return "VERDEL needs about " +
            std::to_string(rounded_up_quotient(static_cast<double>(space_needed), kGibibyte)) +
-           " GiB free for temporary processing files";
+           " GiB free for temporary processing files\n" + space_advice(machine, space);
   }
   return std::nullopt;
 }

@@ -1,12 +1,12 @@
 #include "delivery/coordinated_float32.hpp"
 
 #include <algorithm>
-#include <array>
 #include <cassert>
 #include <cmath>
 #include <cstdint>
 #include <limits>
 #include <span>
+#include <vector>
 
 #include "signal/profile.hpp"
 #include "support/errors.hpp"
@@ -28,6 +28,13 @@ constexpr double kSmallestPeak = 1.0;
 // A stretch of one channel.
 struct Block {
   std::size_t channel, first, count;
+};
+
+// One value per sample of a block; on the heap, because a thread's stack may be small.
+struct Scratch {
+  std::vector<double> residual = std::vector<double>(kBlock);
+  std::vector<float> loudest = std::vector<float>(kBlock);
+  std::vector<std::uint16_t> owner = std::vector<std::uint16_t>(kBlock);
 };
 
 template <class Function>
@@ -59,7 +66,8 @@ void round_stems(const StemViews& est, const Block& block, DeliveredStems& deliv
 
 // The mix minus the sum of the delivered stems, added up in stem order as a listener's player or
 // the proof on the written files does.
-void residual_of(DeliveredStems& delivered, AudioView mix, const Block& block, double* residual) {
+void residual_of(DeliveredStems& delivered, AudioView mix, const Block& block, Scratch& scratch) {
+  double* const residual = scratch.residual.data();
   std::fill_n(residual, block.count, 0.0);
   for (auto& stem : delivered) {
     const float* samples = samples_of(stem, block);
@@ -69,8 +77,10 @@ void residual_of(DeliveredStems& delivered, AudioView mix, const Block& block, d
   for (std::size_t i = 0; i < block.count; ++i) residual[i] = target[i] - residual[i];
 }
 
-void choose_owners(DeliveredStems& delivered, const Block& block, std::uint16_t* owner) {
-  std::array<float, kBlock> loudest{};
+void choose_owners(DeliveredStems& delivered, const Block& block, Scratch& scratch) {
+  float* const loudest = scratch.loudest.data();
+  std::uint16_t* const owner = scratch.owner.data();
+  std::fill_n(loudest, block.count, 0.0f);
   std::fill_n(owner, block.count, std::uint16_t{0});
   for (std::size_t stem = 0; stem < delivered.size(); ++stem) {
     const float* samples = samples_of(delivered[stem], block);
@@ -85,24 +95,23 @@ void choose_owners(DeliveredStems& delivered, const Block& block, std::uint16_t*
 }
 
 // Gives each sample's residual to its owner; raises `largest_step` to the largest change.
-void hand_over(DeliveredStems& delivered, const Block& block, const double* residual,
-               const std::uint16_t* owner, double& largest_step) {
+void hand_over(DeliveredStems& delivered, const Block& block, const Scratch& scratch,
+               double& largest_step) {
   for (std::size_t i = 0; i < block.count; ++i) {
-    float& sample = samples_of(delivered[owner[i]], block)[i];
+    float& sample = samples_of(delivered[scratch.owner[i]], block)[i];
     const auto before = static_cast<double>(sample);
-    sample = static_cast<float>(before + residual[i]);
+    sample = static_cast<float>(before + scratch.residual[i]);
     raise(largest_step, std::abs(static_cast<double>(sample) - before));
   }
 }
 
-void coordinate(DeliveredStems& delivered, AudioView mix, double mix_peak, const StopToken& stop) {
-  std::array<double, kBlock> residual;
-  std::array<std::uint16_t, kBlock> owner;
+void coordinate(DeliveredStems& delivered, AudioView mix, double mix_peak, Scratch& scratch,
+                const StopToken& stop) {
   double largest_step = 0.0;
   for_each_block(mix, stop, [&](const Block& block) {
-    residual_of(delivered, mix, block, residual.data());
-    choose_owners(delivered, block, owner.data());
-    hand_over(delivered, block, residual.data(), owner.data(), largest_step);
+    residual_of(delivered, mix, block, scratch);
+    choose_owners(delivered, block, scratch);
+    hand_over(delivered, block, scratch, largest_step);
   });
   if (!(largest_step <= kLargestStepPerPeak * std::max(mix_peak, kSmallestPeak))) {
     throw RuntimeError("coordinated FLOAT32 delivery exceeded its rounding-only bound");
@@ -123,20 +132,20 @@ DeliveredStems _coordinated_float32_delivery(const StemViews& est, AudioView mix
     delivered.push_back({stem.name, Array2D<float>::uninitialised(mix.rows(), mix.columns())});
   }
   const bool measured = null_threshold <= kDeepestUncoordinated;
-  std::array<double, kBlock> residual;
+  Scratch scratch;
   double largest_residual = 0.0, mix_peak = 0.0;
   for_each_block(mix, stop, [&](const Block& block) {
     round_stems(est, block, delivered);
     if (!measured) return;
-    residual_of(delivered, mix, block, residual.data());
+    residual_of(delivered, mix, block, scratch);
     for (std::size_t i = 0; i < block.count; ++i) {
-      raise(largest_residual, std::abs(residual[i]));
+      raise(largest_residual, std::abs(scratch.residual[i]));
       raise(mix_peak, std::abs(mix.row(block.channel)[block.first + i]));
     }
   });
   const double target = std::pow(10.0, null_threshold / 20.0);
   if (!measured || delivered.empty() || largest_residual < target) return delivered;
-  coordinate(delivered, mix, mix_peak, stop);
+  coordinate(delivered, mix, mix_peak, scratch, stop);
   return delivered;
 }
 

@@ -1,23 +1,19 @@
 #include "delivery/render_outputs.hpp"
 
 #include <fmt/format.h>
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <cassert>
-#include <cerrno>
-#include <filesystem>
-#include <system_error>
+#include <cmath>
 #include <utility>
 #include <vector>
 
 #include "delivery/audio_file_writing.hpp"
 #include "delivery/coordinated_float32.hpp"
+#include "delivery/output_place.hpp"
 #include "delivery/unfinished_file.hpp"
-#include "delivery/verification.hpp"
 #include "inputs/path_text.hpp"
 #include "signal/levels.hpp"
-#include "support/errors.hpp"
 #include "support/number_text.hpp"
 #include "support/unicode_text.hpp"
 
@@ -25,27 +21,8 @@ namespace verdel::internal {
 namespace {
 
 constexpr std::size_t kNameWidth = 14;  // characters
-
-void make_folder(const std::string& folder) {
-  std::error_code error;
-  std::filesystem::create_directories(folder, error);
-  if (!error && !std::filesystem::is_directory(folder, error) && !error) {
-    error = std::make_error_code(std::errc::not_a_directory);
-  }
-  if (error) {
-    throw OSError("cannot make the output folder " + quoted_path(folder), error.value());
-  }
-}
-
-// A file in the way is replaced when the new one is complete; anything else is not ours to remove,
-// and shall not be found in the middle of the delivery.
-void require_replaceable(const std::string& path) {
-  struct stat status {};
-  if (stat(path.c_str(), &status) != 0 || S_ISREG(status.st_mode)) return;
-  const std::string what = "cannot write " + quoted_path(path);
-  if (S_ISDIR(status.st_mode)) throw OSError(what, EISDIR);
-  throw OSError(what + ": what stands there is not a regular file");
-}
+// dBFS; half a float step below it is 2^-24, -144.5 dBFS, and above it 2^-23, -138.5 dBFS.
+constexpr double kLoudestExactStem = 6.0;
 
 AudioView tap_of(const StemViews& taps, const std::string& name) {
   const auto tap =
@@ -62,33 +39,39 @@ void write_file(const std::string& path, int sr, RowsView<const Sample> audio,
   writer.commit();
 }
 
-void write_stems(const RenderOutputs& outputs, const std::vector<WrittenStem>& files,
-                 DeliveredStems delivered, const LineSink& line, const StopToken& stop) {
+/// Returns the level of the loudest sample of all.
+double write_stems(const RenderOutputs& outputs, const std::vector<std::string>& files,
+                   DeliveredStems delivered, const LineSink& line, const StopToken& stop) {
+  double loudest = -999.0;
   for (std::size_t stem = 0; stem < delivered.size(); ++stem) {
     // Moved out, so that a stem's memory is free again as soon as it is written.
     const auto [name, audio] = std::move(delivered[stem]);
-    write_file(files[stem].path, outputs.sr, audio.view(), stop);
+    write_file(files[stem], outputs.sr, audio.view(), stop);
     const Levels stem_levels = levels(audio.view());
+    loudest = std::max(loudest, stem_levels.peak);
     line(fmt::format("stem  {} peak {:6.1f}  rms {:6.1f} dBFS   (tap {:6.1f})",
                      pad_right(name, kNameWidth), stem_levels.peak, stem_levels.rms,
                      levels(tap_of(outputs.taps, name)).rms));
   }
+  return loudest;
 }
 
 }  // namespace
 
 DeliveryVerdict write_render_outputs(const RenderOutputs& outputs, const LineSink& line,
                                      const std::function<void()>& report, const StopToken& stop) {
-  std::vector<WrittenStem> files;
+  const auto path_of = [&](const std::string& name) { return join(outputs.out, name + ".wav"); };
+  std::vector<StemInput> stems;
+  std::vector<std::string> files;
   for (const auto& stem : outputs.est) {
-    files.push_back({stem.name, join(outputs.out, stem.name + ".wav")});
+    files.push_back(path_of(stem.name));
+    stems.push_back({stem.name, {files.back()}});
   }
-  const std::string null_file = join(outputs.out, "_NULL_RESIDUAL.wav");
+  if (outputs.write_null) files.push_back(path_of(kNullResidualName));
 
   make_folder(outputs.out);
-  sweep_unfinished_files(outputs.out);
-  for (const auto& file : files) require_replaceable(file.path);
-  if (outputs.write_null) require_replaceable(null_file);
+  sweep_unfinished_files(outputs.out, files);
+  require_usable_place(outputs.out, files);
 
   const StageSink begin = outputs.begin ? outputs.begin : [](Stage) {};
   begin(Stage::kRounding);
@@ -96,19 +79,38 @@ DeliveryVerdict write_render_outputs(const RenderOutputs& outputs, const LineSin
       _coordinated_float32_delivery(outputs.est, outputs.mix, outputs.null_threshold, stop);
   begin(Stage::kWriting);
   line("");
-  write_stems(outputs, files, std::move(delivered), line, stop);
+  const double loudest = write_stems(outputs, files, std::move(delivered), line, stop);
   if (report) {
     begin(Stage::kComparing);
     report();
   }
   begin(Stage::kProving);
-  const auto residual = written_residual(files, outputs.mix, outputs.sr, stop);
-  if (outputs.write_null) write_file(null_file, outputs.sr, residual.view(), stop);
-  const double null_peak = levels(residual.view()).peak;
-  const bool passed = null_peak < outputs.null_threshold;
+  const auto residual = written_residual(stems, outputs.mix, outputs.sr, stop);
+  if (outputs.write_null) write_file(files.back(), outputs.sr, residual.view(), stop);
+  Proof proof = prove(residual.view(), outputs.null_threshold);
   line("");
-  line(fmt::format("null residual: {} dBFS  {}", one_decimal(null_peak), passed ? "PASS" : "FAIL"));
-  return {null_peak, passed};
+  line(fmt::format("null residual: {} dBFS  {}", one_decimal(proof.peak),
+                   proof.passed ? "PASS" : "FAIL"));
+  return {std::move(proof), loudest};
+}
+
+std::string shallow_null_text(const DeliveryVerdict& verdict, std::size_t start, int sr) {
+  const Proof& proof = verdict.proof;
+  const std::size_t sample = start + proof.channels[proof.worst_channel].worst;
+  const std::string place = fmt::format(
+      "{} dBFS are left of the mix at sample {} ({:.3f} s) of channel {}", one_decimal(proof.peak),
+      sample, static_cast<double>(sample) / sr, proof.worst_channel + 1);
+  const double excess = verdict.loudest_stem - kLoudestExactStem;
+  if (excess > 0.0) {
+    return fmt::format(
+        "{}, because a stem peaks at {} dBFS: 32-bit floats above {} are too coarse. Turn the mix "
+        "and the taps down by {} dB, so that no sample passes {} dBFS, and render again.",
+        place, signed_one_decimal(verdict.loudest_stem), signed_one_decimal(kLoudestExactStem),
+        one_decimal(std::ceil(excess * 10.0) / 10.0), signed_one_decimal(kLoudestExactStem));
+  }
+  return place +
+         ", more than rounding leaves: a file does not hold what was written to it. Check "
+         "the disk and render again.";
 }
 
 }  // namespace verdel::internal

@@ -3,6 +3,7 @@
 #include <functional>
 #include <string>
 
+#include "delivery/verification.hpp"
 #include "signal/arrays.hpp"
 #include "support/line_sink.hpp"
 #include "support/stage.hpp"
@@ -24,8 +25,8 @@ struct RenderOutputs {
 };
 
 struct DeliveryVerdict {
-  double null_peak;  ///< dB; -999 for an exact null, NaN if the files hold something not a number
-  bool passed;       ///< null_peak < threshold
+  Proof proof;  ///< of the files: passed where they leave less of the mix than the threshold
+  double loudest_stem;  ///< dB, the peak of all stems
 };
 
 /// Writes one 32-bit float file per stem into the folder (made with its parents if need be), each
@@ -40,5 +41,9 @@ struct DeliveryVerdict {
 DeliveryVerdict write_render_outputs(const RenderOutputs& outputs, const LineSink& line,
                                      const std::function<void()>& report,
                                      const StopToken& stop = {});
+
+/// A line for the user whose render failed its proof: what is left, where, and what to do. `start`
+/// is the first sample of the output range.
+std::string shallow_null_text(const DeliveryVerdict& verdict, std::size_t start, int sr);
 
 }  // namespace verdel::internal

@@ -7,9 +7,11 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <filesystem>
 #include <random>
+#include <set>
 #include <string_view>
-#include <vector>
+#include <system_error>
 
 #include "inputs/folder.hpp"
 #include "inputs/path_text.hpp"
@@ -28,6 +30,15 @@ constexpr std::size_t kRandomLetters = 8;
 std::string folder_of(const std::string& path) {
   const std::string folder = dirname(path);
   return folder.empty() ? "." : folder;
+}
+
+// What a link leads to in the end, so that the link stays when its file is replaced; a path where
+// none stands, or where it leads nowhere, as it is.
+std::string behind_links(const std::string& path) {
+  std::error_code error;
+  if (!std::filesystem::is_symlink(path, error)) return path;
+  const auto file = std::filesystem::canonical(path, error);
+  return error ? path : file.string();
 }
 
 std::string unfinished_name() {
@@ -70,6 +81,14 @@ void sweep(const std::string& path) {
   }
 }
 
+void sweep_folder(const std::string& folder) try {
+  for (const std::string& name : list_folder(folder)) {
+    if (is_unfinished_name(name)) sweep(join(folder, name));
+  }
+} catch (const OSError&) {
+  // A folder that can be written to but not listed keeps its leftovers.
+}
+
 // Makes a new name last; where folders cannot be synced, the file is complete all the same.
 void sync_folder(const std::string& path) {
   const Descriptor folder(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
@@ -79,12 +98,12 @@ void sync_folder(const std::string& path) {
 }  // namespace
 
 UnfinishedFile::UnfinishedFile(const std::string& target)
-    : target_(target), file_([this] { return create(); }) {}
+    : target_(target), file_behind_(behind_links(target)), file_([this] { return create(); }) {}
 
 std::string UnfinishedFile::create() {
   constexpr int kMostClashes = 100;
   for (int attempt = 0;; ++attempt) {
-    std::string path = join(folder_of(target_), unfinished_name());
+    std::string path = join(folder_of(file_behind_), unfinished_name());
     opened_ = Descriptor(open(path.c_str(), O_CREAT | O_EXCL | O_RDWR | O_CLOEXEC, 0666));
     if (opened_ && lock_new_file(opened_.get(), path)) return path;
     const int error = opened_ ? EEXIST : errno;
@@ -103,21 +122,22 @@ void UnfinishedFile::take_target_name() {
   const int copy = fcntl(opened_.get(), F_DUPFD_CLOEXEC, 0);
   if (copy >= 0 && close(copy) != 0 && errno != EINTR) refuse(errno);
   file_.hand_over([this] {
-    if (std::rename(file_.path().c_str(), target_.c_str()) != 0) refuse(errno);
+    if (std::rename(file_.path().c_str(), file_behind_.c_str()) != 0) refuse(errno);
   });
-  sync_folder(folder_of(target_));
+  sync_folder(folder_of(file_behind_));
 }
 
 void UnfinishedFile::refuse(int error) const {
   throw OSError("cannot write " + quoted_path(target_), error);
 }
 
-void sweep_unfinished_files(const std::string& folder) try {
-  for (const std::string& name : list_folder(folder)) {
-    if (is_unfinished_name(name)) sweep(join(folder, name));
+void sweep_unfinished_files(const std::string& folder, const std::vector<std::string>& targets) {
+  std::set<std::string> folders = {folder};
+  for (const std::string& target : targets) {
+    const std::string file = behind_links(target);
+    if (file != target) folders.insert(folder_of(file));
   }
-} catch (const OSError&) {
-  // A folder that can be written to but not listed keeps its leftovers.
+  for (const std::string& place : folders) sweep_folder(place);
 }
 
 }  // namespace verdel::internal

@@ -1,13 +1,15 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "support/descriptor.hpp"
 #include "support/temporary.hpp"
 
 namespace verdel::internal {
 
-/// A new, empty file in its target's folder, called ".verdel-", 8 lower-case letters or digits, and
+/// A new, empty file in its target's folder, and behind a link in the folder of the file that the
+/// link leads to: called ".verdel-", 8 lower-case letters or digits, and
 /// ".part". Its owner writes it and gives it the target's name; otherwise it goes with its owner.
 /// While it lives it is locked, which tells it from one that a killed process has left behind.
 class UnfinishedFile {
@@ -29,13 +31,14 @@ class UnfinishedFile {
  private:
   std::string create();
 
-  std::string target_;
+  std::string target_, file_behind_;  ///< as it was given; what a link there leads to
   Descriptor opened_;
   Temporary file_;
 };
 
-/// Removes from a folder the unfinished files that no living process writes: regular files of such
-/// a name whose lock is free. What cannot be opened, or locked, or looked at stays.
-void sweep_unfinished_files(const std::string& folder);
+/// Removes from a folder, and from those that links among `targets` lead to, the unfinished files
+/// that no living process writes: regular files of such a name whose lock is free. What cannot be
+/// opened, or locked, or looked at stays.
+void sweep_unfinished_files(const std::string& folder, const std::vector<std::string>& targets);
 
 }  // namespace verdel::internal

@@ -2,8 +2,10 @@
 
 #include <fmt/format.h>
 
+#include <cmath>
 #include <functional>
 #include <new>
+#include <system_error>
 
 #include "driver/engine_arguments.hpp"
 #include "driver/folder_proof.hpp"
@@ -43,13 +45,8 @@ int exit_status_of(RunContext& context, const std::function<void(OutputLines&)>&
     return report_failure(context, error.what(), kExitUsage);
   } catch (const Cancelled& cancelled) {
     return report_failure(context, cancelled.what(), kExitCancelled);
-  } catch (const std::bad_alloc&) {
-    return report_failure(context,
-                          "the machine has not enough free memory for this render; use fewer stems "
-                          "or a shorter bounce",
-                          kExitFailure);
   } catch (const std::exception& failure) {
-    return report_failure(context, failure.what(), kExitFailure);
+    return report_failure(context, words_for(failure), kExitFailure);
   }
 }
 
@@ -77,6 +74,19 @@ void run_arguments(const std::vector<std::string>& arguments, const RunContext& 
 
 }  // namespace
 
+const char* words_for(const std::exception& failure) {
+  if (dynamic_cast<const std::bad_alloc*>(&failure) != nullptr) {
+    return "the machine has not enough free memory for this render; use fewer stems or a shorter "
+           "bounce, or raise the limit on this process's memory (ulimit -v)";
+  }
+  const auto* const refusal = dynamic_cast<const std::system_error*>(&failure);
+  if (refusal != nullptr && refusal->code() == std::errc::resource_unavailable_try_again) {
+    return "the system gives this process no further thread; end other programs, or raise the "
+           "limits on processes (ulimit -u) and on this process's memory (ulimit -v)";
+  }
+  return failure.what();
+}
+
 int main(const std::vector<std::string>& arguments, RunContext& context) {
   return exit_status_of(context, [&](OutputLines& lines) {
     if (print_version("verdel", arguments, lines)) return;
@@ -100,9 +110,10 @@ int verify_main(const std::vector<std::string>& arguments, RunContext& context) 
     const CommandLine command_line(context.program_name, entries_of(verify_option_table()));
     const auto options = parse_record(command_line, verify_option_table(), arguments);
     if (!options) return lines.write(command_line.help());
-    if (!prove_folder(*options, lines, context.stop)) {
-      throw RuntimeError("the stems do not add up to the mix");
+    if (!std::isfinite(options->threshold)) {
+      command_line.fail("--threshold takes a finite number of dBFS");
     }
+    prove_folder(*options, lines, context.stop);
   });
 }
 

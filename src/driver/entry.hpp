@@ -1,5 +1,6 @@
 #pragma once
 
+#include <exception>
 #include <string>
 #include <vector>
 
@@ -13,6 +14,10 @@ namespace verdel::internal {
 inline constexpr int kExitFailure = 1;
 inline constexpr int kExitUsage = 2;
 inline constexpr int kExitCancelled = 130;  ///< as a shell reports an interrupted program
+
+/// What the user reads of a failure: its own words, or for a limit of the machine or of the
+/// process, whose words nobody could act on, what to do.
+const char* words_for(const std::exception& failure);
 
 /// The full command line.
 int main(const std::vector<std::string>& arguments, RunContext& context);

@@ -4,12 +4,13 @@
 
 #include <algorithm>
 #include <cmath>
-#include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include "delivery/verification.hpp"
+#include "inputs/audio_header.hpp"
 #include "inputs/audio_loading.hpp"
-#include "signal/levels.hpp"
 #include "support/errors.hpp"
 #include "support/number_text.hpp"
 #include "support/unicode_text.hpp"
@@ -17,50 +18,69 @@
 namespace verdel::internal {
 namespace {
 
-/// What a render writes beside its stems when it is asked for diagnostics.
-constexpr const char* kDiagnosticName = "_NULL_RESIDUAL";
-
-struct ChannelProof {
-  Levels difference;
-  std::size_t worst = 0;  ///< the sample of the peak, counted from the beginning of the mix
+/// The part of the mix that the stems are.
+struct Part {
+  std::size_t start = 0, frames = 0;
 };
 
-struct FolderProof {
-  std::size_t stems = 0, start = 0, frames = 0;
-  std::vector<ChannelProof> channels;
-  double peak = 0.0;  ///< dB, of all channels
-  bool passed = false;
+/// What the lines tell of a folder beside its figures.
+struct Folder {
+  std::vector<StemInput> stems;
+  Part part;
+  int sr = 0;
 };
 
-std::vector<StemInput> stems_of(const std::string& folder) {
+std::vector<StemInput> stems_of(const std::string& folder, const StopToken& stop) {
   auto stems = plan_stem_inputs(folder);
-  std::erase_if(stems, [](const StemInput& stem) { return stem.name == kDiagnosticName; });
+  std::erase_if(stems, [&](const StemInput& stem) { return is_null_residual(stem, stop); });
   if (stems.empty()) {
     throw ValueError("no stems in " + quoted_path(folder) + ". Pass the folder that holds them.");
   }
   return stems;
 }
 
-void require_like_the_mix(const StemInput& input, const LoadedAudio& stem, const LoadedAudio& mix,
-                          std::size_t frames) {
-  const auto refuse = [&](const char* what, std::size_t has, std::size_t wanted) {
-    throw ValueError(fmt::format("{}: {} {}, where the others have {}",
-                                 quoted_path(input.files.front()), has, what, wanted));
-  };
-  const auto hz = [](int sr) { return static_cast<std::size_t>(sr); };
-  if (stem.sr != mix.sr) refuse("Hz", hz(stem.sr), hz(mix.sr));
-  if (stem.audio.rows() != mix.audio.rows()) {
-    refuse("channels", stem.audio.rows(), mix.audio.rows());
-  }
-  if (stem.audio.columns() != frames) refuse("frames", stem.audio.columns(), frames);
+std::string difference_text(const StemInput& stem, const char* what, std::size_t has,
+                            std::size_t wanted) {
+  return fmt::format("{}: {} {}, where the others have {}", quoted_path(stem.files.front()), has,
+                     what, wanted);
 }
 
-void add(const AudioArray& stem, AudioArray& sum) {
-  for (std::size_t channel = 0; channel < sum.rows(); ++channel) {
-    const auto row = stem.row(channel);
-    const auto total = sum.row(channel);
-    for (std::size_t i = 0; i < total.size(); ++i) total[i] += row[i];
+std::size_t frames_of(const StemInput& stem, const AudioHeader& header, const StopToken& stop) {
+  return header.frames ? *header.frames : load_audio_input(stem, stop).audio.columns();
+}
+
+/// The number of frames that most stems have; of numbers that are as frequent, the mix's or else
+/// the first one's.
+std::size_t usual_length(const std::vector<std::size_t>& lengths, std::size_t mix_frames) {
+  const auto weight = [&](std::size_t length) {
+    return std::pair(std::ranges::count(lengths, length), length == mix_frames);
+  };
+  return *std::ranges::max_element(lengths, {}, weight);
+}
+
+/// Refuses stems that are not like the mix or not of one length, and returns that length.
+std::size_t common_length(const std::vector<StemInput>& stems, const LoadedAudio& mix,
+                          const StopToken& stop) {
+  std::vector<std::size_t> lengths;
+  for (const StemInput& stem : stems) {
+    const AudioHeader header = check_audio_input(stem, stop);
+    const auto require = [&](const char* what, std::size_t has, std::size_t wanted) {
+      if (has != wanted) throw ValueError(difference_text(stem, what, has, wanted));
+    };
+    require("Hz", static_cast<std::size_t>(header.sr), static_cast<std::size_t>(mix.sr));
+    require("channels", header.channels, mix.audio.rows());
+    lengths.push_back(frames_of(stem, header, stop));
   }
+  const std::size_t usual = usual_length(lengths, mix.audio.columns());
+  std::string text;
+  for (std::size_t i = 0; i < stems.size(); ++i) {
+    if (lengths[i] == usual) continue;
+    text += difference_text(stems[i], "frames", lengths[i], usual) + "\n";
+  }
+  if (text.empty()) return usual;
+  throw ValueError(text +
+                   "A file of another length is mostly left from an earlier render. Remove it, or "
+                   "render into an empty folder.");
 }
 
 /// Where stems of so many frames begin in the mix.
@@ -83,96 +103,76 @@ std::size_t start_of(const VerifyOptions& options, const LoadedAudio& mix, std::
   return start < static_cast<double>(latest) ? static_cast<std::size_t>(start) : latest;
 }
 
-ChannelProof prove_channel(std::span<const double> mix, std::span<double> sum, std::size_t start) {
-  ChannelProof proof;
-  double peak = -1.0;
-  for (std::size_t i = 0; i < sum.size(); ++i) {
-    sum[i] = mix[i] - sum[i];
-    const double magnitude = std::abs(sum[i]);
-    if (magnitude <= peak) continue;
-    peak = magnitude;
-    proof.worst = start + i;
-    if (std::isnan(peak)) break;
-  }
-  proof.difference = levels(AudioView(sum.data(), 1, sum.size(), sum.size()));
-  return proof;
-}
-
-FolderProof prove(const VerifyOptions& options, const LoadedAudio& mix,
-                  const std::vector<StemInput>& stems, const StopToken& stop) {
-  FolderProof proof;
-  proof.stems = stems.size();
-  std::optional<AudioArray> sum;
-  for (const StemInput& input : stems) {
-    LoadedAudio stem = load_audio_input(input, stop);
-    if (!sum) proof.frames = stem.audio.columns();
-    require_like_the_mix(input, stem, mix, proof.frames);
-    if (sum) {
-      add(stem.audio, *sum);
-    } else {
-      sum = std::move(stem.audio);
-    }
-  }
-  proof.start = start_of(options, mix, proof.frames);
-  proof.peak = -999.0;
-  proof.passed = true;
-  for (std::size_t channel = 0; channel < sum->rows(); ++channel) {
-    const auto part = mix.audio.row(channel).subspan(proof.start, proof.frames);
-    proof.channels.push_back(prove_channel(part, sum->row(channel), proof.start));
-    const double peak = proof.channels.back().difference.peak;
-    // Not a number fails.
-    if (!(peak < options.threshold)) proof.passed = false;
-    if (!(peak <= proof.peak)) proof.peak = peak;
-  }
-  return proof;
-}
-
-void print_text(const FolderProof& proof, int sr, OutputLines& lines) {
-  lines.print(fmt::format("{} stems, {} frames from {}, {} Hz", proof.stems, proof.frames,
-                          proof.start, sr));
+void print_text(const Folder& folder, const Proof& proof, OutputLines& lines) {
+  lines.print(fmt::format("{} stems, {} frames from {}, {} Hz", folder.stems.size(),
+                          folder.part.frames, folder.part.start, folder.sr));
   for (std::size_t channel = 0; channel < proof.channels.size(); ++channel) {
     const auto& [difference, worst] = proof.channels[channel];
+    const std::size_t sample = folder.part.start + worst;
     lines.print(fmt::format("channel {}: peak {} dBFS at sample {} ({:.3f} s), rms {} dBFS",
-                            channel + 1, one_decimal(difference.peak), worst,
-                            static_cast<double>(worst) / sr, one_decimal(difference.rms)));
+                            channel + 1, one_decimal(difference.peak), sample,
+                            static_cast<double>(sample) / folder.sr, one_decimal(difference.rms)));
   }
   lines.print(fmt::format("null residual: {} dBFS  {}", one_decimal(proof.peak),
                           proof.passed ? "PASS" : "FAIL"));
 }
 
-/// JSON has neither infinity nor "not a number": null stands for the latter.
+/// JSON has neither infinity nor "not a number": null stands for both.
 std::string json_number(double value) {
   return std::isfinite(value) ? shortest_float64(value) : "null";
 }
 
-void print_json(const FolderProof& proof, const VerifyOptions& options, int sr,
+void print_json(const Folder& folder, const Proof& proof, const VerifyOptions& options,
                 OutputLines& lines) {
   std::string channels;
   for (const auto& [difference, worst] : proof.channels) {
     channels += fmt::format(R"({}{{"peak_dbfs": {}, "rms_dbfs": {}, "worst_sample": {}}})",
                             channels.empty() ? "" : ", ", json_number(difference.peak),
-                            json_number(difference.rms), worst);
+                            json_number(difference.rms), folder.part.start + worst);
   }
   lines.print(fmt::format(
       R"({{"mix": {}, "stems": {}, "count": {}, "start": {}, "frames": {}, "sample_rate": {}, )"
       R"("threshold_dbfs": {}, "peak_dbfs": {}, "passed": {}, "channels": [{}]}})",
-      json_string(*options.mix), json_string(*options.stems), proof.stems, proof.start,
-      proof.frames, sr, json_number(options.threshold), json_number(proof.peak), proof.passed,
-      channels));
+      json_string(*options.mix), json_string(*options.stems), folder.stems.size(),
+      folder.part.start, folder.part.frames, folder.sr, json_number(options.threshold),
+      json_number(proof.peak), proof.passed, channels));
+}
+
+std::string advice_on(const std::vector<StemInput>& surplus) {
+  std::string files;
+  for (const StemInput& stem : surplus) {
+    for (const std::string& file : stem.files) {
+      files.append(files.empty() ? "" : ", ").append(quoted_path(file));
+    }
+  }
+  return "Without " + files +
+         " the others do. Such a file is mostly left from an earlier render: remove it, or render "
+         "into an empty folder.";
 }
 
 }  // namespace
 
-bool prove_folder(const VerifyOptions& options, OutputLines& lines, const StopToken& stop) {
-  const auto stems = stems_of(*options.stems);
+void prove_folder(const VerifyOptions& options, OutputLines& lines, const StopToken& stop) {
+  Folder folder{.stems = stems_of(*options.stems, stop), .part = {}};
   const LoadedAudio mix = load_audio_input(plan_mix_input(*options.mix), stop);
-  const FolderProof proof = prove(options, mix, stems, stop);
+  folder.sr = mix.sr;
+  folder.part.frames = common_length(folder.stems, mix, stop);
+  folder.part.start = start_of(options, mix, folder.part.frames);
+
+  const AudioView part =
+      mix.audio.view().column_range(folder.part.start, folder.part.start + folder.part.frames);
+  AudioArray residual = written_residual(folder.stems, part, mix.sr, stop);
+  const Proof proof = prove(residual.view(), options.threshold);
   if (options.json) {
-    print_json(proof, options, mix.sr, lines);
+    print_json(folder, proof, options, lines);
   } else {
-    print_text(proof, mix.sr, lines);
+    print_text(folder, proof, lines);
   }
-  return proof.passed;
+  if (proof.passed) return;
+  const std::string failure = "the stems do not add up to the mix";
+  const auto surplus =
+      surplus_stems(folder.stems, std::move(residual), mix.sr, options.threshold, stop);
+  throw RuntimeError(surplus.empty() ? failure : failure + "\n" + advice_on(surplus));
 }
 
 }  // namespace verdel::internal

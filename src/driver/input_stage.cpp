@@ -12,12 +12,25 @@
 #include "inputs/project_resolution.hpp"
 #include "support/errors.hpp"
 #include "support/number_text.hpp"
+#include "support/temporary_directory.hpp"
 
 namespace verdel::internal {
 namespace {
 
 // More readers than this only queue for the same disk.
 constexpr std::size_t kMostDecoders = 8;
+
+/// Refuses what the processing profile of the parent application is not made for.
+void require_fit(const Run& run, const Mix& mix, std::size_t stem_count) {
+  if (mix.frames() < C14_FFT_SIZE) {
+    throw ValueError(fmt::format(
+        "the mix is only {} frames; VERDEL needs at least {} frames for this processing profile",
+        mix.frames(), C14_FFT_SIZE));
+  }
+  const auto error =
+      _c14_resource_budget_error(mix.frames(), mix.sr, stem_count, mix.channels(), run.machine);
+  if (error) throw ValueError(*error);
+}
 
 }  // namespace
 
@@ -54,15 +67,9 @@ Mix read_mix(const Run& run) {
 }
 
 void check_preflight(const Run& run, const Mix& mix, std::size_t stem_count) {
-  if (run.options.allocation != "candidate14") return;
-  if (mix.frames() < C14_FFT_SIZE) {
-    throw ValueError(fmt::format(
-        "the mix is only {} frames; VERDEL needs at least {} frames for this processing profile",
-        mix.frames(), C14_FFT_SIZE));
-  }
-  const auto error =
-      _c14_resource_budget_error(mix.frames(), mix.sr, stem_count, mix.channels(), run.machine);
-  if (error) throw ValueError(*error);
+  if (run.options.allocation == "candidate14") require_fit(run, mix, stem_count);
+  // Scratch space is needed by every render: whether there can be any is tried now.
+  const TemporaryDirectory trial(run.machine.temporary_folder(), "verdel-c14-");
 }
 
 StemMap read_taps(const Run& run, const Mix& mix, const std::vector<StemInput>& plan) {
@@ -109,6 +116,12 @@ SampleSpan choose_output_range(const Run& run, const Mix& mix) {
       fmt::format("demo excerpt: {}s + {}s (full-source context retained; trim on export)",
                   one_decimal(seconds), general(length)));
   run.lines.print(excerpt_start_line(range.first, mix.sr));
+  if (range.length() == 0) {
+    throw ValueError(fmt::format(
+        "invalid candidate-14 allocation inputs or interval\n--excerpt-len {} holds no sample at "
+        "{} Hz. Pass a longer excerpt, in seconds.",
+        general(length), mix.sr));
+  }
   return range;
 }
 

@@ -25,8 +25,8 @@ void resolve_paths(Options& options, OutputLines& lines);
 /// Reads the mix, prints its line, and refuses one that is not stereo unless told otherwise.
 Mix read_mix(const Run& run);
 
-/// Refuses a mix that is too short or a render that is too large for the machine, before a tap is
-/// opened. Throws ValueError.
+/// Refuses a mix that is too short or a render that is too large for the machine, and tries whether
+/// the temporary folder takes anything, before a tap is opened. Throws ValueError and OSError.
 void check_preflight(const Run& run, const Mix& mix, std::size_t stem_count);
 
 /// Reads the taps of a plan, all of the mix's length, in its order.
@@ -35,7 +35,7 @@ StemMap read_taps(const Run& run, const Mix& mix, const std::vector<StemInput>& 
 std::vector<std::string> names_of(const StemMap& stems);
 
 /// The part of the source that is delivered; prints the excerpt lines if that was asked for. Throws
-/// ValueError for an excerpt length that reaches beyond all numbers.
+/// ValueError for an excerpt length that reaches beyond all numbers, or to no sample.
 SampleSpan choose_output_range(const Run& run, const Mix& mix);
 
 }  // namespace verdel::internal

@@ -6,9 +6,11 @@ namespace verdel::internal {
 
 /// Stops a render that would write over what it reads: a stem or null residual that is one of the
 /// inputs under whatever name, a null residual that would replace a stem, a folder in the place of
-/// a file. Looks at names and file system entries only. The paths in `options` are complete; what
-/// cannot be planned passes in silence, since planning itself says why in its turn.
-/// Throws ValueError.
+/// a file, two links to one file. Looks at names and file system entries only. Then tries whether
+/// the output place can be used (see require_usable_place), so that nobody waits for a render whose
+/// stems have nowhere to go. The paths in `options` are complete; what cannot be planned or is not
+/// there passes in silence, since planning and loading say why in their turn.
+/// Throws ValueError and OSError.
 void refuse_overwriting(const Options& options);
 
 }  // namespace verdel::internal

@@ -44,7 +44,7 @@ int run_process(Entry entry, int argc, char** argv) try {
   signals.finish();
   return status;
 } catch (const std::exception& failure) {
-  std::fprintf(stderr, "%s\n", failure.what());
+  std::fprintf(stderr, "%s\n", words_for(failure));
   return kExitFailure;
 }
 

@@ -59,8 +59,10 @@ void deliver(const Run& run, const SongJob& job, const StemMap& taps, const Stem
                         .report = !run.options.no_report,
                         .workers = run.machine.processors()};
   const LineSink print = [&run](std::string_view line) { run.lines.print(line); };
-  if (!deliver_song(job, taps, stems, files, print, lines, run.stop).passed) {
-    throw RuntimeError("written single-band stems failed reconstruction verification");
+  const DeliveryVerdict verdict = deliver_song(job, taps, stems, files, print, lines, run.stop);
+  if (!verdict.proof.passed) {
+    throw RuntimeError("written single-band stems failed reconstruction verification\n" +
+                       shallow_null_text(verdict, job.range.first, job.sr));
   }
 }
 

@@ -39,8 +39,11 @@ bool lock_within(std::unique_lock<std::mutex>& lock, std::chrono::milliseconds p
 }
 
 bool remove_from_disk(const Temporary& temporary) {
+  // A file or an empty directory goes without being opened, which takes a descriptor and may be
+  // refused: a run that has come to its limit of open files leaves nothing either.
   std::error_code error;
-  std::filesystem::remove_all(temporary.path(), error);
+  std::filesystem::remove(temporary.path(), error);
+  if (error) std::filesystem::remove_all(temporary.path(), error);
   return !error;
 }
 

@@ -30,8 +30,8 @@ TEST(ResourceBudget, TestsMemoryBeforeSpace) {
   EXPECT_EQ(error(7 * kGiB, 0),
             "this render needs about 5 GiB of working memory, but this Mac has 7 GiB; use fewer "
             "stems or a shorter bounce");
-  EXPECT_EQ(error(16 * kGiB, 3 * kGiB),
-            "VERDEL needs about 4 GiB free for temporary processing files");
+  EXPECT_TRUE(error(16 * kGiB, 3 * kGiB)
+                  .starts_with("VERDEL needs about 4 GiB free for temporary processing files\n"));
   // The bound itself fits: the files' bytes and the margin of 2 GiB.
   const std::uint64_t files =
       std::uint64_t{8} * 1025 * (((44100 * 20 + 98304) + 255) / 256 + 2) * 60;

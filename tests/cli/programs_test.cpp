@@ -116,7 +116,7 @@ TEST(Programs, AFaultEndsTheRunWithItsWordsAndNothingWritten) {
        "has a unique name.\n"},
       {"an excerpt without length",
        nothing,
-       "invalid candidate-14 allocation inputs or interval\n",
+       "invalid candidate-14 allocation inputs or interval\n--excerpt-len 1e-09 .*\n",
        {"--excerpt-len", "1e-9"}},
       {"a setting that is no number",
        nothing,

@@ -2,8 +2,8 @@
 
 #include <sys/resource.h>
 
+#include <algorithm>
 #include <csignal>
-#include <string>
 
 #include "delivery/audio_file_writing.hpp"
 #include "support/files.hpp"
@@ -11,31 +11,23 @@
 
 namespace verdel::internal {
 
-template <class Sample>
-void write_audio(const std::string& path, int sr, RowsView<const Sample> audio) {
-  AudioFileWriter writer(path, {.sr = sr, .channels = audio.rows(), .frames = audio.columns()});
-  writer.write(audio);
-  writer.commit();
+/// From now on no file of this process grows beyond a size, as on a full disk; RLIM_INFINITY lifts
+/// that.
+inline void limit_files_to(rlim_t bytes) {
+  std::signal(SIGXFSZ, SIG_IGN);
+  rlimit limit{};
+  getrlimit(RLIMIT_FSIZE, &limit);
+  limit.rlim_cur = std::min(bytes, limit.rlim_max);
+  setrlimit(RLIMIT_FSIZE, &limit);
 }
 
-/// Lets no file of this process grow beyond a size, as a full disk would, while it lives.
-class FileSizeLimit {
- public:
-  explicit FileSizeLimit(rlim_t bytes) : handler_(std::signal(SIGXFSZ, SIG_IGN)) {
-    getrlimit(RLIMIT_FSIZE, &before_);
-    const rlimit limit{bytes, before_.rlim_max};
-    setrlimit(RLIMIT_FSIZE, &limit);
-  }
-  ~FileSizeLimit() {
-    setrlimit(RLIMIT_FSIZE, &before_);
-    std::signal(SIGXFSZ, handler_);
-  }
-  FileSizeLimit(const FileSizeLimit&) = delete;
-  FileSizeLimit& operator=(const FileSizeLimit&) = delete;
-
- private:
-  rlimit before_{};
-  void (*handler_)(int);
-};
+/// Writes a file in two parts.
+inline void write_in_parts(const std::string& path, const AudioFileFormat& format, AudioView audio,
+                           const StopToken& stop = {}) {
+  AudioFileWriter writer(path, format);
+  writer.write(audio.column_range(0, audio.columns() / 3), stop);
+  writer.write(audio.column_range(audio.columns() / 3, audio.columns()), stop);
+  writer.commit();
+}
 
 }  // namespace verdel::internal

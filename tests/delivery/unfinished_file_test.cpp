@@ -1,6 +1,6 @@
 #include "delivery/unfinished_file.hpp"
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 #include <unistd.h>
 
 #include "support/files.hpp"
@@ -11,25 +11,31 @@ namespace {
 
 namespace fs = std::filesystem;
 
-TEST(UnfinishedFile, OnlyThoseThatNobodyWritesAreSwept) {
+TEST(UnfinishedFile, GoesBehindALinkAndIsSweptWhenNobodyWritesIt) {
   const testing::TemporaryFolder folder;
-  const std::string elsewhere = folder.touch("elsewhere/.verdel-00000000.part");
-  fs::create_symlink(elsewhere, folder.path(".verdel-linklink.part"));
-  folder.touch(".verdel-folderfo.part/");
-  for (const char* name : {".verdel-short.part", ".verdel-toolonger.part", ".verdel-UPPERCAS.part",
-                           "verdel-abcdefgh.part", ".verdel-abcdefgh.wav", "stem.wav"}) {
+  fs::create_symlink(folder.touch("elsewhere/.verdel-00000000.part"),
+                     folder.path(".verdel-linklink.part"));
+  for (const char* name : {".verdel-folderfo.part/", ".verdel-short.part", ".verdel-UPPERCAS.part",
+                           ".verdel-toolonger.part", "_verdel-abcdefgh.part", "far/kick.wav",
+                           ".verdel-abcdefgh.opus"}) {
     folder.touch(name);
   }
+  fs::create_symlink("far/kick.wav", folder.path("near.wav"));
+  fs::create_symlink("near.wav", folder.path("stem.wav"));
   UnfinishedFile written(folder.path("stem.wav"));
   const auto before = testing::contents_of(folder.path());
-  for (const char* name : {".verdel-abcdefgh.part", ".verdel-01234567.part"}) folder.touch(name);
-  sweep_unfinished_files(folder.path());
-  sweep_unfinished_files(folder.path("not there"));
+  EXPECT_THAT(::testing::PrintToString(before),
+              ::testing::ContainsRegex("far/\\.verdel-[a-z0-9]{8}\\.part"));
+  folder.touch(".verdel-abcdefgh.part");
+  folder.touch("far/.verdel-01234567.part");
+  sweep_unfinished_files(folder.path(), {folder.path("stem.wav")});
+  sweep_unfinished_files(folder.path("not there"), {});
   EXPECT_EQ(testing::contents_of(folder.path()), before);
 
   ASSERT_EQ(write(written.descriptor(), "new", 3), 3);
   written.take_target_name();
-  EXPECT_EQ(testing::bytes_of(folder.path("stem.wav")), "new");
+  EXPECT_EQ(fs::read_symlink(folder.path("stem.wav")), "near.wav");
+  EXPECT_EQ(testing::bytes_of(folder.path("far/kick.wav")), "new");
   EXPECT_EQ(testing::contents_of(folder.path()).size(), before.size() - 1);
 }
 

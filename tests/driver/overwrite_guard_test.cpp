@@ -1,94 +1,61 @@
 #include "driver/overwrite_guard.hpp"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
-#include <filesystem>
-#include <functional>
+#include <cstdlib>
 
-#include "support/errors.hpp"
 #include "support/files.hpp"
 #include "support/temporary_folder.hpp"
 
 namespace verdel::internal {
 namespace {
 
-namespace fs = std::filesystem;
-
-/// A project of empty files: the guard reads none.
-struct Project {
-  testing::TemporaryFolder folder;
-  Options options;
-
-  Project() {
-    options.mix = folder.touch("mix/Song.wav");
-    folder.touch("taps/Kick.wav");
-    folder.touch("taps/Hat.L.aif");
-    folder.touch("taps/Hat.R.aif");
-    folder.touch("out/");
-    options.taps = folder.path("taps");
-    options.out = folder.path("out");
-  }
+struct Case {
+  const char* out;
+  const char* command;  ///< of a shell in the project's folder
+  const char* words;    ///< nothing where the run is let pass
+  bool write_null = false;
 };
 
-using Prepare = std::function<void(Project&)>;
-
-TEST(OverwriteGuard, RefusesWhatWouldDestroyAnInput) {
-  const std::pair<Prepare, std::vector<const char*>> kCases[] = {
-      {[](Project& p) { p.options.out = p.options.taps; }, {"taps/Kick.wav", "--out"}},
-      {[](Project& p) { p.options.out = p.folder.path("out/../taps/."); }, {"Kick.wav"}},
-      {[](Project& p) {
-         fs::create_hard_link(p.folder.path("taps/Hat.R.aif"), p.folder.path("out/Hat.wav"));
-       },
-       {"out/Hat.wav", "taps/Hat.R.aif"}},
-      {[](Project& p) { fs::create_symlink(*p.options.mix, p.folder.path("out/Kick.wav")); },
-       {"out/Kick.wav", "mix/Song.wav"}},
-      {[](Project& p) {
-         p.options.write_null = true;
-         fs::create_hard_link(*p.options.mix, p.folder.path("out/_NULL_RESIDUAL.wav"));
-       },
-       {"_NULL_RESIDUAL.wav", "mix/Song.wav"}},
-      {[](Project& p) {
-         p.options.write_null = true;
-         p.folder.touch("taps/_Null_Residual.flac");
-       },
-       {"_Null_Residual.flac", "--write-null"}},
-      {[](Project& p) { p.folder.touch("out/Hat.wav/"); }, {"out/Hat.wav", "folder"}},
-      {[](Project& p) { p.options.out = p.folder.touch("occupied"); }, {"occupied", "--out"}},
-  };
-  for (const auto& [prepare, named] : kCases) {
-    Project project;
-    prepare(project);
-    const std::string failure =
-        testing::failure_of<ValueError>([&] { refuse_overwriting(project.options); });
-    for (const char* name : named) EXPECT_THAT(failure, ::testing::HasSubstr(name));
-  }
-}
-
-TEST(OverwriteGuard, LetsHarmlessRunsPass) {
-  const std::pair<const char*, Prepare> kCases[] = {
-      {"a first run", [](Project& p) { p.options.out = p.folder.path("a/b"); }},
-      {"stems of an earlier run",
-       [](Project& p) {
-         p.folder.touch("out/Kick.wav");
-         p.folder.touch("out/_NULL_RESIDUAL.wav");
-         p.options.write_null = true;
-       }},
-      {"a stem of that name without a null residual",
-       [](Project& p) { p.folder.touch("taps/_NULL_RESIDUAL.wav"); }},
-      {"an input beside the targets", [](Project& p) { p.options.out = p.folder.path("mix"); }},
-      {"a taps folder that is missing; planning says so in its turn",
-       [](Project& p) { p.options.taps = p.folder.path("none"); }},
-      {"names that clash; planning again",
-       [](Project& p) {
-         p.folder.touch("taps/kick.flac");
-         p.options.out = p.options.taps;
-       }},
-  };
-  for (const auto& [what, prepare] : kCases) {
-    Project project;
-    prepare(project);
-    EXPECT_NO_THROW(refuse_overwriting(project.options)) << what;
+TEST(OverwriteGuard, RefusesWhatWouldBeDestroyedOrCannotBeWritten) {
+  const std::string project =
+      "mkdir mix taps out; touch mix/Song.wav taps/Kick.wav taps/Hat.L.aif taps/Hat.R.aif; ";
+  const Case kCases[] = {
+      {"out/../taps/.", ":", "/Kick.wav” would be overwritten: it is the same"},
+      {"out", "ln taps/Hat.R.aif out/Hat.wav", "taps/Hat.R.aif”"},
+      {"out", "ln -s ../mix/Song.wav out/Kick.wav", "is the same file as the input “"},
+      {"out", "ln mix/Song.wav out/_NULL_RESIDUAL.wav", "mix/Song.wav”", true},
+      {"out", "touch taps/_Null_Residual.flac", "leave out --write-null", true},
+      {"out", "mkdir out/Hat.wav", "out/Hat.wav” is a folder"},
+      {"mix/Song.wav", ":", "” is a file, but"},
+      {"mix/Song.wav/a", ":", "Not a directory"},
+      {"out", "mkfifo out/Hat.wav", "not a regular file"},
+      {"out", "ln -s none out/Kick.wav", "out/Kick.wav”: a link stands there that leads nowhere"},
+      {"link/a", "ln -s none link", "link/a”: a link stands there"},
+      {"out", "ln -s Hat.wav out/Kick.wav; touch out/Hat.wav", "are one file by way of a link"},
+      {"/dev/fd", ":", "cannot write “/dev/fd/Hat.wav”"},
+      {"/dev/fd/new", ":", "cannot make the output folder “/dev/fd/new”"},
+      {"a/b", ":", ""},
+      {"mix", "touch mix/Kick.wav mix/_NULL_RESIDUAL.wav", "", true},
+      {"out", "touch far; ln -s ../far out/Kick.wav", ""},
+      {"out", "touch taps/_NULL_RESIDUAL.wav", ""},
+      // What the run itself says in its turn.
+      {"out", "ln -s none out/Kick.wav; rm mix/Song.wav", ""},
+      {"out", "ln -s none out/Kick.wav; rm -r taps", ""},
+      {"taps", "touch taps/kick.flac", ""}};
+  for (const Case& c : kCases) {
+    const testing::TemporaryFolder folder;
+    ASSERT_EQ(std::system(("cd " + folder.path() + ";" + project + c.command).c_str()), 0);
+    Options options;
+    options.mix = folder.path("mix/Song.wav");
+    options.taps = folder.path("taps");
+    options.out = *c.out == '/' ? c.out : folder.path(c.out);
+    options.write_null = c.write_null;
+    const auto before = testing::contents_of(folder.path());
+    const auto failure = testing::failure_of<std::exception>([&] { refuse_overwriting(options); });
+    EXPECT_THAT(failure, ::testing::HasSubstr(c.words));
+    EXPECT_EQ(failure.empty(), *c.words == '\0') << failure;
+    EXPECT_EQ(testing::contents_of(folder.path()), before) << c.words;
   }
 }
 

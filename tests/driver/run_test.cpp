@@ -163,7 +163,7 @@ small main|taps/c.wav|0|0|0||“P/taps/c.wav” is not a WAV, AIFF, FLAC or CAF 
 engine|taps/c.wav|2|9|0|--strict-inputs|c has a different length from the mix. Bounce every stem over the exact same range as the mix.
 main|taps/c.wav|2|9|0|--excerpt-len inf|--excerpt-len inf is too long to be counted in samples. Pass a length in seconds.
 main|taps/c.wav|2|9|0|--low-res z --low-res b --low-res A|verdel: error: --low-resolution requires an exact tap basename; unknown: z, A
-engine|x|0|0|0|--excerpt-len 1e-9|invalid candidate-14 allocation inputs or interval
+engine|x|0|0|0|--excerpt-len 1e-9|invalid candidate-14 allocation inputs or interval~--excerpt-len 1e-09 holds no sample at 8000 Hz. Pass a longer excerpt, in seconds.
 engine|mix.wav|2|12000|nan||non-finite single-band mix~P/mix.wav: sample 77 of channel 1 is not a finite number (both counted from 0). Bounce it again.
 main|taps/H.R.wav|1|12000|inf||single-band taps must match the finite full mix~P/taps/H.R.wav: sample 77 of channel 0 is not a finite number (both counted from 0). Bounce it again.
 main|taps/M.wav|1|12000|0|--any-channels|single-band taps must match the finite full mix~P/taps/M.wav: 1 channel, but the mix has 2. Bounce it like the mix.
