@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <ranges>
 #include <regex>
 #include <set>
 
@@ -15,7 +16,6 @@ namespace {
 // A command line whose last word ends in a press of TAB, and what the last word is then. Only what
 // has one continuation is here: what a shell makes of several is its own affair.
 const std::vector<std::pair<std::string, std::string>> kPresses = {
-    {"verdel --any", "--any-channels"},
     {"verdel --mix=My", "--mix=My mix.wav"},
     {"verdel --out=sub", "--out=subfolder"},  // and no file
     {"verdel --rule sh", "sharp"},
@@ -67,8 +67,7 @@ TEST(Completions, KnowOptionsChoicesAndNamesInEachShell) {
     const testing::TemporaryFolder folder;
     for (const char* name : {"My mix.wav", "subject.wav", "subfolder/"}) folder.touch(name);
     testing::write_bytes(folder.path("script"), script);
-    std::string presses;
-    for (const auto& [line, word] : kPresses) presses += line + "\n";
+    const auto presses = fmt::format("{}\n", fmt::join(std::views::keys(kPresses), "\n"));
     testing::write_bytes(folder.path("presses"), presses);
     const std::string command = "cd '" + folder.path() + "' && HOME=. COMPLETIONS='" +
                                 VERDEL_PROGRAM_FOLDER "/packaging/completions' " + shell;
@@ -76,8 +75,8 @@ TEST(Completions, KnowOptionsChoicesAndNamesInEachShell) {
     auto words = testing::lines_of(testing::bytes_of(folder.path("words")));
     words.resize(kPresses.size());
     for (std::size_t i = 0; i < words.size(); ++i) {
-      if (words[i].ends_with('/')) words[i].pop_back();
-      EXPECT_EQ(words[i], kPresses[i].second) << shell << ": " << kPresses[i].first;
+      EXPECT_EQ(words[i].substr(0, words[i].find_last_not_of('/') + 1), kPresses[i].second)
+          << shell << ": " << kPresses[i].first;
     }
   }
 }
