@@ -8,13 +8,14 @@ import sys
 
 from curves import gain_curve, waveforms
 from sound import read_channel
-from spectrogram import spectrogram
+from spectrogram import LOUD_DB, spectrogram
 
 # Seconds in the demo project: one snare hit in the middle of the music, and two bars.
 HIT = 9.107
 AROUND_HIT = (9.0, 9.8)
 TWO_BARS = (8.6, 12.9)
 GAIN_DB = (-6, 4)
+SOFT_DB = (-110.0, -70.0)  # what the gate moves is too soft for the scale of the others
 
 
 def main(stages, out):
@@ -24,8 +25,7 @@ def main(stages, out):
     (mix, rate), (residual, _), (gain, _) = read("mix"), read("residual"), read("gain")
     (tap, _), (model, _), (stem, _) = read("Snare.tap"), read("Snare.model"), read("Snare.stem")
     got = [s - m for s, m in zip(stem, model)]
-    (without_gate, _), (pads, _), (pads_without, _) = (
-        read("Snare.endpoint10"), read("Pads.stem"), read("Pads.endpoint10"))
+    without_gate, _ = read("Snare.endpoint10")
     tail = [s - w for s, w in zip(stem, without_gate)]
     rows = [("Mix", mix, 1), ("Snare, tap", tap, 1), ("model", model, 1), ("stem", stem, 1),
             ("stem − model", got, 8)]
@@ -33,9 +33,9 @@ def main(stages, out):
     (out / "waveforms.svg").write_text(waveforms(rows, rate, *AROUND_HIT), encoding="utf-8")
     (out / "gain.svg").write_text(gain_curve(mix, gain, rate, *TWO_BARS, *GAIN_DB),
                                   encoding="utf-8")
-    for name, samples in (("snare-model", model), ("residual", residual), ("snare-share", got),
-                          ("snare-tail", tail)):
-        picture = spectrogram(samples, rate, *AROUND_HIT, marks=[HIT])
+    for name, samples, scale in (("snare-model", model, LOUD_DB), ("residual", residual, LOUD_DB),
+                                 ("snare-share", got, LOUD_DB), ("snare-tail", tail, SOFT_DB)):
+        picture = spectrogram(samples, rate, *AROUND_HIT, marks=[HIT], scale=scale)
         (out / f"{name}.png").write_bytes(picture)
 
 

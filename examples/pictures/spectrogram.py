@@ -9,7 +9,7 @@ from sound import power_spectrum
 FFT_SIZE = 2048
 COLUMNS, ROWS, CELL = 380, 130, 2  # cells across and up, pixels of a cell's side
 LOW_HZ, HIGH_HZ = 100.0, 16000.0
-FLOOR_DB, CEILING_DB = -100.0, -20.0
+LOUD_DB = (-100.0, -20.0)  # from black to the brightest colour
 LEFT, RIGHT, TOP, BOTTOM = 76, 100, 10, 34
 
 LEVELS = 64  # colours; then white, ink, grid
@@ -66,9 +66,10 @@ def colour(share):
     return [round(a + weight * (b - a)) for a, b in zip(ANCHORS[below], ANCHORS[below + 1])]
 
 
-def level_of(power):
+def level_of(power, scale):
+    floor, ceiling = scale
     decibels = 10 * math.log10(max(power, 1e-30))
-    share = (decibels - FLOOR_DB) / (CEILING_DB - FLOOR_DB)
+    share = (decibels - floor) / (ceiling - floor)
     return round(min(max(share, 0.0), 1.0) * (LEVELS - 1))
 
 
@@ -77,7 +78,7 @@ def frequency_at(row):
     return LOW_HZ * (HIGH_HZ / LOW_HZ) ** (row / ROWS)
 
 
-def column_levels(samples, rate, centre):
+def column_levels(samples, rate, centre, scale):
     """One level a row from the bottom: the strongest bin inside it, or between bins their mean."""
     power = power_spectrum(samples, centre, FFT_SIZE)
     levels = []
@@ -87,7 +88,7 @@ def column_levels(samples, rate, centre):
         below = int(low)
         weight = (low + high) / 2 - below
         between = power[below] + weight * (power[below + 1] - power[below])
-        levels.append(level_of(max(inside) if inside else between))
+        levels.append(level_of(max(inside) if inside else between, scale))
     return levels
 
 
@@ -110,22 +111,24 @@ def draw_time_axis(image, start, stop):
         image.write(f"{tenth / 10:.1f}" + (" s" if last else ""), x, bottom + 17, 0.5)
 
 
-def draw_colour_scale(image):
+def draw_colour_scale(image, scale):
+    floor, ceiling = scale
     x, height = LEFT + COLUMNS * CELL + 16, ROWS * CELL
     for y in range(height):
         image.fill(x, TOP + y, 14, 1, round((1 - y / (height - 1)) * (LEVELS - 1)))
-    for decibels in range(int(FLOOR_DB), int(CEILING_DB) + 1, 20):
-        share = (decibels - FLOOR_DB) / (CEILING_DB - FLOOR_DB)
+    for decibels in range(int(floor), int(ceiling) + 1, 20 if ceiling - floor > 60 else 10):
+        share = (decibels - floor) / (ceiling - floor)
         y = TOP + round((1 - share) * (height - 1))
-        image.write(f"{decibels}" + (" dB" if decibels == CEILING_DB else ""), x + 20, y)
+        image.write(f"{decibels}" + (" dB" if decibels == ceiling else ""), x + 20, y)
 
 
-def spectrogram(samples, rate, start, stop, marks=()):
-    """A PNG of the samples from start to stop in seconds, with thin lines at the marks."""
+def spectrogram(samples, rate, start, stop, marks=(), scale=LOUD_DB):
+    """A PNG of the samples from start to stop in seconds, with thin lines at the marks; `scale` is
+    the levels in dB that are black and brightest."""
     image = Image(LEFT + COLUMNS * CELL + RIGHT, TOP + ROWS * CELL + BOTTOM)
     for column in range(COLUMNS):
         seconds = start + (stop - start) * (column + 0.5) / COLUMNS
-        levels = column_levels(samples, rate, round(seconds * rate))
+        levels = column_levels(samples, rate, round(seconds * rate), scale)
         for row, level in enumerate(levels):
             image.fill(LEFT + column * CELL, TOP + (ROWS - 1 - row) * CELL, CELL, CELL, level)
     for mark in marks:
@@ -134,5 +137,5 @@ def spectrogram(samples, rate, start, stop, marks=()):
             image.fill(x, y, 1, 4, MARK)
     draw_frequency_axis(image)
     draw_time_axis(image, start, stop)
-    draw_colour_scale(image)
+    draw_colour_scale(image, scale)
     return image.png()

@@ -22,7 +22,6 @@ struct ProgramRun {
   std::string program;  ///< "verdel" or "verdel-engine"
   std::vector<std::string> arguments = {};
   std::string folder = ".";       ///< the process's working directory
-  std::string environment = {};   ///< "NAME=value", beside what the test has
   std::string prefix = {};        ///< a command that runs the program behind it, in a shell's words
   std::string redirections = {};  ///< of a shell; standard input is closed anyway
   bool reader_is_gone = false;    ///< standard output is a pipe that nobody reads
@@ -44,7 +43,7 @@ class RunningProgram {
       return text += "'";
     };
     std::string command = "cd " + quoted(run.folder);
-    command += " && exec env " + run.environment + " " + run.prefix + " ";
+    command += " && exec " + run.prefix + " ";
     command += quoted(VERDEL_PROGRAM_FOLDER "/" + run.program);
     for (const std::string& argument : run.arguments) command.append(" ").append(quoted(argument));
     command += " <&- 2>" + quoted(streams_.path("err")) + " " + run.redirections;
@@ -76,15 +75,12 @@ class RunningProgram {
 
   /// Waits for the next line of standard output; false at its end.
   bool read_line() {
-    line_.clear();
     for (int c = 0; output_ != nullptr && (c = std::fgetc(output_)) != EOF;) {
-      line_ += static_cast<char>(c);
       out_ += static_cast<char>(c);
       if (c == '\n') return true;
     }
     return false;
   }
-  const std::string& last_line() const { return line_; }
   void stop_reading() {
     if (output_ != nullptr) std::fclose(std::exchange(output_, nullptr));
   }
@@ -110,7 +106,7 @@ class RunningProgram {
   TemporaryFolder streams_;
   std::FILE* output_ = nullptr;
   pid_t process_ = 0;
-  std::string out_, line_;
+  std::string out_;
 };
 
 inline ProgramResult run_program(const ProgramRun& run) {
