@@ -12,7 +12,6 @@
 #include "inputs/input_planning.hpp"
 #include "inputs/path_text.hpp"
 #include "support/errors.hpp"
-#include "support/unicode_text.hpp"
 
 namespace verdel::internal {
 namespace {
@@ -61,9 +60,9 @@ void refuse_null_residual_as_stem(const Plans& plans) {
   for (const StemInput& stem : plans.stems) {
     if (_normalized_stem_name(stem.name) != _normalized_stem_name(kNullResidualName)) continue;
     throw ValueError(
-        fmt::format("--write-null would write the null residual over the stem {} of {}. Rename the "
-                    "tap, or leave out --write-null.",
-                    quoted_path(stem.name), quoted_path(stem.files.front())));
+        fmt::format("--write-null would write the null residual over the stem “{}” of “{}”. Rename "
+                    "the tap, or leave out --write-null.",
+                    stem.name, stem.files.front()));
   }
 }
 
@@ -77,9 +76,9 @@ void refuse_overwriting(const Options& options) {
   const auto out = entry_at(*options.out);
   if (out && !S_ISDIR(out->st_mode)) {
     throw ValueError(fmt::format(
-        "{} is a file, but the stems are to be written into a folder of that name. Pass another "
+        "“{}” is a file, but the stems are to be written into a folder of that name. Pass another "
         "--out.",
-        quoted_path(*options.out)));
+        *options.out));
   }
   std::vector<std::string> names;
   for (const StemInput& stem : plans->stems) names.push_back(stem.name);
@@ -91,15 +90,15 @@ void refuse_overwriting(const Options& options) {
     if (!entry) continue;
     if (S_ISDIR(entry->st_mode)) {
       throw ValueError(
-          fmt::format("{} is a folder, but {} is to be written there. Move the folder, or pass "
+          fmt::format("“{}” is a folder, but “{}” is to be written there. Move the folder, or pass "
                       "another --out.",
-                      quoted_path(target), quoted_path(name)));
+                      target, name));
     }
     const auto input = inputs.find(identity_of(*entry));
     if (input != inputs.end()) {
       throw ValueError(fmt::format(
-          "{} would be overwritten: it is the same file as the input {}. Pass another --out.",
-          quoted_path(target), quoted_path(input->second)));
+          "“{}” would be overwritten: it is the same file as the input “{}”. Pass another --out.",
+          target, input->second));
     }
   }
 }
