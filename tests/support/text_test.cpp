@@ -60,6 +60,7 @@ const struct {
     {figures, "-13.1667 -13.2 -13.2", {"-13.16666666"}},
     {figures, "nan nan +nan", {"nan"}},
     {padded, "é    ", {"é", "é "}},
+    {measures, "0 letters", {""}},
     {measures, "1 letter", {"\xF0\x9F\xA5\x81", "é"}},
     {measures, "5 letters of no text", {"a\xE9z\xF0\x9F", "\xF4\x90\x80\x80\x80"}},
     // A cut sequence, an overlong slash and a lone tail; and half a surrogate pair.
