@@ -16,7 +16,6 @@
 #include "inputs/input_planning.hpp"
 #include "inputs/path_text.hpp"
 #include "support/errors.hpp"
-#include "support/unicode_text.hpp"
 
 namespace verdel::internal {
 namespace {
@@ -63,9 +62,9 @@ void refuse_null_residual_as_stem(const Plans& plans) {
   for (const StemInput& stem : plans.stems) {
     if (_normalized_stem_name(stem.name) != _normalized_stem_name(kNullResidualName)) continue;
     throw ValueError(
-        fmt::format("--write-null would write the null residual over the stem {} of {}. Rename the "
-                    "tap, or leave out --write-null.",
-                    quoted_path(stem.name), quoted_path(stem.files.front())));
+        fmt::format("--write-null would write the null residual over the stem “{}” of “{}”. Rename "
+                    "the tap, or leave out --write-null.",
+                    stem.name, stem.files.front()));
   }
 }
 
@@ -114,9 +113,9 @@ void refuse_overwriting(const Options& options) {
   const auto out = entry_at(*options.out);
   if (out && !S_ISDIR(out->st_mode)) {
     throw ValueError(fmt::format(
-        "{} is a file, but the stems are to be written into a folder of that name. Pass another "
+        "“{}” is a file, but the stems are to be written into a folder of that name. Pass another "
         "--out.",
-        quoted_path(*options.out)));
+        *options.out));
   }
   std::vector<std::string> names;
   for (const StemInput& stem : plans->stems) names.push_back(stem.name);

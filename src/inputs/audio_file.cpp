@@ -190,7 +190,6 @@ AudioFile::AudioFile(ByteSource source, const std::string& path)
 
 AudioFile::~AudioFile() = default;
 AudioFile::AudioFile(AudioFile&&) noexcept = default;
-AudioFile& AudioFile::operator=(AudioFile&&) noexcept = default;
 
 const std::string& AudioFile::path() const {
   return state_->path;

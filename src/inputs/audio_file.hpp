@@ -30,7 +30,6 @@ class AudioFile {
   AudioFile(ByteSource source, const std::string& path);
   ~AudioFile();
   AudioFile(AudioFile&&) noexcept;
-  AudioFile& operator=(AudioFile&&) noexcept;
 
   const std::string& path() const;
   const AudioHeader& header() const;

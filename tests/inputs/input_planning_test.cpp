@@ -2,7 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <sstream>
+
 #include "inputs/path_text.hpp"
+#include "inputs/project_resolution.hpp"
 #include "support/errors.hpp"
 #include "support/files.hpp"
 #include "support/temporary_folder.hpp"
@@ -19,87 +22,104 @@ std::string text_of(const StemInput& input) {
   return text;
 }
 
-// A folder's entries, what its stems are, or the mix for a file selected in it, or the failure.
-struct Case {
-  Lines entries, plan;
-  std::string selected = "";
-};
-
-const Case kCases[] = {
-    {{}, {}},
-    {{"Kick.L.wav", "kick.r.AIF"}, {"Kick: Kick.L.wav kick.r.AIF"}},
-    {{"kick.r.wav", "KICK.l.wav"}, {"KICK: KICK.l.wav kick.r.wav"}},
-    {{"Zebra.wav", "apple.WAV", "Mid.R.caf", "mid.L.Flac"},
-     {"apple: apple.WAV", "mid: mid.L.Flac Mid.R.caf", "Zebra: Zebra.wav"}},
-    {{"L.wav", "r.wav"}, {"L: L.wav", "r: r.wav"}},
-    {{"Drums.L.L.wav", "Drums.L.R.wav"}, {"Drums.L: Drums.L.L.wav Drums.L.R.wav"}},
-    {{".L.wav", "._a.wav", ".wav", "a.txt", "b.wav.bak"}, {}},
-    {{"a..wav", "sub.wav/"}, {"a.: a..wav", "sub: sub.wav"}},
-    {{"Caf\xC3\xA9.wav", "Cafe\xCC\x81.wav", "CAFE\xCC\x81.caf"},
-     {"“CAFE\xCC\x81.caf” and “Cafe\xCC\x81.wav” and “Caf\xC3\xA9.wav” would print with the same "
-      "stem name. Rename one so every source stem has a unique name.\nThey look the same, but "
-      "their letters are coded differently: Cafe[U+0301].wav and Caf[U+00E9].wav."}},
-    {{"Bass\n.wav", "Bass\n.L.wav", "BASS\n.R.wav"},
-     {"“Bass\\x0A.L.wav” and “BASS\\x0A.R.wav” and “Bass\\x0A.wav” would all use the logical stem "
-      "name “Bass\\x0A”. Rename the standalone file or the .L/.R pair."}},
-    {{"Snare.L.wav"}, {"“Snare.L.wav” is missing its matching .R mono file for “Snare”."}},
-    {{"Snare.R.wav"}, {"“Snare.R.wav” is missing its matching .L mono file for “Snare”."}},
-    {{"a.L.wav", "A.L.aif", "a.R.wav"},
-     {"“A.L.aif” and “a.L.wav” are duplicate left sides for “a”. Keep exactly one .L and one .R "
-      "file."}},
-    {{"a.L.wav", "a.R.wav", "a.R.caf"},
-     {"“a.R.caf” and “a.R.wav” are duplicate right sides for “a”. Keep exactly one .L and one .R "
-      "file."}},
-    // Pairs come before standalone files, and one key's faults before the next key's.
-    {{"a.wav", "a.aif", "c.wav", "c.L.wav", "c.R.wav", "d.L.wav"},
-     {"“c.L.wav” and “c.R.wav” and “c.wav” would all use the logical stem name “c”. Rename the "
-      "standalone file or the .L/.R pair."}},
-    {{"ok.wav", "caf\xE9.wav", "caf\xE9.txt"},
-     {"“caf\\xE9.wav” has a name that is not valid UTF-8. Rename it."}},
-    {{}, {"mix: mix.wav"}, "mix.wav"},
-    {{}, {"mix.l: mix.l.txt"}, "mix.l.txt"},
-    {{"Mix.L.wav", "mix.R.aif", "other.L.wav", "m\xE9.R.wav"},
-     {"Mix: Mix.L.wav mix.R.aif"},
-     "mix.R.aif"},
-    {{".L.wav"}, {"“.L.wav” has no mix name before its .L or .R suffix."}, ".L.wav"},
-    {{"a.L.wav", ".a.R.wav"},
-     {"“a.L.wav” is missing its matching .R mono mix file for “a”."},
-     "a.L.wav"},
-    {{}, {"“a.R.wav” is missing its matching .L mono mix file for “a”."}, "a.R.wav"},
-    {{"mix.L.wav", "mix.R.wav", "MIX.L.aif"},
-     {"“MIX.L.aif” and “mix.L.wav” are duplicate left sides for mix “mix”. Keep exactly one .L and "
-      "one .R file."},
-     "mix.L.wav"},
-};
-
-TEST(InputPlanning, GroupsNamesAndRefusesClashes) {
-  for (const Case& c : kCases) {
-    SCOPED_TRACE(::testing::PrintToString(c.entries) + c.selected);
-    const testing::TemporaryFolder folder;
-    const std::string taps = folder.path("t\xE9");  // a folder may be called anything
-    folder.touch("t\xE9/");
-    for (const std::string& entry : c.entries) folder.touch("t\xE9/" + entry);
-    Lines plan;
-    const std::string failure = testing::failure_of<ValueError>([&] {
-      if (!c.selected.empty()) plan.push_back(text_of(plan_mix_input(join(taps, c.selected))));
-      if (!c.selected.empty()) return;
-      for (const StemInput& stem : plan_stem_inputs(taps)) plan.push_back(text_of(stem));
-    });
-    if (!failure.empty()) plan.push_back(failure);
-    EXPECT_EQ(plan, c.plan);
+// The bytes of a row in which \xNN is one, and a doubled backslash itself.
+std::string unescaped(std::string text) {
+  for (std::size_t i = text.find('\\'); i != text.npos; i = text.find('\\', i + 1)) {
+    const bool is_byte = text[i + 1] == 'x';
+    const int byte = is_byte ? std::stoi(text.substr(i + 2, 2), nullptr, 16) : '\\';
+    text.replace(i, is_byte ? 4 : 2, 1, static_cast<char>(byte));
   }
-  EXPECT_THROW(plan_stem_inputs("/no/such/folder"), OSError);
+  return text;
 }
 
-TEST(InputPlanning, KeepsAPlainMixPathAndMakesAPairAbsolute) {
+// The plan of a folder, or of the mix selected in it, or the failure.
+std::string plan_of(const std::string& folder, const std::string& selected) {
+  std::string plan;
+  const std::string failure = testing::failure_of<ValueError>([&] {
+    if (selected.empty()) {
+      for (const StemInput& stem : plan_stem_inputs(folder)) plan += ", " + text_of(stem);
+    } else {
+      const StemInput mix = plan_mix_input(relative(folder, ".") + "/x/../" + selected);
+      EXPECT_TRUE(mix.files.size() == 1 || dirname(mix.files[1]) == folder);
+      plan = ", " + text_of(mix);
+    }
+  });
+  return failure.empty() ? plan.substr(std::min<std::size_t>(plan.size(), 2)) : failure;
+}
+
+// The rows of tests/data/inputs/names.txt.
+TEST(InputPlanning, GroupsNamesAndRefusesClashes) {
+  std::size_t rows = 0;
+  for (const std::string& row :
+       testing::lines_of(testing::bytes_of(VERDEL_TEST_DATA "/inputs/names.txt"))) {
+    if (row.empty() || row.front() == '#') continue;
+    ++rows;
+    const std::size_t first = row.find('|'), last = row.rfind('|');
+    const testing::TemporaryFolder folder;
+    folder.touch("t\xE9/");  // a folder may be called anything
+    std::istringstream entries(row.substr(0, first)),
+        selected(row.substr(first + 1, last - first - 1));
+    for (std::string entry; entries >> entry;) folder.touch("t\xE9/" + unescaped(entry));
+    std::string name;
+    selected >> name;
+    const std::string plan = plan_of(folder.path("t\xE9"), unescaped(name));
+    const std::string outcome = unescaped(row.substr(std::min(last + 2, row.size())));
+    EXPECT_TRUE(plan == outcome || (!name.empty() && plan.ends_with(outcome))) << row << "\n"
+                                                                               << plan;
+  }
+  EXPECT_GT(rows, 18u);
+  EXPECT_THROW(plan_stem_inputs("/no/such/folder"), OSError);
   EXPECT_EQ(plan_mix_input("no/../mix.wav").files, Lines{"no/../mix.wav"});
-  EXPECT_EQ(testing::failure_of<ValueError>([] { plan_mix_input("a/m\xE9.wav"); }),
-            "“a/m\\xE9.wav” has a name that is not valid UTF-8. Rename it.");
+}
+
+// A tree, its folders with a "/" at the end, and what is printed or the failure's text.
+const std::pair<Lines, Lines> kProjects[] = {
+    {{"stems/a.wav", "taps/b.WAV", "taps/.c.aif", "taps/.caf", "taps/n.txt", "mix/m.wav"},
+     {"mix   mix/m.wav", "taps  taps  (3 files)", "out   out", ""}},
+    {{"media/stems+mix/taps/", "mix/notes.txt", "master/m.flac"},
+     {"mix   master/m.flac", "taps  media/stems+mix/taps  (0 files)", "out   media/stems+mix/out",
+      ""}},
+    {{"taps/", "Mix/a.wav", "Mix/b\xE9.wav", "Mix/._a.wav", "master/x.wav"},
+     {"More than one file in Mix:\n  ._a.wav\n  a.wav\n  b\\xE9.wav\nLeave one, or pass --mix."}},
+    {{"mix/m.wav", "tap/"}, {"Could not find a taps folder. Pass --taps."}},
+    {{"taps/"}, {"Could not find the mix. Pass --mix."}}};
+
+TEST(Resolve, FindsTapsAndMixOrSaysWhatIsMissing) {
+  for (const auto& [tree, lines] : kProjects) {
+    const testing::TemporaryFolder folder;
+    for (const std::string& path : tree) folder.touch(path);
+    ProjectPaths paths{.project = folder.path()};
+    Lines printed;
+    const auto failure = testing::failure_of<ValueError>([&] { printed = resolve(paths); });
+    if (!failure.empty()) printed.push_back(failure);
+    EXPECT_EQ(printed, lines);
+  }
   const testing::TemporaryFolder folder;
-  folder.touch("m.L.wav");
-  folder.touch("m.R.wav");
-  EXPECT_EQ(plan_mix_input(relative(folder.path("x/../m.R.wav"), ".")).files,
-            (Lines{folder.path("m.L.wav"), folder.path("m.R.wav")}));
+  ProjectPaths given{
+      .project = folder.path("x/.."), .mix = folder.path("y/m.wav"), .taps = folder.path("t/")};
+  EXPECT_EQ(resolve(given), (Lines{"mix   y/m.wav", "taps  t  (0 files)", "out   t/out", ""}));
+  EXPECT_EQ(*given.taps + *given.out, folder.path("t/") + folder.path("t/out"));
+}
+
+TEST(PathText, IsCutAndJoined) {
+  const auto split = [](const char* name) {
+    const auto [stem, extension] = split_extension(name);
+    return stem + "|" + extension;
+  };
+  const std::pair<std::string, std::string> kTexts[] = {
+      {dirname("a/b.wav") + "|" + basename("a/b.wav"), "a|b.wav"},
+      {dirname("a//b/") + "|" + basename("a//b/"), "a//b|"},
+      {dirname("//b") + "|" + basename("//b"), "//|b"},
+      {split(".wav"), ".wav|"},
+      {split("..wav"), "..wav|"},
+      {split("a..wav"), "a.|.wav"},
+      {split("a."), "a|."},
+      {join("a/", "b") + join("", "b") + join("a", "/b"), "a/bb/b"},
+      {absolute("/a//b/./c/../d/") + absolute("/../.."), "/a/b/d/"},
+      {absolute("x"), join(std::filesystem::current_path().string(), "x")},
+      {relative("/a/b", "/a/b/") + relative("/abc", "/ab"), ".../abc"},
+      {relative("/a/x", "/a/b/c"), "../../x"}};
+  for (const auto& [text, expected] : kTexts) EXPECT_EQ(text, expected);
 }
 
 }  // namespace

@@ -28,10 +28,7 @@ inline Channels test_sound(std::size_t channels, std::size_t frames, double gain
 
 inline void write_audio(const std::string& path, const Channels& sound, int sr = 44100,
                         int format = SF_FORMAT_WAV | SF_FORMAT_FLOAT) {
-  SF_INFO properties{};
-  properties.samplerate = sr;
-  properties.channels = static_cast<int>(sound.size());
-  properties.format = format;
+  SF_INFO properties{0, sr, static_cast<int>(sound.size()), format, 0, 0};
   SNDFILE* file = sf_open(path.c_str(), SFM_WRITE, &properties);
   if (file == nullptr) throw std::runtime_error(path + ": " + sf_strerror(nullptr));
   const std::size_t frames = sound.front().size();
@@ -43,28 +40,6 @@ inline void write_audio(const std::string& path, const Channels& sound, int sr =
   const auto count = static_cast<sf_count_t>(frames);
   const bool written = sf_writef_double(file, interleaved.data(), count) == count;
   if (sf_close(file) != 0 || !written) throw std::runtime_error("cannot write " + path);
-}
-
-/// The channels of decoded audio.
-template <class Audio>
-Channels rows_of(const Audio& audio) {
-  Channels rows;
-  for (std::size_t c = 0; c < audio.rows(); ++c) {
-    rows.emplace_back(audio.row(c).begin(), audio.row(c).end());
-  }
-  return rows;
-}
-
-/// Where a chunk's name stands.
-inline std::size_t chunk_at(const std::string& bytes, const std::string& id) {
-  const std::size_t place = bytes.find(id);
-  if (place == std::string::npos) throw std::runtime_error("no chunk " + id);
-  return place;
-}
-
-/// Takes the frame count out of a short FLAC file's header, as writers to a pipe leave it.
-inline std::string without_flac_length(std::string bytes) {
-  return bytes.replace(22, 4, 4, '\0');
 }
 
 }  // namespace verdel::internal::testing

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <random>
 #include <vector>
 
@@ -7,23 +8,18 @@
 
 namespace verdel::internal::testing {
 
-inline void fill_with_noise(std::span<double> into, unsigned seed, double low = -1.0,
-                            double high = 1.0) {
-  std::mt19937 random(seed);
-  std::uniform_real_distribution<double> value(low, high);
-  for (double& sample : into) sample = value(random);
-}
-
 inline std::vector<double> noise(std::size_t length, unsigned seed, double low = -1.0,
                                  double high = 1.0) {
+  std::mt19937 random(seed);
+  std::uniform_real_distribution<double> value(low, high);
   std::vector<double> values(length);
-  fill_with_noise(values, seed, low, high);
+  for (double& sample : values) sample = value(random);
   return values;
 }
 
 inline AudioArray noise_array(std::size_t channels, std::size_t samples, unsigned seed) {
   auto audio = AudioArray::uninitialised(channels, samples);
-  fill_with_noise(audio.flat(), seed);
+  std::ranges::copy(noise(audio.size(), seed), audio.flat().begin());
   return audio;
 }
 

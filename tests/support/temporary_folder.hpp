@@ -20,8 +20,7 @@ class TemporaryFolder {
     std::error_code ignored;
     std::filesystem::remove_all(path_, ignored);
   }
-  TemporaryFolder(const TemporaryFolder&) = delete;
-  TemporaryFolder& operator=(const TemporaryFolder&) = delete;
+  TemporaryFolder& operator=(TemporaryFolder&&) = delete;
 
   const std::string& path() const { return path_; }
   std::string path(const std::string& name) const { return path_ + "/" + name; }
