@@ -118,6 +118,7 @@ TEST_F(RenderOutputsTest, WhatCannotBeWrittenLosesNothing) {
   before = testing::contents_of(folder_.path());
   EXPECT_EQ(testing::failure_of<OSError>([this] { deliver(-140.0); }),
             "cannot write “" + out("_NULL_RESIDUAL") + "”: Is a directory");
+  EXPECT_TRUE(lines_.empty());
   EXPECT_EQ(testing::contents_of(folder_.path()), before);
 
   std::filesystem::remove_all(folder_.path("new"));
