@@ -83,14 +83,14 @@ class Measurement {
 };
 
 /// Writes the stems and takes the levels that the engine prints beside them.
-std::vector<WrittenStem> write_stems(const std::string& folder, DeliveredStems delivered,
-                                     const StemViews& taps, int sr) {
+std::vector<StemInput> write_stems(const std::string& folder, DeliveredStems delivered,
+                                   const StemViews& taps, int sr) {
   std::filesystem::create_directories(folder);
-  std::vector<WrittenStem> files;
+  std::vector<StemInput> files;
   for (std::size_t stem = 0; stem < taps.size(); ++stem) {
     const auto [name, audio] = std::move(delivered[stem]);
-    files.push_back({name, folder + "/" + name + ".wav"});
-    AudioFileWriter writer(files.back().path,
+    files.push_back({name, {folder + "/" + name + ".wav"}});
+    AudioFileWriter writer(files.back().files.front(),
                            {.sr = sr, .channels = audio.rows(), .frames = audio.columns()});
     writer.write(audio.view());
     writer.commit();

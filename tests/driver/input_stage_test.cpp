@@ -72,6 +72,9 @@ TEST(InputStage, TheMixIsJudgedBeforeTheTapsAndTheRoomBeforeAnyTapIsOpened) {
   EXPECT_THAT(failure(shipping_main, project, full_disk),
               ::testing::StartsWith("VERDEL needs about 3 GiB free for temporary processing files\n"
                                     "the temporary folder “"));
+  Machine lost = system_machine();
+  lost.temporary_folder = [] { return "/dev/fd/lost"; };
+  EXPECT_THAT(failure(main, project, lost), HasSubstr("directory in “/dev/fd/lost”: "));
   // Without the shipping profile nobody asks, and the broken tap is what stops the run.
   EXPECT_THAT(failure(main, project, small), HasSubstr("c.wav"));
   EXPECT_EQ(failure(shipping_main, brief, small),
