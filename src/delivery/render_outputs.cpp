@@ -104,7 +104,7 @@ std::string shallow_null_text(const DeliveryVerdict& verdict, std::size_t start,
   if (excess > 0.0) {
     return fmt::format(
         "{}, because a stem peaks at {} dBFS: 32-bit floats above {} are too coarse. Turn the mix "
-        "and the taps down by {} dB, so that no sample passes {} dBFS, and render again.",
+        "down by {} dB, so that no sample of a stem passes {} dBFS, and render again.",
         place, signed_one_decimal(verdict.loudest_stem), signed_one_decimal(kLoudestExactStem),
         one_decimal(std::ceil(excess * 10.0) / 10.0), signed_one_decimal(kLoudestExactStem));
   }

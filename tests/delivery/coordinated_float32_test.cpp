@@ -12,11 +12,6 @@ namespace verdel::internal {
 namespace {
 
 constexpr double kFails = std::numeric_limits<double>::quiet_NaN();
-constexpr double kTarget = 1e-7;  // -140 dB
-
-double rounded(double value) {
-  return static_cast<double>(static_cast<float>(value));
-}
 
 // Two stems' samples, the mix's, and what is delivered; not a number where nothing can be.
 struct Case {
@@ -25,15 +20,16 @@ struct Case {
 };
 
 // Each case stands at the edges of the blocks that are worked on, in the last of three channels
-// and in the first; silence is between.
+// and in the first; silence is between, and the last stem in the block before.
 TEST(CoordinatedFloat32, GivesTheRoundingToTheLoudestStem) {
-  const double rest = 0.1 + 0.2 - (rounded(0.1) + rounded(0.2));
+  const auto rounded = [](double value) { return static_cast<double>(static_cast<float>(value)); };
+  const double owner = rounded(rounded(0.2) + (0.1 + 0.2 - (rounded(0.1) + rounded(0.2))));
   const std::pair<std::size_t, std::size_t> kPlaces[] = {{2, 0}, {0, 4095}, {2, 4096}, {2, 8999}};
   const Case kCases[] = {
-      {"rounding of both", {0.1, 0.2}, 0.1 + 0.2, -300, {rounded(0.1), rounded(0.2 + rest)}},
+      {"rounding of both", {0.1, 0.2}, 0.1 + 0.2, -300, {rounded(0.1), owner}},
       {"just above -140 dB", {0.25, 0.0}, 0.5, -139.99, {0.25, 0.0}},
-      {"below the target", {0.0, 0.0}, std::nextafter(kTarget, 0.0), -140, {0.0, 0.0}},
-      {"at the target", {0.0, 0.0}, kTarget, -140, {rounded(kTarget), 0.0}},
+      {"below the target", {0.0, 0.0}, std::nextafter(1e-7, 0.0), -140, {0.0, 0.0}},
+      {"at the target", {0.0, 0.0}, 1e-7, -140, {rounded(1e-7), 0.0}},
       {"below a deeper target", {0.0, 0.5}, 0.5 + 0x1p-26, -150, {0.0, 0.5}},
       {"the louder, negative", {0.25, -0.5}, -0.25 + 0x1p-22, -140, {0.25, -0.5 + 0x1p-22}},
       {"the first of equal ones", {-0.5, 0.5}, 0x1p-21, -140, {-0.5 + 0x1p-21, 0.5}},
@@ -56,6 +52,7 @@ TEST(CoordinatedFloat32, GivesTheRoundingToTheLoudestStem) {
         expected[i].audio.row(channel)[sample] = c.delivered[i];
       }
     }
+    expected[1].audio.row(1)[8192] = stems[1].audio.row(1)[8192] = mix.row(1)[8192] = 0.5;
     const std::string failure = testing::failure_of<RuntimeError>([&] {
       const auto done = _coordinated_float32_delivery(views_of(stems), mix.view(), c.threshold);
       ASSERT_EQ(done.size(), 2U);

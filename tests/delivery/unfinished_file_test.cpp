@@ -1,6 +1,7 @@
 #include "delivery/unfinished_file.hpp"
 
 #include <gmock/gmock.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "support/files.hpp"
@@ -20,6 +21,7 @@ TEST(UnfinishedFile, GoesBehindALinkAndIsSweptWhenNobodyWritesIt) {
                            ".verdel-abcdefgh.opus"}) {
     folder.touch(name);
   }
+  mkfifo(folder.path(".verdel-fifofifo.part").c_str(), 0600);
   fs::create_symlink("far/kick.wav", folder.path("near.wav"));
   fs::create_symlink("near.wav", folder.path("stem.wav"));
   UnfinishedFile written(folder.path("stem.wav"));

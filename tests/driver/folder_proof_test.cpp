@@ -34,19 +34,19 @@ struct Case {
 TEST(FolderProof, TellsWhatTheStemsLeaveOfTheMix) {
   const auto all = half(), part = half(4500), nan = half(0, 1.0, 77, std::nan(""));
   const Stems both = {{"a", all}, {"b", all}}, parts = {{"a", part}, {"b", part}};
-  const Stems off = {{"a", all}, {"b", half(0, 1.0, 8500, 0.125)}};
+  const Stems off = {{"a", all}, {"b", half(0, 1.0, 8500, 1.0)}};
   const Stems part_off = {{"a", part}, {"b", half(4500, 1.0, 9, 0.25)}};
   const Stems not_a_number = {{"a", all}, {"b", {nan[1], nan[0]}}};
   const char* const no_sum = "the stems do not add up to the mix\n";
   const Case kCases[] = {
       {{}, "", "", "no stems in "},
-      {both, "", "2 stems, 9000 frames from 0, 1000 Hz\n", ""},
-      {{{"a.L", {all[0]}}, {"a.R", {all[1]}}, {"b", all}}, "", "2 stems, ", ""},
+      {{{"a", half(0, 1.99997)}, {"b", half(0, 3e-5)}}, "", "2 stems, ", ""},
+      {{{"a.L", {all[0]}}, {"a.R", {all[1]}}, {"b", all}}, "", "9000 frames from 0, 1000 Hz\n", ""},
       {{{"a", all}, {"_NULL_RESIDUAL", all}}, "", "2 stems, ", ""},
       {{{"a", all}, {"b", all}, {"_NULL_RESIDUAL", half(0, 3e-5)}}, "", "2 stems, ", ""},
-      {off, "", "channel 1: peak -999.0 dBFS at sample 0 (0.000 s), rms -999.0 dBFS\nch", no_sum},
-      {off, "", "channel 2: peak -18.1 dBFS at sample 8500 (8.500 s), rms -57.6 dBFS\nn", no_sum},
-      {off, "--threshold=-18", "PASS\n", ""},
+      {off, "", "\nchannel 2: peak 0.0 dBFS at sample 8500 (8.500 s), rms -39.5 dBFS\n", no_sum},
+      {off, "--threshold=0", "FAIL\n", no_sum},
+      {off, "--threshold=1e-9", "PASS\n", ""},
       {off, "--threshold=inf", "", "error: --threshold takes a finite"},
       {off, "--threshold=nan", "", "error: --threshold takes a finite"},
       {not_a_number, "", "null residual: nan dBFS  FAIL", no_sum},
@@ -58,7 +58,7 @@ TEST(FolderProof, TellsWhatTheStemsLeaveOfTheMix) {
       {{{"a", half(7)}, {"b", all}, {"c", all}}, "", "", "a.wav”: 8993 frames, where the others"},
       {{{"a", part}, {"b", all}}, "", "", "/a.wav”: 4500 frames, where the others have 9000\nA f"},
       {{{"a", {all[0]}}}, "", "", "1 channels, where the others have 2\n"},
-      {{both[0], both[1], {"c", all}}, "", "3 stems", "/b.wav” the others do. Such", {"b"}},
+      {{both[0], both[1], {"c", half(0, 0.25)}}, "", "", "/c.wav” the others do. Such", {"a"}},
       {{both[0], both[1], {"c", all}, {"d", all}}, "", "", "a.wav” the others do", {"c", "a"}}};
   for (const Case& c : kCases) {
     const testing::TemporaryFolder folder;
