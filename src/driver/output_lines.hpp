@@ -24,7 +24,8 @@ class OutputLines {
 
   /// From now on a person at a terminal sees the stages on `stream`.
   void show_stages_on(std::FILE* stream) { terminal_.emplace(stream, stream_); }
-  /// A stage, and what is done of it, 0 to 1; below 0: how far is not known. No line of output.
+  /// A stage, and what is done of it, 0 to 1; below 0: how far is not known. No line of output, but
+  /// where it is seen, what was printed before goes out first.
   void stage(std::string_view name, double done = -1.0);
 
  private:

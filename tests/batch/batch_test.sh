@@ -1,11 +1,11 @@
 #!/usr/bin/env bash
-# Three songs through one of the batch engines, for real: a damaged one fails and the others do not,
+# Three songs through one of the batch schedulers, for real: a damaged one fails and the others do not,
 # it alone is rendered once it is repaired, and two never run at once where memory is for one.
 #
 # usage: batch_test.sh parallel|snakemake|slurm SOURCE_FOLDER BUILD_FOLDER
 # Exit status: 0 passed, 1 failed, 77 not tested here.
 set -euo pipefail
-engine=$1 source=$2 build=$3
+scheduler=$1 source=$2 build=$3
 readonly kNotTested=77
 
 not_tested() {
@@ -14,7 +14,7 @@ not_tested() {
 }
 
 fail() {
-  echo "batch_test.sh $engine: $*" >&2
+  echo "batch_test.sh $scheduler: $*" >&2
   tail -n 20 "$work"/*.log >&2 || true
   exit 1
 }
@@ -111,7 +111,7 @@ END
   run() { SBATCH_WAIT=1 verdel-slurm one two three; }
 }
 
-"with_$engine"
+"with_$scheduler"
 rendered() { sed -n 's/^begin //p' "$work/events" | sort | uniq -c | awk '{printf "%s:%s ", $2, $1}'; }
 
 mv two/taps "$work/taps-of-two"
@@ -136,4 +136,4 @@ done
 
 awk '$1 == "begin" && ++running > 1 { exit 1 } $1 == "end" { --running }' "$work/events.first" ||
   fail "two songs at once: $(tr '\n' ' ' <"$work/events.first")"
-echo "batch_test.sh $engine: passed"
+echo "batch_test.sh $scheduler: passed"

@@ -78,7 +78,6 @@ TEST(RepeatedRuns, GiveTheSameOnEveryMachineAndHoldNoMoreThanTheFirstOnes) {
       heap = heap_in_use();
     }
     use_instruction_set(best);
-    EXPECT_EQ(files.size(), 3U);
     EXPECT_THAT(out, HasSubstr(" allocation\n32-band allocation: Bässe, Kick\nafter "));
     EXPECT_EQ(entries_in("/dev/fd"), descriptors);
     EXPECT_LE(heap_in_use(), heap + (64 << 10));
@@ -206,6 +205,7 @@ TEST(Run, AFaultEndsItWithItsWordsAndNothingWritten) {
 // A process whose run holds a scratch directory with a file in it when signals come.
 [[noreturn]] void run(const std::string& folder, std::initializer_list<int> sent, bool listens) {
   std::signal(SIGHUP, SIG_IGN);
+  std::signal(SIGINT, SIG_DFL);  // a shell's background may have it ignored
   EndSignals signals;
   {
     const TemporaryDirectory scratch(folder, "scratch-");
