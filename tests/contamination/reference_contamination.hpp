@@ -10,8 +10,8 @@
 
 #include "contamination/figures.hpp"
 #include "gain/band_masks.hpp"
-#include "signal/moving_average.hpp"
 #include "signal/transforms.hpp"
+#include "support/moving_average.hpp"
 
 namespace verdel::internal::testing {
 
@@ -80,10 +80,9 @@ class ReferenceContamination {
 
   std::vector<double> averaged_product(const std::vector<double>& a, const std::vector<double>& b,
                                        double seconds) const {
-    std::vector<double> product(a.size()), average(a.size());
+    std::vector<double> product(a.size());
     std::transform(a.begin(), a.end(), b.begin(), product.begin(), std::multiplies<>());
-    uniform_filter1d(product, window(seconds), EdgeMode::kReflect, average);
-    return average;
+    return moving_average(product, window(seconds));
   }
 
   AudioArray foreign_part(AudioView stem, AudioView tap) const {
