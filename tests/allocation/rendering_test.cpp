@@ -6,7 +6,6 @@
 #include <filesystem>
 #include <functional>
 #include <numbers>
-#include <string>
 
 #include "allocation/channels.hpp"
 #include "allocation/interval_rendering.hpp"
@@ -154,6 +153,8 @@ TEST(Rendering, RefusesWhatDoesNotFit) {
        [](auto& s, auto&) { s.residual.row(0)[5] = s.sources[0].audio.row(0)[0] = NAN; }},
       {kUnfit, [](auto& s, auto&) { s.sources[2].audio.row(0)[2047] = HUGE_VAL; }},
       {kUnfit, [](auto&, auto& job) { job.source_models[1] = job.residual.first(2047); }},
+      {"non-finite candidate-14 allocation",  // too loud for single precision
+       [](auto& s, auto&) { s.sources[2].audio.row(0)[2047] = 1e39; }},
       {"Candidate 14 needs at least 2048 audio frames",
        [](auto& s, auto& job) { job = job_of(s = test_song(2047, 44100), 44100); }}};
   for (const auto& [message, spoil] : kCases) {
@@ -184,7 +185,6 @@ TEST(Rendering, FailsWhereItsStemsMissTheSum) {
     EXPECT_EQ(failure(-3.1e-6 * loud),
               loud > 1.0 ? "candidate-14 allocation failed conservation (3.1e-05)"
                          : "candidate-14 allocation failed conservation (3.1e-06)");
-    EXPECT_EQ(failure(NAN), "non-finite candidate-14 allocation");
   }
 }
 
