@@ -19,6 +19,10 @@
 ///     const verdel::RenderResult result = verdel::render(request);
 ///     // result.stems[0].channels[0] is the left side of "Drums", as float32
 ///
+/// A program that also plans FFTW transforms of its own calls fftw_make_planner_thread_safe() and
+/// fftwf_make_planner_thread_safe(), of FFTW's threads libraries, before its threads start: VERDEL
+/// plans under the same lock. Where FFTW has no threads libraries it plans none during a render.
+///
 /// Link with verdel::verdel (CMake) or `pkg-config --libs --static verdel`.
 namespace verdel {
 

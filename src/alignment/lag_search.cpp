@@ -37,8 +37,7 @@ std::size_t loudest_place(std::span<const double> signal, int sr, const StopToke
   std::size_t place = 0;
   double highest = -1.0;
   for_each_window_sum(
-      signal.size(), size, EdgeMode::kReflect,
-      [signal](std::size_t i) { return signal[i] * signal[i]; },
+      signal.size(), size, [signal](std::size_t i) { return signal[i] * signal[i]; },
       [&](std::size_t i, double sum) {
         if (i % kSamplesPerCheck == 0) stop.check();
         if (sum > highest) {

@@ -14,27 +14,6 @@
 namespace verdel::internal {
 namespace {
 
-/// The largest magnitude by which the stems miss models plus residual over the span, and that of
-/// the sum itself. It holds by construction; this proves it.
-void check_conservation(const ChannelJob& job, RowsView<const double> rendered) {
-  double error = 0.0;
-  double peak = 0.0;
-  for (std::size_t i = job.start; i < job.stop; ++i) {
-    double expected = job.residual[i];
-    for (const auto& source : job.source_models) expected += source[i];
-    double sum = 0.0;
-    for (std::size_t index = 0; index < rendered.rows(); ++index) {
-      sum += rendered.row(index)[i - job.start];
-    }
-    error = std::max(error, std::abs(sum - expected));
-    peak = std::max(peak, std::abs(expected));
-  }
-  if (error > C14_CONSERVATION_TOLERANCE * std::max(1.0, peak)) {
-    throw FloatingPointError(
-        fmt::format("candidate-14 allocation failed conservation ({:g})", error));
-  }
-}
-
 std::size_t scoring_workers_of(const ChannelJob& job, const Machine& machine) {
   const CellGrid grid(spectrum_frames(job.residual.size()));
   return std::min(_c14_stem_worker_count(grid.cells(), job.workers, machine),
@@ -86,11 +65,29 @@ void _render_transient_release_tail_channel_full(const ChannelJob& job, const Ma
   assert(rendered.rows() == job.source_models.size());
   assert(rendered.columns() == job.stop - job.start);
   render_phases(job, machine, stop, scratch, rendered);
+  check_rendered(job, rendered);
+}
+
+void check_rendered(const ChannelJob& job, RowsView<const double> rendered) {
   for (std::size_t index = 0; index < rendered.rows(); ++index) {
     if (all_finite(rendered.row(index))) continue;
     throw FloatingPointError("non-finite candidate-14 allocation");
   }
-  check_conservation(job, rendered);
+  double error = 0.0, peak = 0.0;
+  for (std::size_t i = job.start; i < job.stop; ++i) {
+    double expected = job.residual[i];
+    for (const auto& source : job.source_models) expected += source[i];
+    double sum = 0.0;
+    for (std::size_t index = 0; index < rendered.rows(); ++index) {
+      sum += rendered.row(index)[i - job.start];
+    }
+    error = std::max(error, std::abs(sum - expected));
+    peak = std::max(peak, std::abs(expected));
+  }
+  if (error > C14_CONSERVATION_TOLERANCE * std::max(1.0, peak)) {
+    throw FloatingPointError(
+        fmt::format("candidate-14 allocation failed conservation ({:g})", error));
+  }
 }
 
 }  // namespace verdel::internal

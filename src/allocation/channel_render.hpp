@@ -84,15 +84,19 @@ struct ChannelRender {
 /// a value.
 ///
 /// `scratch` has room for the job; what it holds afterwards means nothing.
-/// Errors: ValueError and FloatingPointError for inputs that do not fit or are not finite,
-/// FloatingPointError if the stems miss the sum of models and residual by more than
-/// C14_CONSERVATION_TOLERANCE.
+/// Errors: those of check_channel_job and check_rendered.
 void _render_transient_release_tail_channel_full(const ChannelJob& job, const Machine& machine,
                                                  RenderScratch& scratch, RowsView<double> rendered,
                                                  const StopToken& stop = {});
 
-/// The tests that inputs must pass: one length, finite, a span inside it.
+/// The tests that inputs must pass: one length, finite, a span inside it. ValueError, or
+/// FloatingPointError for a residual that is not finite.
 /// `shortest`: the fewest samples accepted, or 0 where that is judged elsewhere.
 void check_channel_job(const ChannelJob& job, std::size_t shortest);
+
+/// The tests that stems, [stems][stop - start], must pass: finite, and their sum is models plus
+/// residual but for C14_CONSERVATION_TOLERANCE. That holds by construction; this proves it. Throws
+/// FloatingPointError.
+void check_rendered(const ChannelJob& job, RowsView<const double> rendered);
 
 }  // namespace verdel::internal

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
 #include <deque>
 #include <memory>
 #include <mutex>
@@ -10,6 +11,7 @@
 
 #include "allocation/scratch_pool.hpp"
 #include "allocation/worker_budgets.hpp"
+#include "signal/sequences.hpp"
 #include "support/ordered_prefetch.hpp"
 
 namespace verdel::internal {
@@ -38,14 +40,12 @@ std::vector<SampleSpan> cut_span(std::size_t start, std::size_t stop, int sr) {
   const auto length = static_cast<double>(stop - start);
   const auto count = std::max<std::size_t>(
       2, static_cast<std::size_t>(std::ceil(length / std::max(1.0, seconds))));
-  const double step = length / static_cast<double>(count);
-  const auto bound = [&](std::size_t i) {
-    if (i == count) return stop;
-    const double position = static_cast<double>(start) + static_cast<double>(i) * step;
-    return static_cast<std::size_t>(std::floor(position));
-  };
+  const auto bounds =
+      linspace_floor(static_cast<std::int64_t>(start), static_cast<std::int64_t>(stop), count + 1);
   std::vector<SampleSpan> intervals(count);
-  for (std::size_t i = 0; i < count; ++i) intervals[i] = {bound(i), bound(i + 1)};
+  for (std::size_t i = 0; i < count; ++i) {
+    intervals[i] = {static_cast<std::size_t>(bounds[i]), static_cast<std::size_t>(bounds[i + 1])};
+  }
   return intervals;
 }
 
@@ -237,20 +237,6 @@ SampleSpan with_context(const SampleSpan& span, std::size_t samples) {
   const std::size_t before = span.first - std::min(span.first, kBefore);
   const std::size_t after = span.stop + kAfter;
   return {before / C14_HOP * C14_HOP, std::min(samples, (after + C14_HOP - 1) / C14_HOP * C14_HOP)};
-}
-
-Array2D<double> render_transient_release_tail_channel(const ChannelJob& job, const Machine& machine,
-                                                      const StopToken& stop) {
-  check_channel_job(job, C14_FFT_SIZE);
-  auto rendered = AudioArray::uninitialised(job.source_models.size(), job.stop - job.start);
-  render_channel_intervals(
-      {job}, machine, stop, [&](std::size_t, std::size_t first, RowsView<const double> stems) {
-        for (std::size_t index = 0; index < stems.rows(); ++index) {
-          std::ranges::copy(stems.row(index),
-                            rendered.row(index).subspan(first - job.start).begin());
-        }
-      });
-  return rendered;
 }
 
 void render_channel_intervals(const std::vector<ChannelJob>& channels, const Machine& machine,

@@ -155,11 +155,12 @@ void OverlapAdd::accumulate(FrameBuffers& buffers) {
 
 std::pair<std::size_t, std::span<const double>> OverlapAdd::take_row() {
   const std::size_t row = row_++;
-  double* sums = sums_.data() + (row % kBlocks) * C14_HOP;
+  double* sums = sums_.row(row % kBlocks).data();
+  double* finished = finished_.data();
   const std::size_t first_block = row < frames_ ? 0 : row - frames_ + 1;
   const auto norm = transform_.norm(first_block, std::min(row, kBlocks - 1));
   for (std::size_t n = 0; n < C14_HOP; ++n) {
-    finished_[n] = sums[n] / norm[n];
+    finished[n] = sums[n] / norm[n];
     sums[n] = 0.0;
   }
   // The first and last half frame are the zeros that the forward transform put around the signal.
@@ -168,7 +169,7 @@ std::pair<std::size_t, std::span<const double>> OverlapAdd::take_row() {
   const std::size_t first = (row - kLead) * C14_HOP;
   const std::size_t stop = std::min(samples_, (frames_ - 1) * C14_HOP);
   if (first >= stop) return {};
-  return {first, std::span(finished_).first(std::min(C14_HOP, stop - first))};
+  return {first, std::as_const(finished_).flat().first(std::min(C14_HOP, stop - first))};
 }
 
 }  // namespace verdel::internal

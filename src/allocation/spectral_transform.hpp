@@ -1,7 +1,6 @@
 #pragma once
 
 #include <algorithm>
-#include <array>
 #include <complex>
 #include <cstddef>
 #include <span>
@@ -135,8 +134,8 @@ class OverlapAdd {
   const SpectralTransform& transform_;
   std::size_t samples_, frames_;
   std::size_t row_ = 0;  // rows of 256 samples of the extended signal that are finished
-  alignas(kArrayAlignment) std::array<double, C14_FFT_SIZE> sums_{};  // a ring of rows
-  alignas(kArrayAlignment) std::array<double, C14_HOP> finished_{};
+  AudioArray sums_ = AudioArray::zeros(kBlocks, C14_HOP);  // a ring of rows
+  AudioArray finished_ = AudioArray::uninitialised(1, C14_HOP);
 };
 
 /// Smooth step from 0 at and below edge0 to 1 at and above edge1; edges in the wrong order give a

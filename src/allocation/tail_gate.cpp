@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <array>
+#include <memory>
 #include <vector>
 
 #include "allocation/onset_history.hpp"
@@ -265,10 +266,11 @@ void TileGate::raise_for_stem(std::size_t index, std::size_t first, std::size_t 
 }  // namespace
 
 void build_gate(ChannelRender& render, std::size_t tile) {
-  TileGate gate(render, tile);
-  if (!gate.can_open()) return;
+  // Too large for the stack of a host's thread.
+  const auto gate = std::make_unique<TileGate>(render, tile);
+  if (!gate->can_open()) return;
   for (std::size_t first = 0; first < render.grid.frames(); first += TileGate::kBlock) {
-    gate.raise_block(first);
+    gate->raise_block(first);
   }
 }
 

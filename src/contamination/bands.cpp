@@ -6,15 +6,13 @@
 #include <numbers>
 
 #include "contamination/slices.hpp"
+#include "gain/band_masks.hpp"
 #include "signal/instruction_sets.hpp"
-#include "signal/sequences.hpp"
 
 namespace verdel::internal {
 namespace {
 
 using Origin = ReportBand::Origin;
-
-constexpr double kLowestCentreHz = 40.0;
 
 // Room for the movement of the gain, and for what folds back; see sample_band.
 constexpr double kMarginHz = 240.0;
@@ -77,33 +75,19 @@ bool dearer_than_full_rate(const BandLayout& layout, const ReportBand& band) {
 }  // namespace
 
 BandLayout lay_out_bands(std::size_t length, double sr, std::size_t n_bands, bool full_rate) {
-  assert(n_bands >= 2);
+  const StreamedBandMasks masks(length, sr, n_bands);
+  const double bin_hz = sr / static_cast<double>(length);
   BandLayout layout;
   layout.length = length;
-  const std::size_t bins = layout.bins();
-  const double bin_hz = sr / static_cast<double>(length);
-  const std::vector<double> centres = geomspace(kLowestCentreHz, sr / 2, n_bands);
-  const auto first_bin_from = [&](double hz) {
-    // A centre that is a bin's frequency but for rounding belongs to that bin.
-    const auto bin = static_cast<std::size_t>(std::ceil(hz / bin_hz - 1e-9));
-    return std::min(bin, bins - 1);
-  };
-  // Below the first centre there is no lower band, at the last no upper one.
-  layout.upper_weight.assign(bins, 1.0F);
-  layout.upper_weight.back() = 0.0F;
-  for (std::size_t k = 1; k < n_bands; ++k) {
-    const double lower = centres[k - 1], gap = centres[k] - lower;
-    for (std::size_t bin = first_bin_from(lower); bin < first_bin_from(centres[k]); ++bin) {
-      const double across = std::clamp((static_cast<double>(bin) * bin_hz - lower) / gap, 0.0, 1.0);
-      const double root = std::sin(std::numbers::pi / 2 * across);
-      layout.upper_weight[bin] = static_cast<float>(root * root);
-    }
-  }
+  layout.upper_weight.resize(layout.bins());
   for (std::size_t k = 0; k < n_bands; ++k) {
-    ReportBand band{.first = k > 0 ? first_bin_from(centres[k - 1]) : 0,
-                    .crest = first_bin_from(centres[k]),
-                    .stop = k + 1 < n_bands ? first_bin_from(centres[k + 1]) : bins};
-    if (band.first == band.stop) continue;
+    const auto [first, crest, stop] = masks.edges(k);
+    for (std::size_t bin = first; bin < crest; ++bin) {
+      layout.upper_weight[bin] =
+          static_cast<float>(masks.raw_weight(k, bin) / masks.denominator()[bin]);
+    }
+    if (first == stop) continue;
+    ReportBand band{.first = first, .crest = crest, .stop = stop};
     sample_band(layout, bin_hz, band);
     if (full_rate || dearer_than_full_rate(layout, band)) sample_at_full_rate(layout, band);
     layout.bands.push_back(band);

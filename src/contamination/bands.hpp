@@ -34,7 +34,7 @@ struct BandLayout {
   std::size_t bins() const { return length / 2 + 1; }
 };
 
-/// The bank of `n_bands` bands (at least 2), 40 Hz to half of `sr`, for slices of `length` samples.
+/// The bands of StreamedBandMasks, `n_bands` (at least 2) of them, for slices of `length` samples.
 /// With `full_rate` every band is sampled at the song's rate.
 BandLayout lay_out_bands(std::size_t length, double sr, std::size_t n_bands, bool full_rate);
 

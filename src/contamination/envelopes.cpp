@@ -35,11 +35,11 @@ template <class Value>
 void reduce_to_cells(RowsView<const Value> rows, std::size_t cell, std::span<float> cells) {
   assert(std::has_single_bit(cell) && cell <= kBlock);
   assert(cells.size() == (rows.columns() + cell - 1) / cell);
-  alignas(kArrayAlignment) std::array<double, kBlock> mono;
+  auto mono = AudioArray::uninitialised(1, kBlock);
   const auto row_count = static_cast<double>(rows.rows());
   for (std::size_t first = 0; first < rows.columns(); first += kBlock) {
     const std::size_t count = std::min(kBlock, rows.columns() - first);
-    mono.fill(0.0);
+    std::ranges::fill(mono.flat(), 0.0);
     for (std::size_t r = 0; r < rows.rows(); ++r) {
       run_kernel<add_row<Value>>(rows.row(r).data() + first, count, mono.data());
     }
@@ -47,7 +47,7 @@ void reduce_to_cells(RowsView<const Value> rows, std::size_t cell, std::span<flo
     for (std::size_t begin = 0; begin < count; begin += cell) {
       const auto samples = static_cast<double>(std::min(cell, count - begin));
       cells[(first + begin) / cell] =
-          static_cast<float>(mono[begin / cell] / (samples * row_count * row_count));
+          static_cast<float>(mono.data()[begin / cell] / (samples * row_count * row_count));
     }
   }
 }
@@ -68,7 +68,7 @@ EnvelopeCurve envelope_curve(std::span<const float> cells, double window_cells) 
   std::vector<float> padded(count + 2 * padding);
   for (std::size_t i = 0; i < padded.size(); ++i) {
     const auto cell = static_cast<std::ptrdiff_t>(i) - static_cast<std::ptrdiff_t>(padding);
-    padded[i] = cells[edge_index(cell, count, EdgeMode::kReflect)];
+    padded[i] = cells[reflected_index(cell, count)];
   }
   EnvelopeCurve curve;
   curve.deviation.resize(count);

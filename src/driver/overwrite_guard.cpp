@@ -16,6 +16,7 @@
 #include "inputs/input_planning.hpp"
 #include "inputs/path_text.hpp"
 #include "support/errors.hpp"
+#include "support/unicode_text.hpp"
 
 namespace verdel::internal {
 namespace {

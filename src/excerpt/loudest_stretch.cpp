@@ -25,7 +25,7 @@ std::size_t loudest_stretch(AudioView mix, std::size_t length, std::size_t smoot
   std::size_t best_start = 0;
   // The average's division is left out: it moves no maximum.
   for_each_window_sum(
-      mix.columns(), smoothing, EdgeMode::kReflect,
+      mix.columns(), smoothing,
       [mix](std::size_t i) {
         const double sample = mono_at(mix, i);
         return sample * sample;

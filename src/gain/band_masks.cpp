@@ -34,36 +34,43 @@ StreamedBandMasks::StreamedBandMasks(std::size_t nfft, double sr, std::size_t ba
       centers_(geomspace(kLowestCentreHz, sr / 2.0, bands)),
       frequencies_(linspace(0.0, sr / 2.0, nfft / 2 + 1)),
       denominator_(nfft / 2 + 1) {
-  assert(nfft >= 2 && bands >= 2 && sr > 2.0 * kLowestCentreHz);
+  assert(nfft >= 2 && bands >= 2 && sr > 0.0);
+  for (const double centre : centers_) {
+    centre_bins_.push_back(std::min(searchsorted(frequencies_, centre), nfft / 2));
+  }
   for (std::size_t band = 0; band < bands; ++band) {
-    const auto mask = raw_mask(band);
-    for (std::size_t bin = 0; bin < mask.size(); ++bin) denominator_[bin] += mask[bin];
+    // What a band holds above its falling edge is too little to change a sum.
+    const auto [first, crest, stop] = edges(band);
+    for (std::size_t bin = first; bin < stop; ++bin) denominator_[bin] += raw_weight(band, bin);
   }
   for (auto& value : denominator_) value = std::max(value, kSmallestDenominator);
 }
 
-std::vector<double> StreamedBandMasks::raw_mask(std::size_t band) const {
+StreamedBandMasks::Edges StreamedBandMasks::edges(std::size_t band) const {
   assert(band < size());
-  std::vector<double> mask(frequencies_.size(), 1.0);
-  const std::size_t centre = searchsorted(frequencies_, centers_[band]);
-  if (band > 0) {
-    const std::size_t first = searchsorted(frequencies_, centers_[band - 1]);
-    std::fill_n(mask.begin(), first, 0.0);
-    for (std::size_t bin = first; bin < centre; ++bin) {
-      mask[bin] =
-          square(std::sin(crossover_angle(frequencies_[bin], centers_[band - 1], centers_[band])));
-    }
+  return {.first = band > 0 ? centre_bins_[band - 1] : 0,
+          .crest = centre_bins_[band],
+          .stop = band + 1 < size() ? centre_bins_[band + 1] : frequencies_.size()};
+}
+
+double StreamedBandMasks::raw_weight(std::size_t band, std::size_t bin) const {
+  const auto [first, crest, stop] = edges(band);
+  const double frequency = frequencies_[bin];
+  if (bin < first) return 0.0;
+  if (bin < crest) {
+    return band == 0
+               ? 1.0
+               : square(std::sin(crossover_angle(frequency, centers_[band - 1], centers_[band])));
   }
-  if (band + 1 < size()) {
-    const std::size_t stop = searchsorted(frequencies_, centers_[band + 1]);
-    for (std::size_t bin = centre; bin < stop; ++bin) {
-      mask[bin] *=
-          square(std::cos(crossover_angle(frequencies_[bin], centers_[band], centers_[band + 1])));
-    }
-    // The crossover's own end value, about 4e-33 and not 0: a bin on the next centre or above it.
-    const double beyond = square(std::cos(std::numbers::pi / 2.0));
-    for (std::size_t bin = stop; bin < mask.size(); ++bin) mask[bin] *= beyond;
-  }
+  if (band + 1 == size()) return 1.0;
+  // Above the next centre stands the crossover's own end value, about 4e-33 and not 0.
+  return square(std::cos(bin < stop ? crossover_angle(frequency, centers_[band], centers_[band + 1])
+                                    : std::numbers::pi / 2.0));
+}
+
+std::vector<double> StreamedBandMasks::raw_mask(std::size_t band) const {
+  std::vector<double> mask(frequencies_.size());
+  for (std::size_t bin = 0; bin < mask.size(); ++bin) mask[bin] = raw_weight(band, bin);
   return mask;
 }
 

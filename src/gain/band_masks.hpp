@@ -14,7 +14,8 @@ namespace verdel::internal {
 /// [bins], whenever it is asked for. Read-only once built; any number of threads may ask.
 class StreamedBandMasks {
  public:
-  /// nfft: transform length, at least 2; sr: Hz, above 80; bands: at least 2.
+  /// nfft: transform length, at least 2; sr: Hz; bands: at least 2. Centres above the Nyquist
+  /// frequency, which rates below 80 Hz have, count as that frequency.
   StreamedBandMasks(std::size_t nfft, double sr, std::size_t bands);
 
   std::size_t nfft() const { return nfft_; }
@@ -25,8 +26,18 @@ class StreamedBandMasks {
   std::span<const double> denominator() const { return denominator_; }
 
   std::size_t size() const { return centers_.size(); }
+
+  /// Where a band lies. It rises over bins first .. crest - 1, from the centre of the band below
+  /// it, and falls over bins crest .. stop - 1, to the centre of the band above. The lowest band is
+  /// 1 where it would rise, the highest where it would fall.
+  struct Edges {
+    std::size_t first = 0, crest = 0, stop = 0;
+  };
+  Edges edges(std::size_t band) const;
+
   /// 1 at the band's centre, falling to 0 at the centre below and to almost 0 at the one above.
   std::vector<double> raw_mask(std::size_t band) const;
+  double raw_weight(std::size_t band, std::size_t bin) const;
   /// The raw mask over the denominator.
   std::vector<double> operator[](std::size_t band) const;
 
@@ -52,6 +63,7 @@ class StreamedBandMasks {
   std::size_t nfft_;
   double sr_;
   std::vector<double> centers_, frequencies_, denominator_;
+  std::vector<std::size_t> centre_bins_;  // the first bin at each centre or above it
 };
 
 }  // namespace verdel::internal

@@ -28,7 +28,7 @@ std::vector<double> moving_average(const std::vector<double>& g, std::size_t siz
                                    const StopToken& stop) {
   std::vector<double> smoothed(g.size());
   for_each_window_sum(
-      g.size(), size, EdgeMode::kReflect, [&](std::size_t i) { return g[i]; },
+      g.size(), size, [&](std::size_t i) { return g[i]; },
       [&](std::size_t i, double sum) {
         check_every_stride(stop, i);
         smoothed[i] = sum / static_cast<double>(size);
@@ -78,13 +78,13 @@ std::vector<double> ls_gain(std::span<const double> bm, std::span<const double> 
   const double count = static_cast<double>(gw);
   std::vector<double> gain(bm.size());
   for_each_window_sum(
-      bm.size(), gw, EdgeMode::kReflect, [&](std::size_t i) { return bm[i] * bt[i]; },
+      bm.size(), gw, [&](std::size_t i) { return bm[i] * bt[i]; },
       [&](std::size_t i, double sum) {
         check_every_stride(stop, i);
         gain[i] = sum / count;
       });
   for_each_window_sum(
-      bt.size(), gw, EdgeMode::kReflect, [&](std::size_t i) { return bt[i] * bt[i]; },
+      bt.size(), gw, [&](std::size_t i) { return bt[i] * bt[i]; },
       [&](std::size_t i, double sum) {
         check_every_stride(stop, i);
         const double power = sum / count;

@@ -36,6 +36,9 @@ std::vector<double> finish_gain(std::vector<double> g, const GainCurveSettings& 
 /// quarter of a millisecond and interpolated back to samples. Each block's value stands at the
 /// block's first sample. `lookahead_ms` is how far the filter sees ahead: absent for the attack
 /// time, 0 or below for none. Gains below 1e-12 count as 1e-12.
+///
+/// The programs smooth by the moving average alone: they set neither attack nor release, so none of
+/// their runs comes here.
 std::vector<double> ballistic_smooth(std::vector<double> g, double sr, double attack_ms,
                                      double release_ms,
                                      std::optional<double> lookahead_ms = std::nullopt,

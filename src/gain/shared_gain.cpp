@@ -1,7 +1,6 @@
 #include "gain/shared_gain.hpp"
 
 #include <algorithm>
-#include <array>
 #include <cmath>
 #include <span>
 #include <vector>
@@ -60,12 +59,14 @@ void apply_gain(const StemMap& taps, std::size_t channel, const SampleSpan& kept
                 const StopToken& stop, SharedGainModel& result) {
   const auto gain = result.gain.row(channel);
   const auto sum = result.model_sum.row(channel);
+  auto blocks = AudioArray::uninitialised(2, kBlock);
+  const auto model = blocks.row(0), block_sum = blocks.row(1);
   for (std::size_t first = 0; first < gain.size(); first += kBlock) {
     stop.check();
     const std::size_t count = std::min(kBlock, gain.size() - first);
     const std::size_t keep_from = std::clamp(kept.first, first, first + count);
     const std::size_t keep_to = std::clamp(kept.stop, keep_from, first + count);
-    std::array<double, kBlock> block_sum{}, model;
+    std::ranges::fill(block_sum, 0.0);
     for (std::size_t stem = 0; stem < taps.size(); ++stem) {
       const double* tap = taps[stem].audio.row(channel).data() + first;
       for (std::size_t i = 0; i < count; ++i) {
@@ -76,10 +77,10 @@ void apply_gain(const StemMap& taps, std::size_t channel, const SampleSpan& kept
       std::copy_n(model.data() + (keep_from - first), keep_to - keep_from,
                   result.models[stem].audio.row(channel).data() + (keep_from - kept.first));
     }
-    if (!all_finite({block_sum.data(), count})) {
+    if (!all_finite(block_sum.first(count))) {
       throw FloatingPointError("non-finite single-band model");
     }
-    std::copy_n(block_sum.begin(), count, sum.begin() + static_cast<std::ptrdiff_t>(first));
+    std::ranges::copy(block_sum.first(count), sum.subspan(first).begin());
   }
 }
 

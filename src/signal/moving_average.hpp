@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstddef>
-#include <span>
 #include <vector>
 
 /// Moving averages whose every window holds exactly its own values.
@@ -15,15 +14,11 @@
 /// nothing subtracted, nothing that drifts.
 namespace verdel::internal {
 
-/// What stands beyond the ends: the edge value repeated (a a | a b c | c c), or the signal
+/// The index inside 0 .. length - 1 that stands at `position`. Beyond its ends a signal is
 /// reflected about its edges, the edge value repeated once (b a | a b c | c b), as often as needed.
-enum class EdgeMode { kNearest, kReflect };
-
-/// The index inside 0 .. length - 1 that stands at `position`, which may lie beyond either end.
-inline std::size_t edge_index(std::ptrdiff_t position, std::size_t length, EdgeMode mode) {
+inline std::size_t reflected_index(std::ptrdiff_t position, std::size_t length) {
   const auto n = static_cast<std::ptrdiff_t>(length);
   if (position >= 0 && position < n) return static_cast<std::size_t>(position);
-  if (mode == EdgeMode::kNearest) return position < 0 ? 0 : length - 1;
   std::ptrdiff_t folded = position % (2 * n);
   if (folded < 0) folded += 2 * n;
   return static_cast<std::size_t>(folded < n ? folded : 2 * n - 1 - folded);
@@ -33,12 +28,12 @@ namespace detail {
 
 /// The sums of the windows that begin at i - reach; `size` at least 1.
 template <class Value, class Store>
-void for_each_sum_from(std::size_t length, std::size_t reach, std::size_t size, EdgeMode mode,
-                       Value value, Store store) {
+void for_each_sum_from(std::size_t length, std::size_t reach, std::size_t size, Value value,
+                       Store store) {
   const auto n = static_cast<std::ptrdiff_t>(length);
   const auto span = static_cast<std::ptrdiff_t>(size);
   const auto at = [&](std::ptrdiff_t position) -> double {
-    return value(edge_index(position, length, mode));
+    return value(reflected_index(position, length));
   };
   std::vector<double> to_block_end(size);
   for (std::size_t block = 0; block < length; block += size) {
@@ -65,20 +60,20 @@ void for_each_sum_from(std::size_t length, std::size_t reach, std::size_t size, 
 
 }  // namespace detail
 
-/// Hands store(i, sum) the sum of the `size` values around each i in 0 .. length - 1, from
-/// i - size / 2 on. `value(j)` gives the value at 0 <= j < length and is called about twice a
-/// sample, in order within a block; sums are double precision. With reflection the work and the
-/// memory grow with the length alone, however large the size.
+/// Hands store(i, sum) the sum of the `size` values around each i in 0 .. length - 1: of those at
+/// i - size / 2 .. i - size / 2 + size - 1, so that an even size looks one sample further back than
+/// ahead. `value(j)` gives the value at 0 <= j < length and is called about twice a
+/// sample, in order within a block; sums are double precision. The work and the memory grow with
+/// the length alone, however large the size.
 template <class Value, class Store>
-void for_each_window_sum(std::size_t length, std::size_t size, EdgeMode mode, Value value,
-                         Store store) {
+void for_each_window_sum(std::size_t length, std::size_t size, Value value, Store store) {
   if (length == 0 || size == 0) return;
   // A reflected signal repeats every 2 * length values, and each whole period in a window adds the
   // same: only the rest of the window is walked.
   const std::size_t period = 2 * length;
-  const std::size_t periods = mode == EdgeMode::kReflect ? size / period : 0;
+  const std::size_t periods = size / period;
   if (periods == 0) {
-    detail::for_each_sum_from(length, size / 2, size, mode, value, store);
+    detail::for_each_sum_from(length, size / 2, size, value, store);
     return;
   }
   double total = 0.0;
@@ -89,15 +84,8 @@ void for_each_window_sum(std::size_t length, std::size_t size, EdgeMode mode, Va
     for (std::size_t i = 0; i < length; ++i) store(i, whole);
     return;
   }
-  detail::for_each_sum_from(length, size / 2 % period, rest, mode, value,
+  detail::for_each_sum_from(length, size / 2 % period, rest, value,
                             [&](std::size_t i, double sum) { store(i, whole + sum); });
 }
-
-/// Moving average of `size` values, one output a sample: output i averages input i - size / 2 ..
-/// i - size / 2 + size - 1, so an even size looks one sample further back than ahead.
-///
-/// Shapes: both spans have one length. Overlap: none allowed. Errors: none.
-void uniform_filter1d(std::span<const double> input, std::size_t size, EdgeMode mode,
-                      std::span<double> output);
 
 }  // namespace verdel::internal

@@ -12,10 +12,18 @@
 namespace verdel::internal {
 namespace {
 
-// FFTW plans under one global state; executing needs no lock.
-std::mutex& planner_lock() {
+// FFTW plans under one global state; executing needs no lock. A host may plan transforms of its own
+// meanwhile, so FFTW's lock is taken too, where its threads library brings one.
+std::unique_lock<std::mutex> lock_planner() {
   static std::mutex lock;
-  return lock;
+#ifdef VERDEL_FFTW_THREADS
+  static std::once_flag once;
+  std::call_once(once, [] {
+    fftw_make_planner_thread_safe();
+    fftwf_make_planner_thread_safe();
+  });
+#endif
+  return std::unique_lock(lock);
 }
 
 template <class Real>
@@ -67,7 +75,7 @@ struct PlanPair {
   typename Library::Plan forward = nullptr, inverse = nullptr;
 
   ~PlanPair() {
-    const std::lock_guard lock(planner_lock());
+    const auto lock = lock_planner();
     if (forward != nullptr) Library::destroy(forward);
     if (inverse != nullptr) Library::destroy(inverse);
   }
@@ -90,7 +98,7 @@ RealTransform<Real>::RealTransform(std::size_t length) : plans_(std::make_unique
   auto time = Array2D<Real>::uninitialised(1, length);
   auto spectrum = Array2D<std::complex<Real>>::uninitialised(1, length / 2 + 1);
   const int n = static_cast<int>(length);
-  const std::lock_guard lock(planner_lock());
+  const auto lock = lock_planner();
   plans_->forward =
       Library::plan_r2c(n, time.data(), raw(spectrum.data()), FFTW_ESTIMATE | FFTW_PRESERVE_INPUT);
   plans_->inverse =
@@ -131,7 +139,7 @@ ComplexTransform<Real>::ComplexTransform(std::size_t length) : plans_(std::make_
   auto time = Array2D<std::complex<Real>>::uninitialised(1, length);
   auto spectrum = Array2D<std::complex<Real>>::uninitialised(1, length);
   const int n = static_cast<int>(length);
-  const std::lock_guard lock(planner_lock());
+  const auto lock = lock_planner();
   plans_->forward = Library::plan_c2c(n, raw(time.data()), raw(spectrum.data()), FFTW_FORWARD,
                                       FFTW_ESTIMATE | FFTW_PRESERVE_INPUT);
   plans_->inverse = Library::plan_c2c(n, raw(spectrum.data()), raw(time.data()), FFTW_BACKWARD,
@@ -166,6 +174,5 @@ void ComplexTransform<Real>::inverse(const std::complex<Real>* spectrum,
 template class RealTransform<float>;
 template class RealTransform<double>;
 template class ComplexTransform<float>;
-template class ComplexTransform<double>;
 
 }  // namespace verdel::internal

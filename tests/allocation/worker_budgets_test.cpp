@@ -3,8 +3,11 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <vector>
 
 #include "support/errors.hpp"
+#include "support/files.hpp"
+#include "support/machines.hpp"
 
 namespace verdel::internal {
 namespace {
@@ -12,111 +15,94 @@ namespace {
 constexpr std::uint64_t kGiB = std::uint64_t{1} << 30U;
 
 Machine machine(std::uint64_t memory, std::uint64_t space, std::size_t processors) {
-  Machine result = system_machine();
-  result.physical_memory = [memory] { return memory; };
-  result.temporary_space = [space] { return space; };
-  result.processors = [processors] { return processors; };
-  return result;
+  return testing::machine_with(processors, memory * kGiB, space * kGiB);
 }
 
-TEST(ResourceBudget, TestsMemoryBeforeSpace) {
-  // 8 stereo stems of 4 minutes: 20 arrays of 2 channels are 3,386,880,000 bytes, an interval's
-  // files 8 * 1025 * 3834 * 60.
-  const std::size_t frames = 44100 * 240;
-  const auto error = [&](std::uint64_t memory, std::uint64_t space) {
-    return _c14_resource_budget_error(frames, 44100, 8, 2, machine(memory, space, 2)).value_or("");
+// 8 stereo stems of 4 minutes: 20 arrays of 2 channels are 3,386,880,000 bytes, an interval's files
+// 8 * 1025 * 3832 * 60, beside the margin of 2 GiB.
+TEST(WorkerBudgets, TestMemoryBeforeSpace) {
+  const auto error = [](std::uint64_t memory, std::uint64_t space) {
+    return _c14_resource_budget_error(44100 * 240, 44100, 8, 2,
+                                      testing::machine_with(2, memory, space))
+        .value_or("");
   };
-  EXPECT_EQ(error(16 * kGiB, 16 * kGiB), "");
+  const std::uint64_t files = std::uint64_t{8} * 1025 * 3832 * 60;
+  EXPECT_EQ(error(16 * kGiB, files + 2 * kGiB), "");
+  EXPECT_TRUE(error(16 * kGiB, files + 2 * kGiB - 1)
+                  .starts_with("VERDEL needs about 4 GiB free for temporary processing files\n"));
   EXPECT_EQ(error(7 * kGiB, 0),
             "this render needs about 5 GiB of working memory, but this Mac has 7 GiB; use fewer "
             "stems or a shorter bounce");
-  EXPECT_TRUE(error(16 * kGiB, 3 * kGiB)
-                  .starts_with("VERDEL needs about 4 GiB free for temporary processing files\n"));
-  // The bound itself fits: the files' bytes and the margin of 2 GiB.
-  const std::uint64_t files =
-      std::uint64_t{8} * 1025 * (((44100 * 20 + 98304) + 255) / 256 + 2) * 60;
-  EXPECT_EQ(error(16 * kGiB, files + 2 * kGiB), "");
-  EXPECT_NE(error(16 * kGiB, files + 2 * kGiB - 1), "");
 }
 
-TEST(WorkerCounts, Channels) {
-  const Machine roomy = machine(16 * kGiB, 64 * kGiB, 8);
-  EXPECT_EQ(_c14_channel_worker_count(1000000, 1000000, 4, 1, roomy), 1U);
-  EXPECT_EQ(_c14_channel_worker_count(1000000, 1000000, 4, 2, roomy), 2U);
-  EXPECT_EQ(_c14_channel_worker_count(2500000, 2500000, 4, 2, roomy), 2U);
-  EXPECT_EQ(_c14_channel_worker_count(2500001, 2500001, 4, 2, roomy), 1U);
-  EXPECT_EQ(_c14_channel_worker_count(9000000, 1000, 4, 2, roomy), 2U) << "a short excerpt";
-  EXPECT_EQ(_c14_channel_worker_count(2500001, 2500001, 4, 2, machine(48 * kGiB, 64 * kGiB, 8)),
-            2U);
-  EXPECT_EQ(_c14_channel_worker_count(1000000, 1000000, 4, 2, machine(16 * kGiB, 3 * kGiB, 8)), 1U);
-}
-
-TEST(WorkerCounts, InsideAChannel) {
-  const auto inner = [](std::size_t processors, std::size_t channels) {
-    return _c14_inner_worker_count(channels, machine(kGiB, kGiB, processors));
+TEST(WorkerBudgets, CountWorkers) {
+  const Machine roomy = machine(16, 64, 8), large = machine(64, 64, 16);
+  const auto channels = [](std::size_t frames, std::size_t output, std::size_t count,
+                           const Machine& on) {
+    return _c14_channel_worker_count(frames, output, 4, count, on);
   };
-  EXPECT_EQ(inner(1, 2), 1U);
-  EXPECT_EQ(inner(2, 1), 1U);
-  EXPECT_EQ(inner(8, 2), 3U);
-  EXPECT_EQ(inner(8, 1), 6U);
-  EXPECT_EQ(inner(64, 1), 6U);
-}
-
-TEST(WorkerCounts, Intervals) {
-  const auto count = [](std::size_t frames, std::size_t active, const Machine& on) {
+  const auto inner = [](std::size_t processors, std::size_t count) {
+    return _c14_inner_worker_count(count, machine(1, 1, processors));
+  };
+  const auto intervals = [](std::size_t frames, std::size_t active, const Machine& on) {
     return _c14_time_worker_count(frames, 48000, 4, active, on);
   };
-  const Machine roomy = machine(64 * kGiB, 64 * kGiB, 16);
-  EXPECT_EQ(count(60 * 48000 - 1, 1, roomy), 1U);
-  EXPECT_EQ(count(60 * 48000, 1, roomy), 3U) << "as many as intervals";
-  EXPECT_EQ(count(600 * 48000, 1, roomy), 6U);
-  EXPECT_EQ(count(600 * 48000, 2, machine(64 * kGiB, 64 * kGiB, 8)), 4U);
-  EXPECT_EQ(count(600 * 48000, 1, machine(8 * kGiB, 64 * kGiB, 16)), 3U) << "memory";
-  EXPECT_EQ(count(600 * 48000, 1, machine(64 * kGiB, 6 * kGiB, 16)), 2U) << "space";
-  EXPECT_EQ(count(600 * 48000, 1, machine(kGiB, 0, 16)), 1U);
-}
-
-// 70 GiB of 100 are usable and 60 of the 100 beyond the margin of 2.
-TEST(WorkerCounts, RendersBesideTheAudio) {
-  const auto count = [](std::uint64_t persistent, std::uint64_t files, std::uint64_t memory,
-                        std::uint64_t space = 102) {
+  // 70 GiB of 100 are usable and 60 of the 100 beyond the margin of 2.
+  const auto renders = [](std::uint64_t persistent, std::uint64_t files, std::uint64_t memory,
+                          std::uint64_t space = 102) {
     return render_worker_count(persistent * kGiB, files * kGiB, memory * kGiB,
-                               machine(100 * kGiB, space * kGiB, 12));
+                               machine(100, space, 12));
   };
-  EXPECT_EQ(count(10, 1, 1), 12U) << "one a processor";
-  EXPECT_EQ(count(10, 8, 2), 6U) << "memory and files beside the audio";
-  EXPECT_EQ(count(0, 20, 1), 3U) << "files on the volume";
-  EXPECT_EQ(count(69, 8, 2), 1U);
-  EXPECT_EQ(count(90, 1, 1), 1U) << "more audio than fits";
-  EXPECT_EQ(count(10, 1, 1, 1), 1U) << "no space beyond the margin";
+  // 4,000,000 cells are 288 MB a scorer, 224 MB a projector.
+  const auto scorers = [](std::size_t limit, const Machine& on) {
+    return _c14_stem_worker_count(4000000, limit, on);
+  };
+  const auto projectors = [](std::size_t stems, std::size_t limit, const Machine& on) {
+    return _c14_projection_worker_count(stems, 4000000, limit, on);
+  };
+  using Counts = std::vector<std::size_t>;
+  // One channel, two, two long ones, those with much memory, a short excerpt of them, no space.
+  EXPECT_EQ(
+      (Counts{channels(1000000, 1000000, 1, roomy), channels(2500000, 2500000, 2, roomy),
+              channels(2500001, 2500001, 2, roomy),
+              channels(2500001, 2500001, 2, machine(48, 64, 8)), channels(9000000, 1000, 2, roomy),
+              channels(1000000, 1000000, 2, machine(16, 3, 8))}),
+      (Counts{1, 2, 1, 2, 2, 1}));
+  EXPECT_EQ((Counts{inner(1, 2), inner(2, 1), inner(8, 2), inner(8, 1), inner(64, 1)}),
+            (Counts{1, 1, 3, 6, 6}));
+  // Less than a minute, a minute, the most; by processors, by memory, by space, without any.
+  EXPECT_EQ((Counts{intervals(60 * 48000 - 1, 1, large), intervals(60 * 48000, 1, large),
+                    intervals(600 * 48000, 1, large), intervals(600 * 48000, 2, machine(64, 64, 8)),
+                    intervals(600 * 48000, 1, machine(8, 64, 16)),
+                    intervals(600 * 48000, 1, machine(64, 6, 16)),
+                    intervals(600 * 48000, 1, machine(1, 0, 16))}),
+            (Counts{1, 3, 6, 4, 3, 2, 1}));
+  // By processors, by memory beside the audio, by space, beside more audio than fits, no space.
+  EXPECT_EQ((Counts{renders(10, 1, 1), renders(10, 8, 2), renders(0, 20, 1), renders(90, 1, 1),
+                    renders(10, 1, 1, 1)}),
+            (Counts{12, 6, 3, 1, 1}));
+  EXPECT_EQ((Counts{scorers(9, large), scorers(2, large), scorers(6, machine(8, 0, 16)),
+                    scorers(6, machine(1, 0, 16))}),
+            (Counts{6, 2, 2, 1}));
+  EXPECT_EQ((Counts{projectors(8, 6, large), projectors(2, 6, large), projectors(8, 1, large),
+                    projectors(8, 6, machine(4, 0, 16))}),
+            (Counts{3, 2, 1, 2}));
 }
 
-TEST(WorkerCounts, StemsByMemory) {
-  const std::size_t cells = 4000000;  // 288 MB a scorer, 224 MB a projector
-  EXPECT_EQ(_c14_stem_worker_count(cells, 6, machine(64 * kGiB, 0, 16)), 6U);
-  EXPECT_EQ(_c14_stem_worker_count(cells, 2, machine(64 * kGiB, 0, 16)), 2U);
-  EXPECT_EQ(_c14_stem_worker_count(cells, 6, machine(8 * kGiB, 0, 16)), 2U);
-  EXPECT_EQ(_c14_stem_worker_count(cells, 6, machine(kGiB, 0, 16)), 1U);
-  EXPECT_EQ(_c14_projection_worker_count(8, cells, 6, machine(64 * kGiB, 0, 16)), 3U);
-  EXPECT_EQ(_c14_projection_worker_count(2, cells, 6, machine(64 * kGiB, 0, 16)), 2U);
-  EXPECT_EQ(_c14_projection_worker_count(8, cells, 6, machine(4 * kGiB, 0, 16)), 2U);
-}
-
-TEST(WorkerCounts, EnvironmentLowersProjection) {
-  const char* const variable = "VERDEL_C14_PROJECTION_WORKERS";
-  const Machine roomy = machine(64 * kGiB, 0, 16);
-  for (const auto& [text, expected] : {std::pair<const char*, std::size_t>{"1", 1},
-                                       {" +2 ", 2},
-                                       {"9", 3},
-                                       {"99999999999999999999999", 3}}) {
-    setenv(variable, text, 1);
-    EXPECT_EQ(_c14_projection_worker_count(8, 1000, 6, roomy), expected) << text;
+TEST(WorkerBudgets, TheEnvironmentLowersProjection) {
+  const std::pair<const char*, std::size_t> kCases[] = {
+      {"1", 1},    {" +2 ", 2}, {"9", 3},  {"99999999999999999999999", 3}, {"0", 0}, {"-2", 0},
+      {"many", 0}, {"", 0},     {"2.0", 0}};
+  for (const auto& [text, expected] : kCases) {
+    setenv("VERDEL_C14_PROJECTION_WORKERS", text, 1);
+    std::size_t count = 0;
+    const auto failure = testing::failure_of<ValueError>(
+        [&] { count = _c14_projection_worker_count(8, 1000, 6, machine(64, 0, 16)); });
+    EXPECT_EQ(count, expected) << text;
+    EXPECT_EQ(failure,
+              count == 0 ? "VERDEL_C14_PROJECTION_WORKERS must be a positive integer" : "");
   }
-  for (const char* text : {"0", "-2", "many", "", "2.0"}) {
-    setenv(variable, text, 1);
-    EXPECT_THROW(_c14_projection_worker_count(8, 1000, 6, roomy), ValueError) << text;
-  }
-  unsetenv(variable);
+  unsetenv("VERDEL_C14_PROJECTION_WORKERS");
 }
 
 }  // namespace

@@ -5,13 +5,15 @@
 #include <complex>
 #include <functional>
 #include <limits>
+#include <numeric>
 #include <span>
 #include <vector>
 
 #include "contamination/figures.hpp"
 #include "gain/band_masks.hpp"
-#include "signal/moving_average.hpp"
+#include "signal/levels.hpp"
 #include "signal/transforms.hpp"
+#include "support/moving_average.hpp"
 
 namespace verdel::internal::testing {
 
@@ -31,7 +33,7 @@ class ReferenceContamination {
     std::vector<std::vector<double>> foreign_envelopes, tap_envelopes;
     for (std::size_t s = 0; s < stems; ++s) {
       const AudioArray foreign = foreign_part(job_.est[s].audio, job_.taps[s].audio);
-      figures[s].ratio = level(foreign.view()) - level(job_.est[s].audio);
+      figures[s].ratio = levels(foreign.view()).rms - levels(job_.est[s].audio).rms;
       foreign_envelopes.push_back(envelope(foreign.view()));
       tap_envelopes.push_back(envelope(job_.taps[s].audio));
     }
@@ -48,15 +50,6 @@ class ReferenceContamination {
  private:
   std::size_t window(double seconds) const {
     return std::max<std::size_t>(3, static_cast<std::size_t>(job_.sr * seconds) | 1);
-  }
-
-  static double level(AudioView audio) {
-    double sum = 0.0;
-    for (std::size_t c = 0; c < audio.rows(); ++c) {
-      for (const double x : audio.row(c)) sum += x * x;
-    }
-    const double rms = std::sqrt(sum / static_cast<double>(audio.rows() * audio.columns()));
-    return rms <= 0.0 ? -999.0 : 20 * std::log10(rms);
   }
 
   Array2D<std::complex<double>> spectrum(std::span<const double> signal) const {
@@ -80,10 +73,9 @@ class ReferenceContamination {
 
   std::vector<double> averaged_product(const std::vector<double>& a, const std::vector<double>& b,
                                        double seconds) const {
-    std::vector<double> product(a.size()), average(a.size());
+    std::vector<double> product(a.size());
     std::transform(a.begin(), a.end(), b.begin(), product.begin(), std::multiplies<>());
-    uniform_filter1d(product, window(seconds), EdgeMode::kReflect, average);
-    return average;
+    return moving_average(product, window(seconds));
   }
 
   AudioArray foreign_part(AudioView stem, AudioView tap) const {
@@ -114,16 +106,15 @@ class ReferenceContamination {
     return result;
   }
 
-  static double pearson(const std::vector<double>& p, const std::vector<double>& q) {
-    const auto n = static_cast<double>(p.size());
-    double p_mean = 0.0, q_mean = 0.0, pq = 0.0, pp = 0.0, qq = 0.0;
-    for (std::size_t i = 0; i < p.size(); ++i) p_mean += p[i] / n, q_mean += q[i] / n;
-    for (std::size_t i = 0; i < p.size(); ++i) {
-      pq += (p[i] - p_mean) * (q[i] - q_mean);
-      pp += (p[i] - p_mean) * (p[i] - p_mean);
-      qq += (q[i] - q_mean) * (q[i] - q_mean);
+  static double pearson(std::vector<double> p, std::vector<double> q) {
+    for (auto* curve : {&p, &q}) {
+      const double mean = std::reduce(curve->begin(), curve->end()) / static_cast<double>(p.size());
+      for (double& x : *curve) x -= mean;
     }
-    return pq / std::sqrt(pp * qq);
+    const auto sum = [](auto& a, auto& b) {
+      return std::inner_product(a.begin(), a.end(), b.begin(), 0.0);
+    };
+    return sum(p, q) / std::sqrt(sum(p, p) * sum(q, q));
   }
 
   const ReportJob& job_;

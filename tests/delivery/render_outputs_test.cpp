@@ -18,9 +18,10 @@ class RenderOutputsTest : public ::testing::Test {
  protected:
   RenderOutputsTest() : mix_(AudioArray::zeros(2, kFrames)) {
     for (const char* name : {"Bass", "Gërät", "A very long name"}) {
-      auto stem = AudioArray::zeros(2, kFrames);
-      if (*name == 'A') testing::fill_with_noise(stem.flat(), 3, -0.1, 0.1);
+      auto stem =
+          *name == 'A' ? testing::noise_array(2, kFrames, 3) : AudioArray::zeros(2, kFrames);
       for (std::size_t i = 0; i < stem.size(); ++i) {
+        if (*name == 'A') stem.flat()[i] *= 0.1;
         if (*name == 'B') stem.flat()[i] = i % 2 == 0 ? 0.5 : -0.5;
         mix_.flat()[i] += stem.flat()[i];
       }
