@@ -113,10 +113,8 @@ TEST(PathText, IsCutAndJoined) {
       {split(".wav"), ".wav|"},
       {split("..wav"), "..wav|"},
       {split("a..wav"), "a.|.wav"},
-      {split("a."), "a|."},
       {join("a/", "b") + join("", "b") + join("a", "/b"), "a/bb/b"},
       {absolute("/a//b/./c/../d/") + absolute("/../.."), "/a/b/d/"},
-      {absolute("x"), join(std::filesystem::current_path().string(), "x")},
       {relative("/a/b", "/a/b/") + relative("/abc", "/ab"), ".../abc"},
       {relative("/a/x", "/a/b/c"), "../../x"}};
   for (const auto& [text, expected] : kTexts) EXPECT_EQ(text, expected);

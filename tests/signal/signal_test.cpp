@@ -60,7 +60,7 @@ TEST(Levels, SeeEverySampleAndHideNothingThatIsNoNumber) {
   audio.row(0)[4999] = std::numeric_limits<double>::infinity();
   EXPECT_EQ(levels(audio.view()).peak, std::numeric_limits<double>::infinity());
   // The first in time, at one time that of the lowest channel.
-  for (const auto& [channel, frame] : {std::pair{1u, 4998u}, {0u, 4998u}, {1u, 17u}}) {
+  for (const auto& [channel, frame] : {std::pair{1u, 4998u}, {0u, 4998u}, {1u, 4096u}, {1u, 17u}}) {
     audio.row(channel)[frame] = std::nan("");
     EXPECT_TRUE(std::isnan(levels(audio.view()).peak) && std::isnan(levels(audio.view()).rms));
     EXPECT_EQ(first_non_finite(audio.view())->channel, channel);
