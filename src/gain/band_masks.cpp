@@ -12,7 +12,6 @@ namespace {
 
 constexpr double kLowestCentreHz = 40.0;
 constexpr double kNarrowestCrossoverHz = 1e-9;
-constexpr double kSmallestDenominator = 1e-12;
 
 // The angle at `frequency` in a crossover: 0 at its lower centre, a quarter turn at its upper one.
 // Both masks of a crossover take the sine and the cosine of this one angle, so that their squares
@@ -33,17 +32,19 @@ StreamedBandMasks::StreamedBandMasks(std::size_t nfft, double sr, std::size_t ba
       sr_(sr),
       centers_(geomspace(kLowestCentreHz, sr / 2.0, bands)),
       frequencies_(linspace(0.0, sr / 2.0, nfft / 2 + 1)),
-      denominator_(nfft / 2 + 1) {
+      denominator_(nfft / 2 + 1, 1.0) {
   assert(nfft >= 2 && bands >= 2 && sr > 0.0);
   for (const double centre : centers_) {
     centre_bins_.push_back(std::min(searchsorted(frequencies_, centre), nfft / 2));
   }
-  for (std::size_t band = 0; band < bands; ++band) {
-    // What a band holds above its falling edge is too little to change a sum.
-    const auto [first, crest, stop] = edges(band);
-    for (std::size_t bin = first; bin < stop; ++bin) denominator_[bin] += raw_weight(band, bin);
+  // Two bands share a bin at most; what others hold above their crossovers is too little to change
+  // a sum, which is never far from 1.
+  for (std::size_t band = 1; band < bands; ++band) {
+    for (std::size_t bin = centre_bins_[band - 1]; bin < centre_bins_[band]; ++bin) {
+      const double angle = crossover_angle(frequencies_[bin], centers_[band - 1], centers_[band]);
+      denominator_[bin] = square(std::cos(angle)) + square(std::sin(angle));
+    }
   }
-  for (auto& value : denominator_) value = std::max(value, kSmallestDenominator);
 }
 
 StreamedBandMasks::Edges StreamedBandMasks::edges(std::size_t band) const {

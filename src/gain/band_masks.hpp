@@ -22,7 +22,7 @@ class StreamedBandMasks {
   double sr() const { return sr_; }
   std::span<const double> centers() const { return centers_; }          ///< Hz, rising, [bands]
   std::span<const double> frequencies() const { return frequencies_; }  ///< Hz, [nfft / 2 + 1]
-  /// The sum of all raw masks at every bin, at least 1e-12.
+  /// The sum of all raw masks at every bin.
   std::span<const double> denominator() const { return denominator_; }
 
   std::size_t size() const { return centers_.size(); }
