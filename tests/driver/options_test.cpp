@@ -31,11 +31,10 @@ verdel|--no-report=1 => --no-report takes no value
 verdel|x|--foo=1|-m|--mix|a|--=5|--|-h => unknown arguments: x --foo=1 -m --=5 -- -h
 verdel|--foo|-h|--bands|x => help
 verdel|--bands|x|-h => --bands takes a whole number, not “x”
-# the first rule that fires
+# the first rule that fires; bands and smoothing where nothing is asked for
 verdel|--bands|1|--rule|tail => --bands must be at least2
-verdel|--bands|-99999999999999999999 => --bands must be at least2
 verdel|--bands|99999999999999999999|--rule|tail => single-band allocation requires --bands32 or128
-verdel|--bands|64 => single-band allocation requires --bands32 or128
+verdel => 128 120
 verdel|--tap-gain|per|--stereo-link|max|--band-couple|nan|--gain-attack|5|--rule|tail|--quiet-gate|--priority|a|--alloc-window|0 => single-band mode does not support --tap-gain, --stereo-link, --band-couple, gain ballistics, --rule, --quiet-gate, --priority/--sink
 verdel|--sink| => single-band mode does not support --priority/--sink
 verdel|--gain-lookahead|0 => single-band mode does not support gain ballistics
@@ -63,6 +62,7 @@ std::string settings_of(const CommandLine& verdel, const Words& arguments) {
   if (!settings) return "help";
   Options options = *parse_record(verdel, option_table(), arguments);
   apply_option_rules(options, verdel);
+  if (settings->empty()) return fmt::format("{} {}", *options.bands, *options.gain_smooth);
   Words words;
   for (const auto& [option, value] : *settings) {
     words.emplace_back(option_table()[option].name);

@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <ranges>
 #include <regex>
 #include <set>
 
@@ -67,7 +66,8 @@ TEST(Completions, KnowOptionsChoicesAndNamesInEachShell) {
     const testing::TemporaryFolder folder;
     for (const char* name : {"My mix.wav", "subject.wav", "subfolder/"}) folder.touch(name);
     testing::write_bytes(folder.path("script"), script);
-    const auto presses = fmt::format("{}\n", fmt::join(std::views::keys(kPresses), "\n"));
+    std::string presses;
+    for (const auto& [line, word] : kPresses) presses += line + "\n";
     testing::write_bytes(folder.path("presses"), presses);
     const std::string command = "cd '" + folder.path() + "' && HOME=. COMPLETIONS='" +
                                 VERDEL_PROGRAM_FOLDER "/packaging/completions' " + shell;
