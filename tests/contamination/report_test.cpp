@@ -158,15 +158,15 @@ TEST(ContaminationReport, LinesTellLevelLikenessAndFlag) {
   const auto line = [&](const char* name, double ratio, std::vector<double> resemblance) {
     return report_line(name, {ratio, std::move(resemblance)}, taps);
   };
-  EXPECT_EQ(line("Kick", -19.46, {NAN, -0.3, 0.0}),
+  EXPECT_EQ(line("Kick", -19.46, {std::nan(""), -0.3, 0.0}),
             "  Kick           foreign  -19.5 dB     <-- check this");
-  EXPECT_EQ(line("Kick", -20.0, {NAN, 0.2, 0.1}),
+  EXPECT_EQ(line("Kick", -20.0, {std::nan(""), 0.2, 0.1}),
             "  Kick           foreign  -20.0 dB   resembles Snare (0.20)");
-  EXPECT_EQ(line("Kick", -19.99, {NAN, 0.5, 0.5}),
+  EXPECT_EQ(line("Kick", -19.99, {std::nan(""), 0.5, 0.5}),
             "  Kick           foreign  -20.0 dB   resembles Snare (0.50)  <-- check this");
-  EXPECT_EQ(line("Snare", -979.0, {0.001, NAN, NAN}),
+  EXPECT_EQ(line("Snare", -979.0, {0.001, std::nan(""), std::nan("")}),
             "  Snare          foreign -979.0 dB   resembles Kick (0.00)");
-  EXPECT_EQ(line("Bässe", -1e-9, {NAN, NAN, NAN}),
+  EXPECT_EQ(line("Bässe", -1e-9, {std::nan(""), std::nan(""), std::nan("")}),
             "  Bässe          foreign    0.0 dB     <-- check this");
   EXPECT_EQ(line("Schlagzeug über alles", -51.25, {-1.0, 0.994, 0.996}),
             "  Schlagzeug über alles foreign  -51.2 dB   resembles Hats (1.00)");
