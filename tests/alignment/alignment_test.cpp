@@ -56,7 +56,7 @@ TEST(FindLag, IsThatOfTheCopyOrNone) {
                 {"three agree", 100, 100, [](auto late, auto) { turn(late.first(kSection)); }},
                 {"two agree", 100, 0,
                  [](auto late, auto) { turn(late.first(kSection)), turn(late.last(kSection)); }},
-                {"one NaN", 100, 0, [](auto, auto source) { source[5] = NAN; }},
+                {"one NaN", 100, 0, [](auto, auto source) { source[5] = std::nan(""); }},
                 {"all infinite", 100, 0, [](auto late, auto) { scale(late, HUGE_VAL); }}};
   for (const auto& c : kCases) {
     AudioArray source = noise_array(1, c.length, 1);
@@ -75,7 +75,7 @@ TEST(FindLagWindow, EqualsThePlainSums) {
   using Case = std::tuple<int, std::size_t, double, std::ptrdiff_t>;
   for (const auto& [sr, length, max_ms, range] :
        {Case{1000, 1024, 200.0, 200}, Case{5000, 16001, 600.1, 3000}, Case{1000, 1999, 1e9, 1998},
-        Case{1000, 1023, 200.0, 0}, Case{1000, 5000, -3.0, 0}, Case{1000, 5000, NAN, 0}}) {
+        Case{1000, 1023, 200.0, 0}, Case{1000, 5000, -3.0, 0}, Case{1000, 5000, std::nan(""), 0}}) {
     const auto a = testing::noise(length, 1), b = testing::noise(length, 101);
     std::ptrdiff_t best = 0;
     double highest = -1.0, at_zero = 0.0;

@@ -150,7 +150,7 @@ TEST(Rendering, RefusesWhatDoesNotFit) {
       {kInvalid, [](auto&, auto& job) { ++job.stop; }},
       {kInvalid, [](auto&, auto& job) { job.source_models.clear(); }},
       {"non-finite candidate-14 residual",
-       [](auto& s, auto&) { s.residual.row(0)[5] = s.sources[0].audio.row(0)[0] = NAN; }},
+       [](auto& s, auto&) { s.residual.row(0)[5] = s.sources[0].audio.row(0)[0] = std::nan(""); }},
       {kUnfit, [](auto& s, auto&) { s.sources[2].audio.row(0)[2047] = HUGE_VAL; }},
       {kUnfit, [](auto&, auto& job) { job.source_models[1] = job.residual.first(2047); }},
       {"non-finite candidate-14 allocation",  // too loud for single precision

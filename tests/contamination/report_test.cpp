@@ -4,9 +4,9 @@
 #include <bit>
 #include <cmath>
 #include <numbers>
-#include <numeric>
 #include <string>
 
+#include "contamination/envelopes.hpp"
 #include "contamination/gain.hpp"
 #include "contamination/report.hpp"
 #include "contamination/slices.hpp"
@@ -158,15 +158,15 @@ TEST(ContaminationReport, LinesTellLevelLikenessAndFlag) {
   const auto line = [&](const char* name, double ratio, std::vector<double> resemblance) {
     return report_line(name, {ratio, std::move(resemblance)}, taps);
   };
-  EXPECT_EQ(line("Kick", -19.46, {NAN, -0.3, 0.0}),
+  EXPECT_EQ(line("Kick", -19.46, {std::nan(""), -0.3, 0.0}),
             "  Kick           foreign  -19.5 dB     <-- check this");
-  EXPECT_EQ(line("Kick", -20.0, {NAN, 0.2, 0.1}),
+  EXPECT_EQ(line("Kick", -20.0, {std::nan(""), 0.2, 0.1}),
             "  Kick           foreign  -20.0 dB   resembles Snare (0.20)");
-  EXPECT_EQ(line("Kick", -19.99, {NAN, 0.5, 0.5}),
+  EXPECT_EQ(line("Kick", -19.99, {std::nan(""), 0.5, 0.5}),
             "  Kick           foreign  -20.0 dB   resembles Snare (0.50)  <-- check this");
-  EXPECT_EQ(line("Snare", -979.0, {0.001, NAN, NAN}),
+  EXPECT_EQ(line("Snare", -979.0, {0.001, std::nan(""), std::nan("")}),
             "  Snare          foreign -979.0 dB   resembles Kick (0.00)");
-  EXPECT_EQ(line("Bässe", -1e-9, {NAN, NAN, NAN}),
+  EXPECT_EQ(line("Bässe", -1e-9, {std::nan(""), std::nan(""), std::nan("")}),
             "  Bässe          foreign    0.0 dB     <-- check this");
   EXPECT_EQ(line("Schlagzeug über alles", -51.25, {-1.0, 0.994, 0.996}),
             "  Schlagzeug über alles foreign  -51.2 dB   resembles Hats (1.00)");
@@ -230,8 +230,6 @@ TEST(ContaminationWindows, SumsAreThoseOfAPlainLoopAndSilenceAfterSoundIsSilent)
   for (const double width : {1.0, 1.5, 4.0, 8.2, 17.0, 31.9, 33.0, 64.4, 1000.5, 2205.0}) {
     for (const GridWindow& window :
          {GridWindow::over_cells(width), GridWindow::over_samples(std::max(width, 4.0))}) {
-      const double weight = std::accumulate(window.ends.begin(), window.ends.end(), 0.0);
-      EXPECT_NEAR(2 * static_cast<double>(window.reach) + 1 + 2 * weight, window.width, 1e-12);
       for (const std::size_t count : {1u, 511u, 513u, 1500u}) {
         const auto padded = std::span(values).last(count + 2 * window.padding());
         std::vector<float> whole(count), ends(count);
@@ -268,6 +266,14 @@ TEST(ContaminationWindows, SamplesGiveTheIntegralBetweenThem) {
       EXPECT_NEAR(sum, 2 / omega * std::sin(omega * width / 2), 1e-12 + 0.5 * std::pow(omega, 4));
     }
   }
+}
+
+TEST(ContaminationEnvelopes, TheLastCellMayHoldFewerSamples) {
+  auto audio = AudioArray::zeros(2, 17);
+  std::ranges::fill(audio.flat(), 0.5);
+  std::vector<float> cells(2);
+  mean_square_cells(audio.view(), 16, cells);
+  EXPECT_EQ(cells, (std::vector{0.25F, 0.25F}));
 }
 
 template <class Sample>

@@ -72,13 +72,13 @@ TEST(SuggestExcerpt, ClaimsNothingInDoubt) {
   const auto clicks = pattern(kClicks, 100.0, kRate, 20.0);
   const auto silent = AudioArray::zeros(2, 20 * kRate);
   auto broken = AudioArray::copy_of(clicks.view());
-  broken.row(1)[90001] = NAN;
+  broken.row(1)[90001] = std::nan("");
   const AudioView kDoubtful[] = {silent.view(), broken.view(), silent.view().column_range(0, 0),
                                  clicks.view().column_range(0, 4 * kRate - 1)};
   for (const AudioView mix : kDoubtful) {
     const std::size_t most = mix.columns(), three = std::min<std::size_t>(24000, most), none = 0;
     for (const auto& [target, length] :
-         {std::pair{3.0001, three}, {HUGE_VAL, most}, {-1.0, none}, {double{NAN}, none}}) {
+         {std::pair{3.0001, three}, {HUGE_VAL, most}, {-1.0, none}, {std::nan(""), none}}) {
       const auto found = suggest_excerpt(mix, kRate, target);
       EXPECT_EQ(std::tie(found.start, found.length, found.bpm, found.bars, found.confidence),
                 (std::tuple{0u, length, 0.0, 0, 0.0}));
