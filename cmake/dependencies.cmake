@@ -1,4 +1,5 @@
 set(THREADS_PREFER_PTHREAD_FLAG ON)
+find_package(Eigen3 3.3 REQUIRED NO_MODULE)
 find_package(Threads REQUIRED)
 find_package(PkgConfig REQUIRED)
 find_package(fmt REQUIRED)

@@ -11,6 +11,7 @@ class Verdel < Formula
   depends_on "ninja" => :build
   depends_on "pkgconf"
   depends_on "fftw"
+  depends_on "eigen" => :build
   depends_on "fmt"
   depends_on "icu4c"
   depends_on "libsndfile"

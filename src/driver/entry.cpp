@@ -7,6 +7,7 @@
 #include <new>
 #include <system_error>
 
+#include "driver/chain_stage.hpp"
 #include "driver/engine_arguments.hpp"
 #include "driver/folder_proof.hpp"
 #include "driver/option_parser.hpp"
@@ -114,6 +115,23 @@ int verify_main(const std::vector<std::string>& arguments, RunContext& context) 
       command_line.fail("--threshold takes a finite number of dBFS");
     }
     prove_folder(*options, lines, context.stop);
+  });
+}
+
+int chain_main(const std::vector<std::string>& arguments, RunContext& context) {
+  return exit_status_of(context, [&](OutputLines& lines) {
+    if (print_version("verdel-chain", arguments, lines)) return;
+    const CommandLine command_line(context.program_name, entries_of(chain_option_table()));
+    const auto chain = parse_record(command_line, chain_option_table(), arguments);
+    if (!chain) return lines.write(command_line.help());
+    if (!chain->progress_json) lines.show_stages_on(context.err);
+    lines.hold();
+    run_engine({.options = render_options(*chain),
+                .command_line = command_line,
+                .machine = context.machine,
+                .stop = context.stop,
+                .lines = lines,
+                .chain = &*chain});
   });
 }
 

@@ -30,4 +30,7 @@ int shipping_main(const std::vector<std::string>& arguments, RunContext& context
 /// that fail.
 int verify_main(const std::vector<std::string>& arguments, RunContext& context);
 
+/// A render that hears the master chain first: its own lines, then those of main.
+int chain_main(const std::vector<std::string>& arguments, RunContext& context);
+
 }  // namespace verdel::internal

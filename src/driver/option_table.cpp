@@ -315,6 +315,54 @@ OptionTable<VerifyOptions> make_verify_option_table() {
   };
 }
 
+OptionTable<ChainOptions> make_chain_option_table() {
+  return {
+      {.name = "--mix",
+       .field = &ChainOptions::mix,
+       .help = "the finished mix. Found automatically if there is exactly one audio file in the "
+               "mix folder.",
+       .path = PathKind::kFile},
+      {.name = "--taps",
+       .field = &ChainOptions::taps,
+       .help = "folder of taps. Found automatically.",
+       .path = PathKind::kFolder},
+      {.name = "--out",
+       .field = &ChainOptions::out,
+       .help = "where the stems go. Defaults to <project>/out.",
+       .path = PathKind::kFolder},
+      {.name = "--project",
+       .field = &ChainOptions::project,
+       .help = "folder holding your mix and taps folders",
+       .path = PathKind::kFolder},
+      {.name = "--excerpt-start",
+       .field = &ChainOptions::excerpt_start,
+       .help =
+           "deliver a part: where it begins, in seconds. The chain of the whole song is heard."},
+      {.name = "--excerpt-len",
+       .field = &ChainOptions::excerpt_len,
+       .help = "deliver a part: how long it is, in seconds"},
+      {.name = "--no-report",
+       .field = &ChainOptions::no_report,
+       .help = "skip the contamination report"},
+      {.name = "--write-null",
+       .field = &ChainOptions::write_null,
+       .help = "also write _NULL_RESIDUAL.wav next to the stems"},
+      {.name = "--look", .field = &ChainOptions::look, .help = "find and tell, render nothing"},
+      {.name = "--no-gains",
+       .field = &ChainOptions::no_gains,
+       .help = "look for the master's EQ only"},
+      {.name = "--taps-to",
+       .field = &ChainOptions::taps_to,
+       .help = "write the taps as heard through the chain into this folder",
+       .path = PathKind::kFolder},
+      {.name = "--json",
+       .field = &ChainOptions::json,
+       .help = "write what was found into this file",
+       .path = PathKind::kFile},
+      {.name = "--progress-json", .field = &ChainOptions::progress_json, .hidden = true},
+  };
+}
+
 }  // namespace
 
 const OptionTable<Options>& option_table() {
@@ -332,6 +380,11 @@ const OptionTable<VerifyOptions>& verify_option_table() {
   return table;
 }
 
+const OptionTable<ChainOptions>& chain_option_table() {
+  static const OptionTable<ChainOptions> table = make_chain_option_table();
+  return table;
+}
+
 std::vector<OptionEntry> entries_of(const OptionTable<Options>& table) {
   return entries_of_table(table);
 }
@@ -341,6 +394,10 @@ std::vector<OptionEntry> entries_of(const OptionTable<EngineOptions>& table) {
 }
 
 std::vector<OptionEntry> entries_of(const OptionTable<VerifyOptions>& table) {
+  return entries_of_table(table);
+}
+
+std::vector<OptionEntry> entries_of(const OptionTable<ChainOptions>& table) {
   return entries_of_table(table);
 }
 

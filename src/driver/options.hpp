@@ -56,6 +56,20 @@ struct EngineOptions {
   bool progress_json = false;
 };
 
+/// What a render asks for that hears the master chain first.
+struct ChainOptions {
+  std::optional<std::string> mix, taps, out;
+  std::string project = ".";
+  std::optional<double> excerpt_start, excerpt_len;  ///< s
+  bool no_report = false;
+  bool write_null = false;
+  bool progress_json = false;
+  bool look = false;                   ///< find and tell, render nothing
+  bool no_gains = false;               ///< look for the curve only
+  std::optional<std::string> taps_to;  ///< a folder for the taps as heard
+  std::optional<std::string> json;     ///< a file for what was found
+};
+
 /// What a second opinion on a folder of stems needs.
 struct VerifyOptions {
   std::optional<std::string> mix, stems;

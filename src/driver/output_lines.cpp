@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <cerrno>
+#include <utility>
 
 #include "support/errors.hpp"
 #include "support/unicode_text.hpp"
@@ -20,7 +21,28 @@ void OutputLines::print(std::string_view line) {
   write(printable(line) + "\n");
 }
 
+OutputLines::~OutputLines() {
+  if (held_) static_cast<void>(std::fwrite(held_->data(), 1, held_->size(), stream_));
+}
+
+void OutputLines::print_now(std::string_view line) {
+  put(printable(line) + "\n");
+}
+
 void OutputLines::write(std::string_view text) {
+  if (held_) {
+    held_->append(text);
+  } else {
+    put(text);
+  }
+}
+
+void OutputLines::release() {
+  const std::string text = std::exchange(held_, std::nullopt).value_or("");
+  put(text);
+}
+
+void OutputLines::put(std::string_view text) {
   if (terminal_) terminal_->wipe();
   if (std::fwrite(text.data(), 1, text.size(), stream_) != text.size()) fail_to_write();
 }
@@ -38,7 +60,7 @@ void OutputLines::stage(std::string_view name, double done) {
 void ProgressLines::emit_progress(std::string_view phase, std::size_t completed,
                                   std::size_t total) const {
   if (!enabled_) return;
-  lines_.print(
+  lines_.print_now(
       fmt::format(R"(verdel-progress-json: {{"v":1,"phase":"{}","completed":{},"total":{}}})",
                   phase, completed, total));
   lines_.flush();

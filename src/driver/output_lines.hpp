@@ -15,12 +15,22 @@ namespace verdel::internal {
 class OutputLines {
  public:
   explicit OutputLines(std::FILE* stream) : stream_(stream) {}
+  /// What is still held goes out, as far as it can.
+  ~OutputLines();
+  OutputLines(const OutputLines&) = delete;
+  OutputLines& operator=(const OutputLines&) = delete;
 
   /// A line break inside a name is escaped: it must not begin a line that a parent takes for ours.
   void print(std::string_view line);
   /// Text that brings its own line breaks.
   void write(std::string_view text);
   void flush();
+
+  /// From now on lines wait for release(), so that what is found out later may stand before them.
+  void hold() { held_.emplace(); }
+  void release();
+  /// A line that waits for nothing.
+  void print_now(std::string_view line);
 
   /// From now on a person at a terminal sees the stages on `stream`.
   void show_stages_on(std::FILE* stream) { terminal_.emplace(stream, stream_); }
@@ -29,7 +39,10 @@ class OutputLines {
   void stage(std::string_view name, double done = -1.0);
 
  private:
+  void put(std::string_view text);
+
   std::FILE* stream_;
+  std::optional<std::string> held_;
   std::optional<TerminalProgress> terminal_;
 };
 

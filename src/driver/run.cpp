@@ -1,5 +1,6 @@
 #include "driver/run.hpp"
 
+#include "driver/chain_stage.hpp"
 #include "driver/input_stage.hpp"
 #include "driver/option_rules.hpp"
 #include "driver/overwrite_guard.hpp"
@@ -72,7 +73,8 @@ void run_engine(Run run) {
   apply_option_rules(run.options, run.command_line);
   resolve_paths(run.options, run.lines);
   const bool only_suggest = run.options.suggest_excerpt > 0.0;
-  if (!only_suggest) refuse_overwriting(run.options);
+  const bool only_look = run.chain != nullptr && run.chain->look;
+  if (!only_suggest && !only_look) refuse_overwriting(run.options);
 
   run.lines.stage(name_of(Stage::kReadingMix));
   const Mix mix = read_mix(run);
@@ -83,9 +85,17 @@ void run_engine(Run run) {
   run.lines.stage(name_of(Stage::kReadingTaps));
   StemMap taps = read_taps(run, mix, plan);
   require_known_low_resolution(run.options, names_of(taps), run.command_line);
-  const SongJob job = song_job(run.options, mix, choose_output_range(run, mix));
+  SongJob job = song_job(run.options, mix, choose_output_range(run, mix));
 
   SongLines lines(run, mix.channels(), names_of(taps));
+  if (run.chain != nullptr) {
+    const auto moved = hear_and_tell(run, *run.chain, mix, taps);
+    if (only_look) return run.lines.release();
+    // The engine does not move again what stands in line with the chain.
+    job.align = moved.empty();
+    run.lines.release();
+    lines.aligned(moved);
+  }
   const StemMap stems = render(run, job, mix, taps, plan, lines);
   lines.finalize();
   deliver(run, job, taps, stems, lines);

@@ -29,6 +29,7 @@ struct Run {
   const Machine& machine;
   StopToken stop;
   OutputLines& lines;
+  const ChainOptions* chain = nullptr;  ///< if the master chain is to be heard first
 };
 
 }  // namespace verdel::internal

@@ -87,5 +87,36 @@ TEST(ReferenceRenders, PrintTheSameFiguresAndWriteTheSameStems) {
   }
 }
 
+// A song through a four-band EQ and a compressor, both the same for every tap.
+TEST(ReferenceRenders, HearTheEqualiserAndTheGainsOfAMaster) {
+  const TemporaryFolder folder;
+  const std::string heard = folder.path("heard"), json = folder.path("found.json");
+  const std::string song = VERDEL_TEST_DATA "/chain";
+  const auto result = run_program({.program = "verdel-chain",
+                                   .arguments = {"--project", song, "--out", folder.path("out"),
+                                                 "--taps-to", heard, "--json", json}});
+  EXPECT_TRUE(result.out.starts_with(
+      "--- master chain ---\n"
+      "curve: one curve, takes 5.6 dB off what is left (-12.4 to -18.1 dB)\n"
+      "       5 of 5 taps vote for it (0.44 to 1.10; 1 is a tap that went through it)\n"
+      "gain:  one for all frequencies, then 8 bands of an octave, takes 12.1 dB off what is left "
+      "(-18.1 to -30.2 dB)\n\nmix   "))
+      << result.out << result.err;
+  EXPECT_TRUE(result.out.ends_with("  PASS\n") && result.status == 0);
+  EXPECT_NE(testing::bytes_of(json).find("\"cross_validation_db\": 25.1"), std::string::npos);
+  std::map<std::string, AudioArray> taps;
+  double error = 0.0, energy = 0.0;
+  for (const std::string& row : testing::lines_of(testing::bytes_of(song + "/heard.csv"))) {
+    const auto cells = testing::parts_of(row, ',');
+    if (cells[0] == "tap") continue;
+    AudioArray& tap = taps[cells[0]];
+    if (tap.empty()) tap = load(heard + "/" + cells[0] + ".wav").audio;
+    const double value = std::stod(cells[3]);
+    error += std::pow(tap.row(std::stoul(cells[1]))[std::stoul(cells[2])] - value, 2.0);
+    energy += value * value;
+  }
+  EXPECT_LT(error, 1e-6 * energy);
+}
+
 }  // namespace
 }  // namespace verdel::internal

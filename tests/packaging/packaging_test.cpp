@@ -93,6 +93,7 @@ TEST(ManPages, HaveAnEntryForEachOptionAShellUserSeesAndNameNoOther) {
   const std::pair<std::string, std::vector<OptionEntry>> kPages[] = {
       {"verdel", entries_of(option_table())},
       {"verdel-engine", entries_of(engine_option_table())},
+      {"verdel-chain", entries_of(chain_option_table())},
       {"verdel-verify", entries_of(verify_option_table())}};
   for (const auto& [page, options] : kPages) {
     const auto text = testing::bytes_of(VERDEL_SOURCE_ROOT "/packaging/man/" + page + ".1");
