@@ -77,27 +77,9 @@ with_slurm() {
     --pid-file="$work/munge/pid" --seed-file="$work/munge/seed" --log-file="$work/munged.log" \
     2>"$work/munged-start.log" &
   daemons+=($!)
-  cat >"$work/slurm.conf" <<END
-ClusterName=batch
-SlurmctldHost=$host(127.0.0.1)
-SlurmdParameters=config_overrides
-SlurmctldPort=$((20000 + RANDOM % 5000))
-SlurmdPort=$((25000 + RANDOM % 5000))
-SlurmUser=root
-AuthType=auth/munge
-AuthInfo=socket=$work/munge/socket
-CredType=cred/munge
-StateSaveLocation=$work/state
-SlurmdSpoolDir=$work/spool
-SlurmctldPidFile=$work/slurmctld.pid
-SlurmdPidFile=$work/slurmd.pid
-ProctrackType=proctrack/linuxproc
-TaskPlugin=task/none
-SelectType=select/cons_tres
-SelectTypeParameters=CR_Core_Memory
-NodeName=$host NodeAddr=127.0.0.1 CPUs=8 RealMemory=$((one_song * 3 / 2)) State=UNKNOWN
-PartitionName=all Nodes=ALL Default=YES MaxTime=INFINITE State=UP
-END
+  sed "s|@WORK@|$work|; s|@HOST@|$host|; s|@MEMORY@|$((one_song * 3 / 2))|
+    s|@CONTROL_PORT@|$((20000 + RANDOM % 5000))|; s|@NODE_PORT@|$((25000 + RANDOM % 5000))|" \
+    "$source/tests/data/batch/slurm.conf.in" >"$work/slurm.conf"
   export SLURM_CONF=$work/slurm.conf
   slurmctld -D >"$work/slurmctld.log" 2>&1 &
   daemons+=($!)

@@ -153,24 +153,8 @@ TEST(Run, TellsAPersonHowLongItWillTakeOnceThatIsKnown) {
 // A file of a project of the stems a, b and the pair H (its channels, frames, and a sample of the
 // last channel; no channels: no audio), arguments, and the end of the error stream, after which
 // nothing is written. P stands for the project.
-constexpr const char* kFaults =
-    R"(main|mix.wav|1|9000|0||the mix is 1-channel; VERDEL handles stereo files. Bounce the mix and the stems as stereo.
-small engine|mix.wav|2|2047|0||the mix is only 2047 frames; VERDEL needs at least 2048 frames for this processing profile
-small main|mix.wav|2|2047|0||Candidate 14 needs at least 2048 audio frames
-small engine|taps/c.wav|0|0|0||this render needs about 1 GiB of working memory, but this Mac has 0 GiB; use fewer stems or a shorter bounce
-small main|taps/c.wav|0|0|0||“P/taps/c.wav” is not a WAV, AIFF, FLAC or CAF file.
-engine|taps/c.wav|2|9|0|--strict-inputs|c has a different length from the mix. Bounce every stem over the exact same range as the mix.
-main|taps/c.wav|2|9|0|--excerpt-len inf|--excerpt-len inf is too long to be counted in samples. Pass a length in seconds.
-main|taps/c.wav|2|9|0|--low-res z --low-res b --low-res A|verdel: error: --low-resolution requires an exact tap basename; unknown: z, A
-engine|x|0|0|0|--excerpt-len 1e-9|invalid candidate-14 allocation inputs or interval~--excerpt-len 1e-09 holds no sample at 8000 Hz. Pass a longer excerpt, in seconds.
-engine|mix.wav|2|12000|nan||non-finite single-band mix~P/mix.wav: sample 77 of channel 1 is not a finite number (both counted from 0). Bounce it again.
-main|taps/H.R.wav|1|12000|inf||single-band taps must match the finite full mix~P/taps/H.R.wav: sample 77 of channel 0 is not a finite number (both counted from 0). Bounce it again.
-main|taps/M.wav|1|12000|0|--any-channels|single-band taps must match the finite full mix~P/taps/M.wav: 1 channel, but the mix has 2. Bounce it like the mix.
-stopped main|x|0|0|0||the run was cancelled
-)";
-
 TEST(Run, AFaultEndsItWithItsWordsAndNothingWritten) {
-  for (const std::string& line : testing::lines_of(kFaults)) {
+  for (const std::string& line : testing::cases_of(VERDEL_TEST_DATA "/cases/faults.txt")) {
     SCOPED_TRACE(line);
     const SmallProject project({"a", "b"});
     for (const char* side : {"H.L.wav", "H.R.wav"}) project.write_tap(side, {project.mix()[0]});

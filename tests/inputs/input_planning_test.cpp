@@ -50,8 +50,7 @@ std::string plan_of(const std::string& folder, const std::string& selected) {
 // The rows of tests/data/inputs/names.txt.
 TEST(InputPlanning, GroupsNamesAndRefusesClashes) {
   std::size_t rows = 0;
-  for (const std::string& row :
-       testing::lines_of(testing::bytes_of(VERDEL_TEST_DATA "/inputs/names.txt"))) {
+  for (const std::string& row : testing::cases_of(VERDEL_TEST_DATA "/inputs/names.txt")) {
     if (row.empty() || row.front() == '#') continue;
     ++rows;
     const std::size_t first = row.find('|'), last = row.rfind('|');

@@ -6,6 +6,7 @@
 #include <iterator>
 #include <map>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -35,6 +36,13 @@ inline std::vector<std::string> lines_of(const std::string& text) {
   std::istringstream stream(text);
   for (std::string line; std::getline(stream, line);) lines.push_back(line);
   return lines;
+}
+
+/// The lines of a file of cases, which has some.
+inline std::vector<std::string> cases_of(const std::string& path) {
+  auto cases = lines_of(bytes_of(path));
+  if (cases.empty()) throw std::runtime_error("no cases in " + path);
+  return cases;
 }
 
 /// The parts of a text between separators, one more than there are of these.
