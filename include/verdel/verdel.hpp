@@ -21,7 +21,8 @@
 ///
 /// A program that also plans FFTW transforms of its own calls fftw_make_planner_thread_safe() and
 /// fftwf_make_planner_thread_safe(), of FFTW's threads libraries, before its threads start: VERDEL
-/// plans under the same lock. Where FFTW has no threads libraries it plans none during a render.
+/// plans under the same lock. Where FFTW has no threads libraries, such a program plans nothing
+/// while a render runs.
 ///
 /// Link with verdel::verdel (CMake) or `pkg-config --libs --static verdel`.
 namespace verdel {
@@ -66,8 +67,9 @@ struct RenderResult {
   double null_peak = 0.0;  ///< dBFS of mix minus the sum of the stems; -999 where nothing is left
 };
 
-/// The request cannot be followed: shapes that do not fit, too short a mix (2048 samples are the
-/// least), samples that are not finite, too little memory or temporary space. what() says which.
+/// The request cannot be followed: shapes that do not fit, two taps of one name, too short a mix
+/// (2048 samples are the least), samples that are not finite, too little memory or temporary space.
+/// what() says which, with the tap's name and the sample's place.
 class RenderError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;

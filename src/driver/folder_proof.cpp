@@ -39,10 +39,10 @@ std::vector<StemInput> stems_of(const std::string& folder, const StopToken& stop
   return stems;
 }
 
-std::string difference_text(const StemInput& stem, const char* what, std::size_t has,
-                            std::size_t wanted) {
-  return fmt::format("{}: {} {}, where the others have {}", quoted_path(stem.files.front()), has,
-                     what, wanted);
+/// `has`: a number and what is counted.
+std::string difference_text(const StemInput& stem, const std::string& has, std::size_t wanted) {
+  return fmt::format("{}: {}, where the others have {}", quoted_path(stem.files.front()), has,
+                     wanted);
 }
 
 std::size_t frames_of(const StemInput& stem, const AudioHeader& header, const StopToken& stop) {
@@ -64,18 +64,21 @@ std::size_t common_length(const std::vector<StemInput>& stems, const LoadedAudio
   std::vector<std::size_t> lengths;
   for (const StemInput& stem : stems) {
     const AudioHeader header = check_audio_input(stem, stop);
-    const auto require = [&](const char* what, std::size_t has, std::size_t wanted) {
-      if (has != wanted) throw ValueError(difference_text(stem, what, has, wanted));
-    };
-    require("Hz", static_cast<std::size_t>(header.sr), static_cast<std::size_t>(mix.sr));
-    require("channels", header.channels, mix.audio.rows());
+    if (header.sr != mix.sr) {
+      throw ValueError(
+          difference_text(stem, fmt::format("{} Hz", header.sr), static_cast<std::size_t>(mix.sr)));
+    }
+    if (header.channels != mix.audio.rows()) {
+      throw ValueError(
+          difference_text(stem, counted(header.channels, "channel"), mix.audio.rows()));
+    }
     lengths.push_back(frames_of(stem, header, stop));
   }
   const std::size_t usual = usual_length(lengths, mix.audio.columns());
   std::string text;
   for (std::size_t i = 0; i < stems.size(); ++i) {
     if (lengths[i] == usual) continue;
-    text += difference_text(stems[i], "frames", lengths[i], usual) + "\n";
+    text += difference_text(stems[i], counted(lengths[i], "frame"), usual) + "\n";
   }
   if (text.empty()) return usual;
   throw ValueError(text +

@@ -12,6 +12,9 @@ namespace verdel::internal {
 ///
 /// A whole song's transform has millions of bins, so no mask is kept: each is computed anew,
 /// [bins], whenever it is asked for. Read-only once built; any number of threads may ask.
+///
+/// The report reads edges, weights and the denominator. Whole masks are the bank as it is defined:
+/// the plain form of the report, which the tests hold it against, walks over them.
 class StreamedBandMasks {
  public:
   /// nfft: transform length, at least 2; sr: Hz; bands: at least 2. Centres above the Nyquist

@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "signal/levels.hpp"
+#include "support/number_text.hpp"
 
 namespace verdel::internal {
 namespace {
@@ -34,8 +35,8 @@ std::optional<UnfitInput> unfit_input(AudioView mix, const StemMap& taps,
 
 std::string unfit_text(const UnfitInput& unfit, std::size_t mix_channels, std::size_t channel) {
   if (unfit.channels != 0) {
-    return fmt::format("{} channel{}, but the mix has {}. Bounce it like the mix.", unfit.channels,
-                       unfit.channels == 1 ? "" : "s", mix_channels);
+    return fmt::format("{}, but the mix has {}. Bounce it like the mix.",
+                       counted(unfit.channels, "channel"), mix_channels);
   }
   return fmt::format(
       "sample {} of channel {} is not a finite number (both counted from 0). Bounce it again.",
