@@ -57,7 +57,7 @@ TEST(FolderProof, TellsWhatTheStemsLeaveOfTheMix) {
       {part_off, "--excerpt-start=4.5", R"("worst_sample": 4509}]})", no_sum},
       {{{"a", half(7)}, {"b", all}, {"c", all}}, "", "", "a.wav”: 8993 frames, where the others"},
       {{{"a", part}, {"b", all}}, "", "", "/a.wav”: 4500 frames, where the others have 9000\nA f"},
-      {{{"a", {all[0]}}}, "", "", "1 channels, where the others have 2\n"},
+      {{{"a", {all[0]}}}, "", "", "1 channel, where the others have 2\n"},
       {{both[0], both[1], {"c", half(0, 0.25)}}, "", "", "/c.wav” the others do. Such", {"a"}},
       {{both[0], both[1], {"c", all}, {"d", all}}, "", "", "a.wav” the others do", {"c", "a"}}};
   for (const Case& c : kCases) {
