@@ -131,17 +131,31 @@ struct Room {
         rest(AudioArray::uninitialised(like.rows(), like.columns())) {}
 };
 
-/// Moves one tap if what is left is clearly less for it. `rest`: mix minus gain times what is
-/// heard; kept up to date.
+/// Whether a move takes a clear part off what is left, and in most of the blocks in which the tap
+/// sounds. All three are energies by block: of the tap, of what is left before and after.
+bool is_clear_move(const std::vector<double>& sounding, const std::vector<double>& before,
+                   const std::vector<double>& after) {
+  const double loudest = *std::ranges::max_element(sounding);
+  std::size_t blocks = 0, better = 0;
+  for (std::size_t b = 0; b < sounding.size(); ++b) {
+    if (sounding[b] <= kSoundingBlock * loudest) continue;
+    ++blocks;
+    if (after[b] < before[b]) ++better;
+  }
+  const double was = sum(before), now = sum(after);
+  return energy_db(was / now) > kMoveFall && was - now > kMoveShare * sum(sounding) &&
+         static_cast<double>(better) > kMoveMajority * static_cast<double>(blocks);
+}
+
+/// Moves one tap if what is left is clearly less for it. `room.rest`, the mix minus gain times what
+/// is heard, is kept up to date.
 bool line_up_tap(const ChainJob& job, const FilterFit& fit, const GainCurve& gain, std::size_t tap,
                  LinedUp& lined, Room& room, double mix_energy) {
   play_to_measure(lined.taps[tap].audio.view(), lined.lags[tap], fit.fir(), job, room.own);
-  const AudioView own = room.own.view();
-  AudioArray& rest = room.rest;
+  const AudioView own = room.own.view(), rest = room.rest.view();
   const auto heard = [&](std::size_t c, std::size_t i) { return gain.at(c, i) * own.row(c)[i]; };
   const std::vector<double> sounding = block_energies(job, heard);
-  const double own_energy = sum(sounding);
-  if (own_energy < kFaintTap * mix_energy) return false;
+  if (sum(sounding) < kFaintTap * mix_energy) return false;
   const StretchReader without_it = [&](std::size_t c, std::size_t first, std::span<float> into) {
     for (std::size_t i = 0; i < into.size(); ++i) {
       const std::size_t frame = first + i;
@@ -159,23 +173,10 @@ bool line_up_tap(const ChainJob& job, const FilterFit& fit, const GainCurve& gai
   };
   const auto before =
       block_energies(job, [&](std::size_t c, std::size_t i) { return rest.row(c)[i]; });
-  const auto after = block_energies(job, moved);
-  const double loudest = *std::ranges::max_element(sounding);
-  std::size_t blocks = 0, better = 0;
-  for (std::size_t b = 0; b < sounding.size(); ++b) {
-    if (sounding[b] <= kSoundingBlock * loudest) continue;
-    ++blocks;
-    if (after[b] < before[b]) ++better;
-  }
-  const double was = sum(before), now = sum(after);
-  if (!(energy_db(was / now) > kMoveFall && was - now > kMoveShare * own_energy &&
-        static_cast<double>(better) > kMoveMajority * static_cast<double>(blocks))) {
-    return false;
-  }
+  if (!is_clear_move(sounding, before, block_energies(job, moved))) return false;
   for (std::size_t c = 0; c < rest.rows(); ++c) {
-    std::vector<double> row(rest.columns());
+    const auto row = room.rest.row(c);
     for (std::size_t i = 0; i < row.size(); ++i) row[i] = moved(c, i);
-    std::ranges::copy(row, rest.row(c).begin());
   }
   lined.lags[tap] += lag;
   return true;
@@ -264,8 +265,24 @@ std::string cannot_look(const ChainJob& job, AudioView x) {
     return "shorter than 5 s";
   }
   const double least = kSilence * static_cast<double>(job.mix.columns());
-  if (energy_of(x) < least || energy_of(job.mix) < least) return "digital silence";
+  const double taps = energy_of(x), mix = energy_of(job.mix);
+  if (!std::isfinite(taps + mix)) return "a sample is not a finite number";
+  if (taps < least || mix < least) return "digital silence";
   return {};
+}
+
+/// Plays the taps through the filter, or moves them alone.
+void hand_out(const ChainJob& job, const std::vector<std::ptrdiff_t>& lags, const ChainFir* fir,
+              AudioArray& room, StemMap& taps) {
+  for (std::size_t i = 0; i < taps.size(); ++i) {
+    AudioArray& audio = taps[i].audio;
+    if (fir != nullptr) {
+      play(audio.view(), lags[i], *fir, job, room);
+      std::swap(audio, room);
+    } else if (lags[i] != 0) {
+      audio = align_tap(audio.view(), lags[i]);
+    }
+  }
 }
 
 /// Moves all taps by the lag of their sum, if that is not a step back: where one loud tap is late,
@@ -322,15 +339,9 @@ CurveFinding find_curve(const ChainJob& job, StemMap& taps) {
   take_votes(job, *fit, lined, room, finding);
   finding.why_not = objection(finding);
   finding.used = finding.why_not.empty();
-  const bool lines_up = finding.used || left_lined < left_given - kLiningUpHelps;
-  if (lines_up) finding.lags = lined.lags;
-  for (std::size_t i = 0; i < taps.size() && lines_up; ++i) {
-    if (finding.used) {
-      play(taps[i].audio.view(), lined.lags[i], fit->fir(), job, room.own);
-      std::swap(taps[i].audio, room.own);
-    } else if (lined.lags[i] != 0) {
-      taps[i].audio = align_tap(taps[i].audio.view(), lined.lags[i]);
-    }
+  if (finding.used || left_lined < left_given - kLiningUpHelps) {
+    finding.lags = lined.lags;
+    hand_out(job, finding.lags, finding.used ? &fit->fir() : nullptr, room.own, taps);
   }
   tell(4);
   return finding;

@@ -18,7 +18,7 @@ struct CurveVote {
   double change = 0.0;  ///< energy of what the curve changes in the tap
 };
 
-/// One curve of the master: |response| and how sure it is.
+/// One curve of the master, as a complex factor per bin.
 struct ChainCurve {
   std::string name;                            ///< "master", "mid", "left", ...
   std::vector<std::complex<double>> response;  ///< [bins]
@@ -43,6 +43,8 @@ struct CurveFinding {
 /// Looks for one filter that all taps went through. If it helps, `taps` are what is heard through
 /// it; if only the lining up helps they are lined up; else they are as they were. Every tap has the
 /// mix's shape.
+///
+/// Errors: Cancelled; those of memory. Samples that are not finite leave everything as it is.
 CurveFinding find_curve(const ChainJob& job, StemMap& taps);
 
 }  // namespace verdel::internal
