@@ -10,6 +10,12 @@
 
 namespace verdel::internal {
 
+/// A tap votes +1 for what it went through and -1 against what it did not; below this it is
+/// against.
+inline constexpr double kVoteAgainst = 0.3;
+/// The share of a change that may lie on taps that are against it.
+inline constexpr double kMostAgainst = 0.05;
+
 /// What every step of the chain's search is given. All audio is [channels][frames] of one shape,
 /// one or two channels.
 struct ChainJob {

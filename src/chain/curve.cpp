@@ -20,9 +20,7 @@ constexpr double kSilence = 1e-12;       // mean square
 constexpr int kMostTurns = 4;            // of lining up single taps
 constexpr double kLeastFall = 1.5;       // dB that the curve must take off what is left,
 constexpr double kLeastValidated = 1.0;  // and in cross-validation
-constexpr double kMostAgainst = 0.05;
-constexpr double kVoteAgainst = 0.3;
-constexpr double kLiningUpHelps = 0.2;  // dB
+constexpr double kLiningUpHelps = 0.2;   // dB
 
 // Moving a single tap must make a clear difference in most places where it sounds.
 constexpr std::ptrdiff_t kSmallestMove = 3;  // samples

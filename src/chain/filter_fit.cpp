@@ -8,7 +8,6 @@
 
 #include "chain/chain_gain.hpp"
 #include "chain/fold_sums.hpp"
-#include "signal/windows.hpp"
 
 namespace verdel::internal {
 namespace {
@@ -114,7 +113,6 @@ FilterFit::FilterFit(const ChainJob& job, AudioView x)
       hop_(frame_ / 2),
       basis_(frame_, job.sr),
       rough_(basis_.roughness()),
-      window_(get_window(frame_)),
       roughness_(kFirstRoughness),
       c_(Eigen::VectorXcd::Zero(static_cast<Row>(functions() * basis_.size()))) {
   c_.head(static_cast<Row>(basis_.size())).setOnes();

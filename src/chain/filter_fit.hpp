@@ -84,7 +84,6 @@ class FilterFit {
   std::size_t frame_, hop_;
   SplineBasis basis_;
   Eigen::MatrixXd rough_;
-  std::vector<double> window_;
   ChainModel model_ = ChainModel::kOneCurve;
   double roughness_;
   Eigen::VectorXcd c_;

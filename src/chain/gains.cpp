@@ -11,8 +11,6 @@ namespace verdel::internal {
 namespace {
 
 constexpr double kLeastFall = 1.0;  // dB that each choice must take off what is left
-constexpr double kMostAgainst = 0.05;
-constexpr double kVoteAgainst = 0.3;
 
 /// One choice: a gain, and the taps' sum through it.
 struct Candidate {
