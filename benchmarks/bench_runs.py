@@ -58,3 +58,8 @@ def measure(bench, project, *options):
 
 def stage(results, name):
     return next((entry for entry in results["stages"] if entry["name"] == name), None)
+
+
+def revision(tree):
+    return subprocess.run(["git", "describe", "--always", "--dirty"], capture_output=True,
+                          text=True, cwd=tree).stdout.strip() or "unknown"

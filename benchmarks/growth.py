@@ -13,7 +13,6 @@ import hashlib
 import json
 import pathlib
 import signal
-import subprocess
 import sys
 import tempfile
 
@@ -134,11 +133,6 @@ def write_csv(path, plan, measured):
                                f"{entry['system']:.2f}", entry["peak_bytes"] >> 20])
 
 
-def revision():
-    return subprocess.run(["git", "describe", "--always", "--dirty"], capture_output=True,
-                          text=True, cwd=ROOT).stdout.strip() or "unknown"
-
-
 def main():
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("--demo", required=True)
@@ -152,7 +146,7 @@ def main():
     # Projects are large: they go on every road out.
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(143))
     kept = ROOT / "build" / "growth"
-    measured_tree = revision()  # before the figures that are written change it
+    measured_tree = bench_runs.revision(ROOT)  # before the figures that are written change it
     plan = make_plan(arguments.quick)
     measured = Measured(arguments.demo, arguments.bench, kept, arguments.runs)
     jobs = plan.jobs()

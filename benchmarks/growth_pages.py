@@ -1,39 +1,12 @@
 """The tables and plots of docs/performance.md, from measured results."""
 
-import os
-import pathlib
-import platform
-
 import bench_runs
 import plots
-
-BEGIN, END = "<!-- measured: begin -->", "<!-- measured: end -->"
-MEBIBYTE = 1 << 20
-
-
-def table(head, rows):
-    lines = [f"| {' | '.join(head)} |", "|---|" + "---:|" * (len(head) - 1)]
-    lines += [f"| {' | '.join(str(cell) for cell in row)} |" for row in rows]
-    return "\n".join(lines)
+from pages import MEBIBYTE, machine, renew, table
 
 
 def of_stage(results, name, quantity="wall"):
     return bench_runs.stage(results, name)[quantity]
-
-
-def processor():
-    cpuinfo = pathlib.Path("/proc/cpuinfo")
-    if cpuinfo.exists():
-        for line in cpuinfo.read_text().splitlines():
-            if line.startswith("model name"):
-                return line.split(":", 1)[1].strip()
-    return platform.processor() or "unknown"
-
-
-def machine():
-    memory = os.sysconf("SC_PHYS_PAGES") * os.sysconf("SC_PAGE_SIZE") / 2**30
-    return (f"{processor()} ({platform.machine()}), {os.cpu_count()} processors, "
-            f"{memory:.0f} GiB, {platform.system()}")
 
 
 def job_text(job):
@@ -134,10 +107,7 @@ def figures_text(plan, best, revision):
 
 
 def renew_figures(page, plan, best, revision):
-    """Replaces what stands between the two marks."""
-    text = page.read_text()
-    before, after = text[:text.index(BEGIN) + len(BEGIN)], text[text.index(END):]
-    page.write_text(f"{before}\n{figures_text(plan, best, revision)}\n{after}")
+    renew(page, figures_text(plan, best, revision))
 
 
 def panel(title, x_label, y_label, jobs, x_of, series, best):

@@ -18,6 +18,7 @@
 #include "allocation/c14_constants.hpp"
 #include "allocation/worker_budgets.hpp"
 #include "allocator_phases.hpp"
+#include "chain/hear_chain.hpp"
 #include "driver/input_stage.hpp"
 #include "driver/option_rules.hpp"
 #include "driver/option_table.hpp"
@@ -34,8 +35,10 @@ namespace verdel::internal {
 namespace {
 
 constexpr const char* kUsage =
-    "usage: verdel-bench PROJECT [--no-report] [--processors N] [--excerpt SECONDS]\n"
+    "usage: verdel-bench PROJECT [--hear-chain] [--no-report] [--processors N] [--excerpt "
+    "SECONDS]\n"
     "                    [--kernels baseline|avx2|avx512] [--json FILE]\n"
+    "  --hear-chain: hears the master chain first, a row for each of its phases\n"
     "  --processors: play a machine with so many; --excerpt: from the middle of the song\n"
     "  --kernels: the instruction set of the engine's own kernels; the best one without it\n"
     "Exit status: 3 if the machine is too small for the render.\n";
@@ -43,7 +46,7 @@ constexpr int kTooLarge = 3;
 
 struct Arguments {
   std::string project, json;
-  bool no_report = false;
+  bool chain = false, no_report = false;
   std::size_t processors = 0;  // 0: as many as there are
   double excerpt = 0.0;        // s; 0: the whole song
 };
@@ -194,7 +197,25 @@ class MeasuredSong : public SongObserver {
   std::optional<PhaseWatch> watch_;
 };
 
-Results measure_render(Run& run) {
+/// Plays the taps through what the master chain did. Returns whether they stand in line with it.
+bool measure_chain(const Run& run, const Mix& mix, StemMap& taps, Measurement& measure) {
+  ThreadPool pool(run.machine.processors(), "verdel-chain");
+  std::string running;
+  const ChainJob job{.mix = mix.audio.view(),
+                     .sr = mix.sr,
+                     .pool = &pool,
+                     .stop = run.stop,
+                     .progress = [&](std::string_view phase, std::size_t, std::size_t) {
+                       if (phase == running) return;
+                       measure.end();
+                       measure.begin("chain: " + (running = phase));
+                     }};
+  const bool lined_up = hear_chain(job, taps).lined_up;
+  measure.end();
+  return lined_up;
+}
+
+Results measure_render(Run& run, bool chain) {
   Measurement measure;
   Mix mix = measure.stage("load mix", [&] { return read_mix(run); });
   const double seconds = static_cast<double>(mix.frames()) / mix.sr;
@@ -206,9 +227,11 @@ Results measure_render(Run& run) {
     throw TooLarge(refusal.what());
   }
   StemMap taps = measure.stage("load taps", [&] { return read_taps(run, mix, plan); });
+  const bool lined_up = chain && measure_chain(run, mix, taps, measure);
   const SongJob job{.mix = mix.audio.view(),
                     .sr = mix.sr,
                     .range = choose_output_range(run, mix),
+                    .align = !lined_up,
                     .tell_levels = true};
   const auto frames = interval_frames(job.range, mix.frames(), mix.sr);
 
@@ -258,7 +281,9 @@ Arguments parse(const std::vector<std::string>& words) {
       if (++i == words.size()) throw std::invalid_argument(word + " needs a value");
       return words[i];
     };
-    if (word == "--no-report") {
+    if (word == "--hear-chain") {
+      arguments.chain = true;
+    } else if (word == "--no-report") {
       arguments.no_report = true;
     } else if (word == "--processors") {
       arguments.processors = static_cast<std::size_t>(std::ceil(positive_number(value())));
@@ -304,7 +329,7 @@ void run(const Arguments& arguments) {
   apply_option_rules(run.options, command_line);
   resolve_paths(run.options, lines);
   if (arguments.excerpt > 0.0) run.options.excerpt_len = arguments.excerpt;
-  const Results results = measure_render(run);
+  const Results results = measure_render(run, arguments.chain);
   print(results);
   if (!arguments.json.empty()) write_json(results, arguments.json);
 }

@@ -1,17 +1,17 @@
-#include <sndfile.h>
-
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <memory>
+#include <fstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "instruments.hpp"
 #include "master_chain.hpp"
+#include "project_files.hpp"
 #include "song.hpp"
 
 // Makes a project to render: OUT/taps with one file a stem, and OUT/mix/mix.wav, the same taps
@@ -21,7 +21,8 @@ namespace {
 
 constexpr const char* kUsage =
     "usage: demo_project OUT [--seconds S] [--stems N] [--channels 1|2] [--rate HZ] [--seed K] "
-    "[--no-late] [--replace]\n"
+    "[--no-late] [--master-eq] [--replace]\n"
+    "  --master-eq begins the master with an EQ, whose response goes to OUT/master-eq.csv.\n"
     "  --replace lets OUT hold a project already, whose files it writes over.\n"
     "  Without options: 30 s, 6 stems, stereo, 44100 Hz, the snare's tap bounced 7 ms late.\n";
 
@@ -35,6 +36,7 @@ struct Options {
   int rate = 44100;
   std::uint64_t seed = 1;
   bool late = true;
+  bool master_eq = false;
   bool replace = false;
 };
 
@@ -68,6 +70,8 @@ Options parse(const std::vector<std::string>& arguments) {
       options.seed = static_cast<std::uint64_t>(value(0, 4294967295.0));
     } else if (word == "--no-late") {
       options.late = false;
+    } else if (word == "--master-eq") {
+      options.master_eq = true;
     } else if (word == "--replace") {
       options.replace = true;
     } else if (options.out.empty() && !word.empty() && word[0] != '-') {
@@ -80,43 +84,23 @@ Options parse(const std::vector<std::string>& arguments) {
   return options;
 }
 
-/// 24-bit WAV; one channel is the mean of both sides. `late` in frames delays what is written, as
-/// a bounce does whose track was not compensated.
-void write_wav(const std::filesystem::path& path, const Stereo& sound, const Options& options,
-               std::size_t late = 0) {
-  SF_INFO format{};
-  format.samplerate = options.rate;
-  format.channels = options.channels;
-  format.format = SF_FORMAT_WAV | SF_FORMAT_PCM_24;
-  const std::unique_ptr<SNDFILE, int (*)(SNDFILE*)> file(sf_open(path.c_str(), SFM_WRITE, &format),
-                                                         sf_close);
-  if (file == nullptr) throw std::runtime_error(path.string() + ": " + sf_strerror(nullptr));
-
-  std::vector<double> interleaved;
-  interleaved.reserve(sound.frames() * static_cast<std::size_t>(options.channels));
-  for (std::size_t i = 0; i < sound.frames(); ++i) {
-    const double left = i < late ? 0.0 : sound.left[i - late];
-    const double right = i < late ? 0.0 : sound.right[i - late];
-    if (options.channels == 2) {
-      interleaved.insert(interleaved.end(), {left, right});
-    } else {
-      interleaved.push_back(0.5 * (left + right));
-    }
+void write_response(const std::filesystem::path& path, const Equaliser& eq, double sr) {
+  std::ofstream file(path);
+  file << "hz,db\n";
+  for (double hz = 20.0; hz < std::min(20000.0, 0.5 * sr); hz *= std::exp2(1.0 / 24.0)) {
+    file << hz << ',' << eq.response_db(hz, sr) << '\n';
   }
-  const auto items = static_cast<sf_count_t>(interleaved.size());
-  if (sf_write_double(file.get(), interleaved.data(), items) != items) {
-    throw std::runtime_error(path.string() + ": " + sf_strerror(file.get()));
-  }
+  if (!file.flush()) throw std::runtime_error(path.string() + " cannot be written");
 }
 
 void make_project(const Options& options) {
-  if (!options.replace && std::filesystem::exists(options.out) &&
-      !std::filesystem::is_empty(options.out)) {
-    throw std::runtime_error(options.out.string() + " is not empty; see --replace");
+  if (options.replace) {
+    make_folders(options.out);
+  } else {
+    make_folders(options.out, "see --replace");
   }
-  const std::filesystem::path taps = options.out / "taps", mix = options.out / "mix";
-  std::filesystem::create_directories(taps);
-  std::filesystem::create_directories(mix);
+  const FileForm form{.sr = options.rate, .channels = options.channels};
+  const Arrangement arrangement;
 
   const double sr = options.rate;
   const auto frames = static_cast<std::size_t>(std::lround(options.seconds * sr));
@@ -124,25 +108,33 @@ void make_project(const Options& options) {
   // More than one of each instrument and the bus would drown in the compressor.
   const double level = std::sqrt(std::min(1.0, 6.0 / options.stems));
 
-  Stereo bus(frames);
+  std::vector<Stem> bus{{"Mix", Stereo(frames)}};
+  Stereo& sum = bus.front().sound;
   for (int stem = 0; stem < options.stems; ++stem) {
     const auto index = static_cast<std::size_t>(stem);
     const auto instrument = static_cast<Instrument>(index % kInstruments);
     const std::size_t variation = index / kInstruments;
     Random random(options.seed * 1000003u + index);
-    Stereo tap = play(instrument, variation, part_of(instrument, options.seconds, random), frames,
-                      sr, random);
+    const auto notes = part_of(instrument, options.seconds, arrangement, random);
+    Stereo tap =
+        play(instrument, variation, notes, arrangement.seconds_per_beat(), frames, sr, random);
     for (std::size_t i = 0; i < frames; ++i) {
-      bus.left[i] += (tap.left[i] *= level);
-      bus.right[i] += (tap.right[i] *= level);
+      sum.left[i] += (tap.left[i] *= level);
+      sum.right[i] += (tap.right[i] *= level);
     }
     std::string name = name_of(instrument);
     if (variation > 0) name.append(" ").append(std::to_string(variation + 1));
     const bool is_late = options.late && stem == static_cast<int>(Instrument::kSnare);
-    write_wav(taps / (name + ".wav"), tap, options, is_late ? late : 0);
+    write_wav(options.out / "taps" / (name + ".wav"), tap, form, is_late ? late : 0);
   }
-  master(bus, sr);
-  write_wav(mix / "mix.wav", bus, options);
+  Chain chain = demo_master();
+  if (options.master_eq) {
+    const Equaliser eq = demo_equaliser();
+    chain.insert(chain.begin(), {eq});
+    write_response(options.out / "master-eq.csv", eq, sr);
+  }
+  play_through(chain, bus, sr);
+  write_wav(options.out / "mix" / "mix.wav", sum, form);
 }
 
 }  // namespace

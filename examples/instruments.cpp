@@ -211,25 +211,13 @@ void lead(const Note& note, Player& player) {
 }
 
 /// Echoes on dotted eighths, from side to side.
-void add_delay(Stereo& sound, double sr) {
+void add_delay(Stereo& sound, double seconds_per_beat, double sr) {
   constexpr double kFeedback = 0.42;
-  const auto distance = static_cast<std::size_t>(std::lround(0.75 * kSecondsPerBeat * sr));
+  const auto distance = static_cast<std::size_t>(std::lround(0.75 * seconds_per_beat * sr));
   for (std::size_t i = distance; i < sound.frames(); ++i) {
     const double left = sound.left[i - distance];
     sound.left[i] += kFeedback * sound.right[i - distance];
     sound.right[i] += kFeedback * left;
-  }
-}
-
-/// Holds the peak at or below `ceiling` by one gain for the whole sound.
-void keep_below(Stereo& sound, double ceiling) {
-  double peak = 0.0;
-  for (std::size_t i = 0; i < sound.frames(); ++i) {
-    peak = std::max({peak, std::abs(sound.left[i]), std::abs(sound.right[i])});
-  }
-  if (peak <= ceiling) return;
-  for (auto* side : {&sound.left, &sound.right}) {
-    for (double& value : *side) value *= ceiling / peak;
   }
 }
 
@@ -260,6 +248,18 @@ void play_note(Instrument instrument, const Note& note, Player& player) {
 
 }  // namespace
 
+double keep_below(Stereo& sound, double ceiling) {
+  double peak = 0.0;
+  for (std::size_t i = 0; i < sound.frames(); ++i) {
+    peak = std::max({peak, std::abs(sound.left[i]), std::abs(sound.right[i])});
+  }
+  if (peak <= ceiling) return 1.0;
+  for (auto* side : {&sound.left, &sound.right}) {
+    for (double& value : *side) value *= ceiling / peak;
+  }
+  return ceiling / peak;
+}
+
 std::string name_of(Instrument instrument) {
   constexpr std::array<const char*, kInstruments> kNames = {"Kick", "Snare", "Bass",
                                                             "Pads", "Lead",  "Hats"};
@@ -267,12 +267,12 @@ std::string name_of(Instrument instrument) {
 }
 
 Stereo play(Instrument instrument, std::size_t variation, const std::vector<Note>& notes,
-            std::size_t frames, double sr, Random& random) {
+            double seconds_per_beat, std::size_t frames, double sr, Random& random) {
   Stereo sound(frames);
   Player player{sound, sr, place_of(instrument, variation), tuning_of(instrument, variation),
                 random};
   for (const Note& note : notes) play_note(instrument, note, player);
-  if (instrument == Instrument::kLead) add_delay(sound, sr);
+  if (instrument == Instrument::kLead) add_delay(sound, seconds_per_beat, sr);
   keep_below(sound, 0.9);
   return sound;
 }

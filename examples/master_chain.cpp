@@ -2,115 +2,126 @@
 
 #include <algorithm>
 #include <array>
-#include <cmath>
+#include <cstddef>
 
 namespace demo {
 namespace {
 
-/// The weight of the newest value in an average of so many seconds.
-double one_pole(double seconds, double sr) {
-  return 1.0 - std::exp(-1.0 / (seconds * sr));
+using Sounds = std::vector<Stereo*>;
+
+template <class Change>
+void for_each_channel(Stereo& sound, const Stereo& other, Change change) {
+  for (std::size_t i = 0; i < sound.frames(); ++i) change(sound.left[i], other.left[i]);
+  for (std::size_t i = 0; i < sound.frames(); ++i) change(sound.right[i], other.right[i]);
 }
 
-/// Above -24 dB two and a half decibels become one; both sides move together.
-void compress(Stereo& bus, double sr) {
-  constexpr double kThreshold = -24.0, kRatio = 2.5, kMakeup = 7.0;  // dB, dB in a dB out, dB
-  const double attack = one_pole(0.008, sr), release = one_pole(0.14, sr);
-  double power = 0.0;
-  for (std::size_t i = 0; i < bus.frames(); ++i) {
-    const double now = 0.5 * (bus.left[i] * bus.left[i] + bus.right[i] * bus.right[i]);
-    power += (now > power ? attack : release) * (now - power);
-    const double over = std::max(0.0, 10.0 * std::log10(power + 1e-12) - kThreshold);
-    const double gain = std::pow(10.0, (kMakeup - over * (1.0 - 1.0 / kRatio)) / 20.0);
-    bus.left[i] *= gain;
-    bus.right[i] *= gain;
+void add(Stereo& sound, const Stereo& other) {
+  for_each_channel(sound, other, [](double& into, double value) { into += value; });
+}
+
+Stereo sum_of(const Sounds& sounds) {
+  Stereo sum = *sounds.front();
+  for (std::size_t i = 1; i < sounds.size(); ++i) add(sum, *sounds[i]);
+  return sum;
+}
+
+template <class Gain>
+void multiply(const Gain& device, const Sounds& sounds, double sr) {
+  const Stereo gains = device.gains(sum_of(sounds), sr);
+  for (Stereo* sound : sounds) {
+    for_each_channel(*sound, gains, [](double& value, double gain) { value *= gain; });
   }
 }
 
-/// A line of samples that comes round again.
-class DelayLine {
- public:
-  explicit DelayLine(double seconds, double sr)
-      : samples_(std::max<std::size_t>(1, static_cast<std::size_t>(std::lround(seconds * sr)))) {}
-
-  double oldest() const { return samples_[position_]; }
-  void push(double value) {
-    samples_[position_] = value;
-    position_ = (position_ + 1) % samples_.size();
-  }
-
- private:
-  std::vector<double> samples_;
-  std::size_t position_ = 0;
-};
-
-/// Four combs side by side and two all-passes behind them (Schroeder 1962).
-class Reverb {
- public:
-  /// `spread` in seconds sets this side apart from the other.
-  Reverb(double spread, double sr)
-      : combs_{DelayLine(0.0297 + spread, sr), DelayLine(0.0371 + spread, sr),
-               DelayLine(0.0411 + spread, sr), DelayLine(0.0437 + spread, sr)},
-        all_passes_{DelayLine(0.0050 + spread, sr), DelayLine(0.0017 + spread, sr)} {}
-
-  double operator()(double input) {
-    double sum = 0.0;
-    for (std::size_t c = 0; c < combs_.size(); ++c) {
-      damped_[c] += 0.55 * (combs_[c].oldest() - damped_[c]);
-      sum += 0.25 * combs_[c].oldest();
-      combs_[c].push(input + 0.82 * damped_[c]);
+/// One band of the crossovers; those above it are passed through their all-pass.
+void split(Stereo& sound, const std::vector<double>& crossovers_hz, std::size_t band, double sr) {
+  using Kind = EqBand::Kind;
+  Equaliser filters;
+  for (std::size_t c = 0; c < crossovers_hz.size(); ++c) {
+    const double hz = crossovers_hz[c];
+    if (c > band) {
+      filters.bands.push_back({.kind = Kind::kAllPass, .hz = hz});
+    } else {
+      const Kind kind = c == band ? Kind::kLowPass : Kind::kHighPass;
+      filters.bands.insert(filters.bands.end(), 2, {.kind = kind, .hz = hz});
     }
-    for (DelayLine& line : all_passes_) {
-      const double stored = sum + 0.7 * line.oldest();
-      sum = line.oldest() - 0.7 * stored;
-      line.push(stored);
+  }
+  filters.process(sound, sr);
+}
+
+void compress_bands(const MultibandCompressor& device, const Sounds& sounds, double sr) {
+  std::vector<Stereo> whole(sounds.size(), Stereo(sounds.front()->frames()));
+  for (std::size_t band = 0; band < device.bands.size(); ++band) {
+    std::vector<Stereo> parts;
+    Sounds pointers;
+    for (const Stereo* sound : sounds) {
+      split(parts.emplace_back(*sound), device.crossovers_hz, band, sr);
     }
-    return sum;
+    for (Stereo& part : parts) pointers.push_back(&part);
+    multiply(device.bands[band], pointers, sr);
+    for (std::size_t i = 0; i < whole.size(); ++i) add(whole[i], parts[i]);
   }
-
- private:
-  std::array<DelayLine, 4> combs_;
-  std::array<double, 4> damped_{};
-  std::array<DelayLine, 2> all_passes_;
-};
-
-void add_room(Stereo& bus, double sr) {
-  constexpr double kWet = 0.12;
-  Reverb left(0.0, sr), right(0.0005, sr);
-  for (std::size_t i = 0; i < bus.frames(); ++i) {
-    bus.left[i] += kWet * left(bus.left[i]);
-    bus.right[i] += kWet * right(bus.right[i]);
-  }
+  for (std::size_t i = 0; i < whole.size(); ++i) *sounds[i] = std::move(whole[i]);
 }
 
-void saturate(Stereo& bus) {
-  constexpr double kDrive = 0.7;
-  for (auto* side : {&bus.left, &bus.right}) {
-    for (double& value : *side) value = std::tanh(kDrive * value) / kDrive;
+template <class What>
+void play(const What& device, const Sounds& sounds, double sr) {
+  if constexpr (requires { device.gains(*sounds.front(), sr); }) {
+    multiply(device, sounds, sr);
+  } else {
+    for (Stereo* sound : sounds) device.process(*sound, sr);
   }
 }
+void play(const MultibandCompressor& device, const Sounds& sounds, double sr) {
+  compress_bands(device, sounds, sr);
+}
 
-/// Falls at once where a sample would pass the ceiling, and recovers slowly.
-void limit(Stereo& bus, double sr) {
-  constexpr double kCeiling = 0.89;
-  const double release = one_pole(0.08, sr);
-  double gain = 1.0;
-  for (std::size_t i = 0; i < bus.frames(); ++i) {
-    const double peak = std::max(std::abs(bus.left[i]), std::abs(bus.right[i]));
-    gain += release * (1.0 - gain);
-    if (peak * gain > kCeiling) gain = kCeiling / peak;
-    bus.left[i] *= gain;
-    bus.right[i] *= gain;
+/// From the dry sound to what the device made of it.
+void fade_in(const Stereo& dry, double begin, double sr, Stereo& sound) {
+  const double first = begin * static_cast<double>(sound.frames());
+  for (std::size_t i = 0; i < sound.frames(); ++i) {
+    const double wet = std::clamp((static_cast<double>(i) - first) / (kFadeSeconds * sr), 0.0, 1.0);
+    sound.left[i] = dry.left[i] + wet * (sound.left[i] - dry.left[i]);
+    sound.right[i] = dry.right[i] + wet * (sound.right[i] - dry.right[i]);
   }
 }
 
 }  // namespace
 
-void master(Stereo& bus, double sr) {
-  compress(bus, sr);
-  add_room(bus, sr);
-  saturate(bus);
-  limit(bus, sr);
+void play_through(const Chain& chain, std::vector<Stem>& stems, double sr) {
+  for (const Device& device : chain) {
+    Sounds sounds;
+    for (Stem& stem : stems) {
+      const bool named = std::ranges::find(device.only, stem.name) != device.only.end();
+      if (device.only.empty() || named) sounds.push_back(&stem.sound);
+    }
+    if (sounds.empty()) continue;
+    std::vector<Stereo> dry;
+    if (device.begin > 0.0) {
+      for (const Stereo* sound : sounds) dry.push_back(*sound);
+    }
+    std::visit([&](const auto& what) { play(what, sounds, sr); }, device.what);
+    for (std::size_t i = 0; i < dry.size(); ++i) fade_in(dry[i], device.begin, sr, *sounds[i]);
+  }
+}
+
+Stereo sum_of(const std::vector<Stem>& stems) {
+  Stereo sum = stems.front().sound;
+  for (std::size_t i = 1; i < stems.size(); ++i) add(sum, stems[i].sound);
+  return sum;
+}
+
+Chain demo_master() {
+  return {{Compressor{}}, {Reverb{}}, {Saturation{}}, {Limiter{}}};
+}
+
+Equaliser demo_equaliser() {
+  using Kind = EqBand::Kind;
+  return {{{.kind = Kind::kHighPass, .hz = 30.0},
+           {.kind = Kind::kPeak, .hz = 95.0, .db = 2.5, .q = 1.1},
+           {.kind = Kind::kPeak, .hz = 380.0, .db = -3.5, .q = 0.9},
+           {.kind = Kind::kPeak, .hz = 3000.0, .db = 2.0, .q = 0.8},
+           {.kind = Kind::kHighShelf, .hz = 8500.0, .db = 4.0}}};
 }
 
 }  // namespace demo

@@ -1,5 +1,6 @@
 #include "song.hpp"
 
+#include <algorithm>
 #include <array>
 #include <cmath>
 
@@ -48,22 +49,31 @@ constexpr std::array<double, 5> kSnareFill = {1, 2.5, 3, 3.25, 3.5};
 /// Collects one instrument's notes; beats count from the beginning of the song.
 class Part {
  public:
-  explicit Part(Random& random) : random_(random) {}
+  Part(const Arrangement& arrangement, Random& random)
+      : arrangement_(arrangement), random_(random) {}
 
   void add(double beat, double beats, int pitch, double velocity) {
     const double human = 1.0 + 0.08 * random_.noise();
-    notes_.push_back({beat * kSecondsPerBeat, beats * kSecondsPerBeat, pitch, velocity * human});
+    const double second = arrangement_.seconds_per_beat();
+    double start = beat * second;
+    if (arrangement_.looseness > 0.0) {
+      start = std::max(0.0, start + arrangement_.looseness * random_.noise());
+    }
+    notes_.push_back({start, beats * second, pitch + arrangement_.transpose, velocity * human});
+  }
+  bool rests() {
+    return arrangement_.rest > 0.0 && 0.5 + 0.5 * random_.noise() < arrangement_.rest;
   }
   std::vector<Note> take() { return std::move(notes_); }
 
  private:
+  const Arrangement& arrangement_;
   Random& random_;
   std::vector<Note> notes_;
 };
 
-void add_bar(Instrument instrument, int bar, Part& part) {
+void add_bar(Instrument instrument, int bar, int turn, Part& part) {
   const double beat = bar * kBeatsPerBar;
-  const int turn = bar % kBarsPerRound;
   const Chord& chord = kChords[static_cast<std::size_t>(turn)];
   const bool introduction = bar < kIntroductionBars;
   switch (instrument) {
@@ -123,11 +133,18 @@ void add_last_beat(Instrument instrument, int bar, Part& part) {
 
 }  // namespace
 
-std::vector<Note> part_of(Instrument instrument, double seconds, Random& random) {
+std::vector<Note> part_of(Instrument instrument, double seconds, const Arrangement& arrangement,
+                          Random& random) {
   // A hair's breadth is allowed for, so that a song of whole bars keeps its last one.
-  const int bars = static_cast<int>(seconds / (kSecondsPerBeat * kBeatsPerBar) + 1e-9);
-  Part part(random);
-  for (int bar = 0; bar + 1 < bars; ++bar) add_bar(instrument, bar, part);
+  const double bar_seconds = arrangement.seconds_per_beat() * kBeatsPerBar;
+  const int bars = static_cast<int>(seconds / bar_seconds + 1e-9);
+  Part part(arrangement, random);
+  bool rests = false;
+  for (int bar = 0; bar + 1 < bars; ++bar) {
+    if (bar % kBarsPerRound == 0) rests = part.rests();
+    if (rests) continue;
+    add_bar(instrument, bar, (bar + arrangement.first_chord) % kBarsPerRound, part);
+  }
   add_last_beat(instrument, bars > 0 ? bars - 1 : 0, part);
   return part.take();
 }

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <span>
 #include <stdexcept>
 #include <string>
@@ -37,10 +38,13 @@ struct TapRequest {
 };
 
 struct RenderRequest {
-  int sample_rate = 0;                ///< Hz
-  std::vector<ChannelView> mix;       ///< at least one channel, all of one length
-  std::vector<TapRequest> taps;       ///< at least one; the stems come out in this order
-  bool align = true;                  ///< move taps that are early or late, if that fits better
+  int sample_rate = 0;           ///< Hz
+  std::vector<ChannelView> mix;  ///< at least one channel, all of one length
+  std::vector<TapRequest> taps;  ///< at least one; the stems come out in this order
+  bool align = true;             ///< move taps that are early or late, if that fits better
+  /// Hear the master chain first and play the taps through it, as verdel-chain does. Where it lines
+  /// up taps itself, whatever `align` says, the render moves none again.
+  bool chain = false;
   std::size_t start = 0;              ///< first sample to deliver
   std::size_t stop = SIZE_MAX;        ///< behind the last one; beyond the mix: to its end
   std::size_t processors = 0;         ///< threads to use; 0: as many as the machine has
@@ -61,9 +65,60 @@ struct RenderedStem {
   std::vector<std::vector<float>> channels;  ///< [channels][stop - start]
 };
 
+/// One curve of an equaliser, at the frequencies of its owner.
+struct ResponseCurve {
+  std::string name;                    ///< "master", "mid", "side", "left", "right", ...
+  std::vector<double> db;              ///< 0: the level before
+  std::vector<double> phase;           ///< radians
+  std::vector<double> uncertainty_db;  ///< standard deviation of `db`, never below 0.3
+};
+
+struct FoundEqualiser {
+  std::vector<double> hz;             ///< empty where nothing could be looked for
+  std::vector<ResponseCurve> curves;  ///< one; two for mid/side or left/right; four for a matrix
+};
+
+/// A gain over the slow one that every render has; the first point is at 0 s.
+struct FoundGain {
+  std::string kind;                   ///< "fine": for all frequencies; "bands": one per octave
+  std::vector<std::string> channels;  ///< "left", "right"; empty where one is for all channels
+  std::vector<double> hz;             ///< centres of the bands
+  double seconds_per_point = 0.0;
+  std::vector<std::vector<std::vector<double>>> db;  ///< [channels, or one][bands][points]
+};
+
+/// What a single tap went through on its own.
+struct FoundTapFilter {
+  std::string name;  ///< the tap's
+  std::string kind;  ///< "eq", or "effect": a room or delay that stands in the mix alone
+  double cross_validation_db = 0.0, fall_db = 0.0;
+  FoundEqualiser equaliser;      ///< of an "eq"
+  double seconds = 0.0;          ///< of an "effect": until it has fallen by 60 dB
+  double decay_step = 0.0;       ///< seconds
+  std::vector<double> decay_db;  ///< its energy from 0 s on, against that of the tap
+};
+
+/// What was found of the master chain. "Left" is what the taps leave of the mix under the slow gain
+/// of every render, in dB of the mix.
+struct ChainResult {
+  std::vector<std::string> sentences;  ///< what verdel-chain prints
+  bool curve_used = false;
+  std::string model;            ///< "one curve", "mid/side", "left/right", "matrix"
+  FoundEqualiser curve;         ///< as it was found, used or not
+  double left_before_db = 0.0;  ///< without the curve
+  double left_after_db = 0.0;   ///< through the curve, used or not
+  double gains_left_before_db = 0.0, gains_left_after_db = 0.0;
+  double cross_validation_db = 0.0;
+  double against = 0.0;  ///< 0 to 1: share of the curve's change on taps that did not go through it
+  std::vector<std::optional<double>> votes;  ///< by tap: 1 went through the curve, -1 did not
+  std::vector<FoundTapFilter> tap_filters;
+  std::vector<FoundGain> gains;  ///< in the order in which they are played
+};
+
 struct RenderResult {
   std::vector<RenderedStem> stems;
   std::vector<MovedTap> moved;
+  std::optional<ChainResult> chain;  ///< if it was asked for
   double null_peak = 0.0;  ///< dBFS of mix minus the sum of the stems; -999 where nothing is left
 };
 
@@ -85,7 +140,8 @@ class RenderCancelled : public std::runtime_error {
 /// several threads at a time do not disturb each other. The same request gives the same bits on the
 /// same machine, whatever the number of processors.
 ///
-/// Memory: two doubles and a float per sample, channel and tap, beside the scratch space. Throws
+/// Memory: two doubles and a float per sample, channel and tap, beside the scratch space. The chain
+/// has some arrays of the mix's size for itself, and gives them back before the render. Throws
 /// RenderError, RenderCancelled, or std::bad_alloc; a stem that misses the mix by -140 dBFS or more
 /// is a RenderError too.
 RenderResult render(const RenderRequest& request);

@@ -10,6 +10,7 @@ class Verdel < Formula
   depends_on "cmake" => :build
   depends_on "ninja" => :build
   depends_on "pkgconf"
+  depends_on "cairo"
   depends_on "fftw"
   depends_on "eigen" => :build
   depends_on "fmt"

@@ -9,10 +9,10 @@
 #include <numeric>
 #include <vector>
 
-#include "allocation/scratch_pool.hpp"
 #include "allocation/worker_budgets.hpp"
 #include "signal/sequences.hpp"
 #include "support/ordered_prefetch.hpp"
+#include "support/scratch_pool.hpp"
 
 namespace verdel::internal {
 namespace {

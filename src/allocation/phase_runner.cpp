@@ -4,10 +4,10 @@
 #include <memory>
 
 #include "allocation/phases.hpp"
-#include "allocation/scratch_pool.hpp"
 #include "allocation/worker_budgets.hpp"
 #include "signal/instruction_sets.hpp"
 #include "support/ordered_prefetch.hpp"
+#include "support/scratch_pool.hpp"
 
 namespace verdel::internal {
 namespace {

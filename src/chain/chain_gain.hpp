@@ -1,7 +1,10 @@
 #pragma once
 
 #include <algorithm>
+#include <array>
 #include <cstddef>
+#include <span>
+#include <vector>
 
 #include "chain/chain_job.hpp"
 
@@ -24,6 +27,7 @@ class GainCurve {
  public:
   /// The least-squares gain of the mix over `heard`, channel by channel, held to 0.02 .. 50 and
   /// averaged; 1 where nothing is heard. Windows reflect at the ends.
+  GainCurve(HeardView heard, const GainTimes& times, const ChainJob& job);
   GainCurve(AudioView heard, const GainTimes& times, const ChainJob& job);
 
   double at(std::size_t channel, std::size_t frame) const {
@@ -35,19 +39,52 @@ class GainCurve {
     const double toward = inside - static_cast<double>(cell);
     return toward == 0.0 ? row[cell] : row[cell] + toward * (row[cell + 1] - row[cell]);
   }
+  /// The gain of the frames from `first` on.
+  void read(std::size_t channel, std::size_t first, std::span<float> into) const;
 
  private:
+  template <class View>
+  void measure(View heard, const GainTimes& times, const ChainJob& job);
+
   double per_cell_ = 1.0, last_ = 0.0;
-  Array2D<double> values_;  // [channels][cells]
+  std::vector<float> weights_;  // of the next cell's value, [samples of a cell]
+  Array2D<double> values_;      // [channels][cells]
 };
 
+/// Calls work(first, gains) for stretches of a part, in order.
+template <class Work>
+void for_each_stretch(const GainCurve& gain, const ChannelPart& part, const StopToken& stop,
+                      Work work) {
+  constexpr std::size_t kStretch = 4096;
+  std::array<float, kStretch> room;
+  for (std::size_t first = part.span.first; first < part.span.stop; first += kStretch) {
+    stop.check();
+    const auto gains = std::span(room).first(std::min(kStretch, part.span.stop - first));
+    gain.read(part.channel, first, gains);
+    work(first, std::span<const float>(gains));
+  }
+}
+
+/// The same for a whole channel.
+template <class Work>
+void for_each_stretch(const GainCurve& gain, std::size_t channel, std::size_t frames,
+                      const StopToken& stop, Work work) {
+  for_each_stretch(gain, {channel, {0, frames}}, stop, work);
+}
+
 /// Energy of the mix minus gain times `heard` over that of the mix, in dB, under the engine's gain.
+double left_under_engine_gain(HeardView heard, const ChainJob& job);
 double left_under_engine_gain(AudioView heard, const ChainJob& job);
 
 /// rest = mix - gain * heard, into an array of their shape.
+void take_rest(HeardView heard, const GainCurve& gain, const ChainJob& job, Heard& rest);
 void take_rest(AudioView heard, const GainCurve& gain, const ChainJob& job, AudioArray& rest);
 
+double energy_of(HeardView audio);
 double energy_of(AudioView audio);
+/// Of audio of the job's shape, spread over its pool.
+double energy_of(HeardView audio, const ChainJob& job);
+double energy_of_mix(const ChainJob& job);
 double energy_db(double ratio);
 
 }  // namespace verdel::internal

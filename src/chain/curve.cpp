@@ -4,12 +4,12 @@
 
 #include <algorithm>
 #include <cmath>
+#include <functional>
 #include <numeric>
 
-#include "alignment/tap_alignment.hpp"
 #include "chain/chain_gain.hpp"
 #include "chain/chain_lag.hpp"
-#include "signal/stem_sums.hpp"
+#include "signal/instruction_sets.hpp"
 #include "signal/sums.hpp"
 
 namespace verdel::internal {
@@ -28,7 +28,7 @@ constexpr double kMoveFall = 0.2;            // dB
 constexpr double kMoveShare = 0.1;           // of the tap's energy
 constexpr double kMoveMajority = 0.6;        // of the blocks of 2 s
 constexpr double kSoundingBlock = 1e-3;      // of the tap's loudest
-constexpr double kFaintTap = 1e-6;           // of the mix's energy: not worth a look
+constexpr double kFaintTap = 1e-6;           // of all that is heard: not worth a look
 constexpr double kBlockSeconds = 2.0;
 
 std::string_view curve_name(ChainModel model, std::size_t index) {
@@ -67,18 +67,20 @@ std::vector<ChainCurve> curves_of(const FilterFit& fit) {
   return curves;
 }
 
-/// Energies in blocks of 2 s of a signal given sample by sample, over all channels; what fills no
-/// block is left out unless there is no other.
+/// Energies in blocks of 2 s of a signal given sample by sample, sample(channel, frame, gain), over
+/// all channels; what fills no block is left out unless there is no other.
 template <class Sample>
-std::vector<double> block_energies(const ChainJob& job, Sample sample) {
+std::vector<double> block_energies(const ChainJob& job, const GainCurve& gain, Sample sample) {
   const std::size_t frames = job.mix.columns();
   const std::size_t block = std::min(frames, static_cast<std::size_t>(kBlockSeconds * job.sr));
   std::vector<double> energies(frames / block);
   run_indexed(job.pool, energies.size(), [&](std::size_t b) {
     job.stop.check();
+    std::vector<float> gains(block);
     for (std::size_t c = 0; c < job.mix.rows(); ++c) {
+      gain.read(c, b * block, gains);
       energies[b] += lane_sum(block, [&](std::size_t i) {
-        const double value = sample(c, b * block + i);
+        const auto value = static_cast<double>(sample(c, b * block + i, gains[i]));
         return value * value;
       });
     }
@@ -90,43 +92,35 @@ double sum(const std::vector<double>& values) {
   return std::accumulate(values.begin(), values.end(), 0.0);
 }
 
-double at(AudioView audio, std::size_t channel, std::ptrdiff_t frame) {
+float at(HeardView audio, std::size_t channel, std::ptrdiff_t frame) {
   const auto row = audio.row(channel);
   return frame < 0 || frame >= static_cast<std::ptrdiff_t>(row.size())
-             ? 0.0
+             ? 0.0F
              : row[static_cast<std::size_t>(frame)];
 }
 
-/// The taps, and by how much each is to be moved; the audio itself stays where it is.
-struct LinedUp {
-  const StemMap& taps;
-  std::vector<std::ptrdiff_t> lags;
-
-  void sum_into(AudioArray& sum) const {
-    std::ranges::fill(sum.flat(), 0.0);
-    for (std::size_t tap = 0; tap < taps.size(); ++tap) add(tap, sum);
-  }
-  void add(std::size_t tap, AudioArray& sum) const {
-    const std::ptrdiff_t lag = lags[tap];
-    const auto frames = static_cast<std::ptrdiff_t>(sum.columns());
-    for (std::size_t c = 0; c < sum.rows(); ++c) {
-      const auto from = taps[tap].audio.row(c);
-      const auto to = sum.row(c);
-      for (auto i = std::max<std::ptrdiff_t>(lag, 0); i < std::min(frames, frames + lag); ++i) {
-        to[static_cast<std::size_t>(i)] += from[static_cast<std::size_t>(i - lag)];
+/// sum += gain * audio, with either sign.
+void add_under_gain(HeardView audio, const GainCurve& gain, float sign, const ChainJob& job,
+                    Heard& sum) {
+  for_each_part(job, [&](const ChannelPart& part) {
+    const auto row = audio.row(part.channel);
+    const auto to = sum.row(part.channel);
+    for_each_stretch(gain, part, job.stop, [&](std::size_t first, std::span<const float> gains) {
+      for (std::size_t i = 0; i < gains.size(); ++i) {
+        to[first + i] += sign * gains[i] * row[first + i];
       }
-    }
-  }
-};
+    });
+  });
+}
 
 /// Room for one signal as heard and for what is left of the mix: fresh pages cost more than most of
 /// what is done with them.
 struct Room {
-  AudioArray own, rest;
+  Heard own, rest;
 
   explicit Room(AudioView like)
-      : own(AudioArray::uninitialised(like.rows(), like.columns())),
-        rest(AudioArray::uninitialised(like.rows(), like.columns())) {}
+      : own(Heard::uninitialised(like.rows(), like.columns())),
+        rest(Heard::uninitialised(like.rows(), like.columns())) {}
 };
 
 /// Whether a move takes a clear part off what is left, and in most of the blocks in which the tap
@@ -145,94 +139,182 @@ bool is_clear_move(const std::vector<double>& sounding, const std::vector<double
          static_cast<double>(better) > kMoveMajority * static_cast<double>(blocks);
 }
 
-/// Moves one tap if what is left is clearly less for it. `room.rest`, the mix minus gain times what
-/// is heard, is kept up to date.
-bool line_up_tap(const ChainJob& job, const FilterFit& fit, const GainCurve& gain, std::size_t tap,
-                 LinedUp& lined, Room& room, double mix_energy) {
-  play_to_measure(lined.taps[tap].audio.view(), lined.lags[tap], fit.fir(), job, room.own);
-  const AudioView own = room.own.view(), rest = room.rest.view();
-  const auto heard = [&](std::size_t c, std::size_t i) { return gain.at(c, i) * own.row(c)[i]; };
-  const std::vector<double> sounding = block_energies(job, heard);
-  if (sum(sounding) < kFaintTap * mix_energy) return false;
-  const StretchReader without_it = [&](std::size_t c, std::size_t first, std::span<float> into) {
-    for (std::size_t i = 0; i < into.size(); ++i) {
-      const std::size_t frame = first + i;
-      into[i] =
-          frame < rest.columns() ? static_cast<float>(rest.row(c)[frame] + heard(c, frame)) : 0.0F;
-    }
-  };
-  const std::ptrdiff_t lag =
-      coherent_lag(without_it, reader_of(own), own.rows(), own.columns(), job);
-  const auto farthest = static_cast<std::ptrdiff_t>(2.0 * kLongestChainLag * job.sr);
-  if (std::abs(lag) < kSmallestMove || std::abs(lined.lags[tap] + lag) > farthest) return false;
-  const auto moved = [&](std::size_t c, std::size_t i) {
-    const double later = at(own, c, static_cast<std::ptrdiff_t>(i) - lag);
-    return rest.row(c)[i] + heard(c, i) - gain.at(c, i) * later;
-  };
-  const auto before =
-      block_energies(job, [&](std::size_t c, std::size_t i) { return rest.row(c)[i]; });
-  if (!is_clear_move(sounding, before, block_energies(job, moved))) return false;
-  for (std::size_t c = 0; c < rest.rows(); ++c) {
-    const auto row = room.rest.row(c);
-    for (std::size_t i = 0; i < row.size(); ++i) row[i] = moved(c, i);
+/// What the lining up of single taps goes by.
+struct LiningUp {
+  const ChainJob& job;
+  const FilterFit& fit;
+  GainCurve gain;
+  HeardTaps& taps;
+  Room& room;  ///< its rest, the mix minus gain times what is heard, is kept up to date
+  std::optional<CoherentLag> lags;
+  LagFilters master;
+
+  LiningUp(const ChainJob& of, const FilterFit& around, HeardTaps& all, Room& scratch)
+      : job(of), fit(around), gain(fit.heard(), kEngineGain, job), taps(all), room(scratch) {
+    take_rest(fit.heard(), gain, job, room.rest);
+    lags.emplace(job, reader_of(room.rest.view()));
+    master = lags->filters_of(fit.fir());
   }
-  lined.lags[tap] += lag;
+};
+
+std::ptrdiff_t lag_of_tap(const LiningUp& state, std::size_t tap) {
+  const TapPath& path = state.taps.paths[tap];
+  const CoherentLag& lags = *state.lags;
+  const auto frames = lags.loudest_frames(state.taps.given(tap));
+  const StretchReader given = under_gain(state.gain, reader_of(state.taps.given(tap), path.lag));
+  if (!path.own) return lags.of_part(frames, given, state.master);
+  const ChainFir way = *state.taps.way(tap, &state.fit.fir());
+  if (way.length <= lags.longest_fir()) return lags.of_part(frames, given, lags.filters_of(way));
+  state.taps.hear(tap, &state.fit.fir(), state.job, state.room.own);
+  return lags.of_part(frames, under_gain(state.gain, reader_of(state.room.own.view())), {});
+}
+
+/// Whether what is left is clearly less for a move of `room.own`, the tap as it is heard.
+bool move_helps(const LiningUp& state, std::ptrdiff_t lag) {
+  const ChainJob& job = state.job;
+  const HeardView own = state.room.own.view(), rest = state.room.rest.view();
+  const auto energies = [&](auto sample) { return block_energies(job, state.gain, sample); };
+  const auto moved = [&](std::size_t c, std::size_t i, float g) {
+    const float later = at(own, c, static_cast<std::ptrdiff_t>(i) - lag);
+    return rest.row(c)[i] + g * (own.row(c)[i] - later);
+  };
+  return is_clear_move(
+      energies([&](std::size_t c, std::size_t i, float g) { return g * own.row(c)[i]; }),
+      energies([&](std::size_t c, std::size_t i, float) { return rest.row(c)[i]; }),
+      energies(moved));
+}
+
+/// Moves one tap if that helps.
+bool line_up_tap(LiningUp& state, std::size_t tap) {
+  const ChainJob& job = state.job;
+  const std::ptrdiff_t lag = lag_of_tap(state, tap);
+  std::ptrdiff_t& moved_so_far = state.taps.paths[tap].lag;
+  const auto farthest = static_cast<std::ptrdiff_t>(2.0 * kLongestChainLag * job.sr);
+  if (std::abs(lag) < kSmallestMove || std::abs(moved_so_far + lag) > farthest) return false;
+  Room& room = state.room;
+  state.taps.hear(tap, &state.fit.fir(), job, room.own);
+  if (!move_helps(state, lag)) return false;
+  add_under_gain(room.own.view(), state.gain, 1.0F, job, room.rest);
+  moved_so_far += lag;
+  state.taps.hear(tap, &state.fit.fir(), job, room.own);
+  add_under_gain(room.own.view(), state.gain, -1.0F, job, room.rest);
+  state.lags.emplace(job, reader_of(room.rest.view()));
   return true;
 }
 
 /// Moves single taps, the loudest first; returns whether any moved.
-bool line_up(const ChainJob& job, const FilterFit& fit, LinedUp& lined, Room& room) {
-  const GainCurve gain(fit.heard(), kEngineGain, job);
-  take_rest(fit.heard(), gain, job, room.rest);
-  const double mix_energy = energy_of(job.mix);
-  std::vector<double> energies;
-  for (const auto& tap : lined.taps) energies.push_back(energy_of(tap.audio.view()));
-  std::vector<std::size_t> order(lined.taps.size());
+bool line_up(const ChainJob& job, const FilterFit& fit, const std::vector<double>& energies,
+             HeardTaps& taps, Room& room) {
+  std::vector<std::size_t> order(taps.size());
   std::iota(order.begin(), order.end(), std::size_t{0});
   std::ranges::stable_sort(order, std::greater<>(), [&](std::size_t i) { return energies[i]; });
+  const double faint = kFaintTap * energy_of(fit.heard(), job);
+  LiningUp state(job, fit, taps, room);
   bool any = false;
   for (const std::size_t tap : order) {
-    any |= line_up_tap(job, fit, gain, tap, lined, room, mix_energy);
+    if (energies[tap] > faint) any |= line_up_tap(state, tap);
   }
   return any;
 }
 
+/// Energies of the taps as they came.
+std::vector<double> energies_of(const HeardTaps& taps, const ChainJob& job) {
+  std::vector<double> energies(taps.size());
+  run_indexed(job.pool, taps.size(), [&](std::size_t tap) {
+    job.stop.check();
+    energies[tap] = energy_of(taps.given(tap));
+  });
+  return energies;
+}
+
+/// Sums over a tap as it is heard, o, as it comes to the master, p, and what is left, r, under the
+/// gain g.
+struct VoteSums {
+  double op = 0.0, pp = 0.0;
+  double r_go = 0.0, r_gp = 0.0;
+  double go_go = 0.0, go_gp = 0.0, gp_gp = 0.0;
+
+  void add(const VoteSums& other) {
+    op += other.op;
+    pp += other.pp;
+    r_go += other.r_go;
+    r_gp += other.r_gp;
+    go_go += other.go_go;
+    go_gp += other.go_gp;
+    gp_gp += other.gp_gp;
+  }
+};
+
+VERDEL_INLINE VoteSums vote_sums(const float* heard, const float* plain, const float* rest,
+                                 std::span<const float> gains) {
+  constexpr std::size_t kLanes = 8;
+  double op[kLanes] = {}, pp[kLanes] = {}, r_go[kLanes] = {}, r_gp[kLanes] = {};
+  double go_go[kLanes] = {}, go_gp[kLanes] = {}, gp_gp[kLanes] = {};
+  // What fills no whole row of lanes is a few samples of a stretch, and left out.
+  for (std::size_t i = 0; i + kLanes <= gains.size(); i += kLanes) {
+    for (std::size_t k = 0; k < kLanes; ++k) {
+      const auto o = static_cast<double>(heard[i + k]), p = static_cast<double>(plain[i + k]);
+      const auto r = static_cast<double>(rest[i + k]), g = static_cast<double>(gains[i + k]);
+      const double go = g * o, gp = g * p;
+      op[k] += o * p;
+      pp[k] += p * p;
+      r_go[k] += r * go;
+      r_gp[k] += r * gp;
+      go_go[k] += go * go;
+      go_gp[k] += go * gp;
+      gp_gp[k] += gp * gp;
+    }
+  }
+  const auto sum = [](const double* lanes) { return std::accumulate(lanes, lanes + kLanes, 0.0); };
+  return {.op = sum(op),
+          .pp = sum(pp),
+          .r_go = sum(r_go),
+          .r_gp = sum(r_gp),
+          .go_go = sum(go_go),
+          .go_gp = sum(go_gp),
+          .gp_gp = sum(gp_gp)};
+}
+
 /// The vote of one tap: how the rest changes if the curve, beyond its level, is taken off it.
-CurveVote vote_of(const ChainJob& job, const FilterFit& fit, AudioView tap, std::ptrdiff_t lag,
-                  const GainCurve& gain, Room& room, double mix_energy) {
-  play_to_measure(tap, lag, fit.fir(), job, room.own);
-  const auto moved = [&](std::size_t c, std::size_t i) {
-    return at(tap, c, static_cast<std::ptrdiff_t>(i) - lag);
-  };
-  const AudioView own = room.own.view(), rest = room.rest.view();
-  double cross = 0.0;
-  for (std::size_t c = 0; c < tap.rows(); ++c) {
-    cross += lane_sum(tap.columns(), [&](std::size_t i) { return own.row(c)[i] * moved(c, i); });
-  }
-  const double level = cross / std::max(energy_of(tap), 1e-30);
-  double with_rest = 0.0, change = 0.0;
-  for (std::size_t c = 0; c < tap.rows(); ++c) {
-    const auto d = [&](std::size_t i) {
-      return gain.at(c, i) * (own.row(c)[i] - level * moved(c, i));
-    };
-    with_rest += lane_sum(tap.columns(), [&](std::size_t i) { return rest.row(c)[i] * d(i); });
-    change += lane_sum(tap.columns(), [&](std::size_t i) { return d(i) * d(i); });
-  }
-  CurveVote vote{.vote = {}, .change = change};
-  if (change > 1e-9 * mix_energy) vote.vote = 1.0 + 2.0 * with_rest / change;
+CurveVote vote_of(const VoteSums& sums, double mix_energy) {
+  // What the curve changes is g (o - level p).
+  const double level = sums.op / std::max(sums.pp, 1e-30);
+  const double with_rest = sums.r_go - level * sums.r_gp;
+  const double change = sums.go_go - level * (2.0 * sums.go_gp - level * sums.gp_gp);
+  CurveVote vote{.vote = {}, .change = std::max(change, 0.0)};
+  if (vote.change > 1e-9 * mix_energy) vote.vote = 1.0 + 2.0 * with_rest / vote.change;
   return vote;
 }
 
-void take_votes(const ChainJob& job, const FilterFit& fit, const LinedUp& lined, Room& room,
-                CurveFinding& finding) {
-  const GainCurve gain(fit.heard(), kEngineGain, job);
-  take_rest(fit.heard(), gain, job, room.rest);
-  const double mix_energy = energy_of(job.mix);
+/// `rest` is the mix minus `gain` times what is heard.
+VoteSums vote_sums_of(const ChainJob& job, const FilterFit& fit, const GainCurve& gain,
+                      HeardView rest, const HeardTaps& taps, std::size_t tap, Heard& room) {
+  const TapPath& path = taps.paths[tap];
+  const bool is_filtered = path.own.has_value();
+  if (is_filtered) taps.hear(tap, nullptr, job, room);
+  const ChainFir way = *taps.way(tap, &fit.fir());
+  std::vector<VoteSums> sums(play_tasks(taps.given(tap), way));
+  play_to_measure(taps.given(tap), path.lag, way, job, [&](const PlayedStretch& heard) {
+    const auto part_of = [&](HeardView audio) {
+      return audio.row(heard.channel).data() + heard.first;
+    };
+    std::vector<float> gains(heard.samples.size());
+    gain.read(heard.channel, heard.first, gains);
+    sums[heard.task].add(run_kernel<vote_sums>(
+        heard.samples.data(), is_filtered ? part_of(room.view()) : heard.given.data(),
+        part_of(rest), std::span<const float>(gains)));
+  });
+  for (std::size_t i = 1; i < sums.size(); ++i) sums.front().add(sums[i]);
+  return sums.front();
+}
+
+void take_votes(const ChainJob& job, const FilterFit& fit, const GainCurve& gain,
+                const HeardTaps& taps, Room& room, CurveFinding& finding) {
+  const double mix_energy = energy_of_mix(job);
   double total = 0.0, against = 0.0;
-  for (std::size_t tap = 0; tap < lined.taps.size(); ++tap) {
-    job.stop.check();
-    finding.votes.push_back(
-        vote_of(job, fit, lined.taps[tap].audio.view(), lined.lags[tap], gain, room, mix_energy));
+  for (std::size_t tap = 0; tap < taps.size(); ++tap) {
+    const VoteSums sums = vote_sums_of(job, fit, gain, room.rest.view(), taps, tap, room.own);
+    finding.votes.push_back(vote_of(sums, mix_energy));
     const CurveVote& vote = finding.votes.back();
     total += vote.change;
     if (vote.vote && *vote.vote < kVoteAgainst) against += vote.change;
@@ -257,92 +339,112 @@ std::string objection(const CurveFinding& finding) {
   return {};
 }
 
-std::string cannot_look(const ChainJob& job, AudioView x) {
+std::string cannot_look(const ChainJob& job, HeardView x) {
   if (job.mix.rows() > 2) return "more than two channels";
   if (static_cast<double>(job.mix.columns()) < kShortestSeconds * job.sr) {
     return "shorter than 5 s";
   }
   const double least = kSilence * static_cast<double>(job.mix.columns());
-  const double taps = energy_of(x), mix = energy_of(job.mix);
+  const double taps = energy_of(x, job), mix = energy_of_mix(job);
   if (!std::isfinite(taps + mix)) return "a sample is not a finite number";
   if (taps < least || mix < least) return "digital silence";
   return {};
 }
 
-/// Plays the taps through the filter, or moves them alone.
-void hand_out(const ChainJob& job, const std::vector<std::ptrdiff_t>& lags, const ChainFir* fir,
-              AudioArray& room, StemMap& taps) {
-  for (std::size_t i = 0; i < taps.size(); ++i) {
-    AudioArray& audio = taps[i].audio;
-    if (fir != nullptr) {
-      play(audio.view(), lags[i], *fir, job, room);
-      std::swap(audio, room);
-    } else if (lags[i] != 0) {
-      audio = align_tap(audio.view(), lags[i]);
-    }
+std::vector<std::ptrdiff_t> lags_of(const HeardTaps& taps) {
+  std::vector<std::ptrdiff_t> lags;
+  for (const TapPath& path : taps.paths) lags.push_back(path.lag);
+  return lags;
+}
+
+void set_lags(const std::vector<std::ptrdiff_t>& lags, HeardTaps& taps) {
+  for (std::size_t tap = 0; tap < lags.size(); ++tap) taps.paths[tap].lag = lags[tap];
+}
+
+/// Moves all taps by the lag of their sum `x`, if that is not a step back: where one loud tap is
+/// late, it alone decides that lag.
+void line_up_all(const ChainJob& job, double left_given, HeardTaps& taps, Heard& x, Room& room) {
+  const std::ptrdiff_t bulk = CoherentLag(job, reader_of(job.mix)).against(reader_of(x.view()));
+  if (bulk == 0) return;
+  for (TapPath& path : taps.paths) path.lag += bulk;
+  taps.sum(job, room.rest, room.own);
+  if (left_under_engine_gain(room.rest.view(), job) > left_given) {
+    for (TapPath& path : taps.paths) path.lag -= bulk;
+  } else {
+    std::swap(x, room.rest);
   }
 }
 
-/// Moves all taps by the lag of their sum, if that is not a step back: where one loud tap is late,
-/// it alone decides that lag.
-void line_up_all(const ChainJob& job, AudioArray& x, double left_given, LinedUp& lined) {
-  const std::ptrdiff_t bulk =
-      coherent_lag(reader_of(job.mix), reader_of(x.view()), x.rows(), x.columns(), job);
-  if (bulk == 0) return;
-  AudioArray moved = align_tap(x.view(), bulk);
-  if (left_under_engine_gain(moved.view(), job) > left_given) return;
-  x = std::move(moved);
-  std::ranges::fill(lined.lags, bulk);
+/// What is left where all taps are moved by the lag of a plain cross-correlation; `left_given`
+/// where they are not moved at all.
+double left_shifted(const ChainJob& job, HeardView x, double left_given, Heard& room) {
+  const std::ptrdiff_t lag = plain_lag(job.mix, x, job);
+  if (lag == 0) return left_given;
+  for_each_part(job, [&](const ChannelPart& part) {
+    const auto row = room.row(part.channel);
+    for (std::size_t i = part.span.first; i < part.span.stop; ++i) {
+      row[i] = at(x, part.channel, static_cast<std::ptrdiff_t>(i) - lag);
+    }
+  });
+  return left_under_engine_gain(room.view(), job);
 }
 
 }  // namespace
 
-CurveFinding find_curve(const ChainJob& job, StemMap& taps) {
+CurveFinding find_curve(const ChainJob& job, HeardTaps& taps) {
   CurveFinding finding;
-  finding.lags.assign(taps.size(), 0);
+  const std::vector<std::ptrdiff_t> given = finding.lags = lags_of(taps);
   constexpr std::size_t kPhases = 4;
   const auto tell = [&](std::size_t done) { job.tell("curve", done, kPhases); };
   tell(0);
-  AudioArray x = sum_of(taps, job.mix.rows(), job.mix.columns());
+  Room room(job.mix);
+  auto x = Heard::uninitialised(job.mix.rows(), job.mix.columns());
+  taps.sum(job, x, room.own);
   finding.why_not = cannot_look(job, x.view());
   if (!finding.why_not.empty()) return finding;
 
   const double left_given = left_under_engine_gain(x.view(), job);
-  const double left_shifted = left_under_engine_gain(
-      align_tap(x.view(), plain_lag(job.mix, x.view(), job.sr, job.stop)).view(), job);
-  LinedUp lined{taps, finding.lags};
-  line_up_all(job, x, left_given, lined);
+  finding.left_before = std::min(left_given, left_shifted(job, x.view(), left_given, room.own));
+  line_up_all(job, left_given, taps, x, room);
 
-  Room room(job.mix);
+  const std::vector<double> energies = energies_of(taps, job);
   std::optional<FilterFit> fit;
   for (int turn = 0; turn < kMostTurns; ++turn) {
     fit.emplace(job, x.view());
     fit->find_first(x.view());
-    if (!line_up(job, *fit, lined, room)) break;
-    lined.sum_into(x);
+    if (!line_up(job, *fit, energies, taps, room)) break;
+    taps.sum(job, x, room.own);
   }
   tell(1);
   fit->refine(x.view());
   tell(2);
 
   const double left_lined = left_under_engine_gain(x.view(), job);
-  finding.left_before = std::min({left_given, left_lined, left_shifted});
-  finding.left_after = left_under_engine_gain(fit->heard(), job);
+  finding.left_before = std::min(finding.left_before, left_lined);
   finding.cross_validation = fit->cross_validate(x.view());
   finding.model = fit->model();
   finding.deviation = fit->deviation();
   finding.curves = curves_of(*fit);
   finding.hz = fit->basis().frequencies();
+  finding.fir = fit->fir();
   tell(3);
-  take_votes(job, *fit, lined, room, finding);
+  const GainCurve gain(fit->heard(), kEngineGain, job);
+  take_rest(fit->heard(), gain, job, room.rest);
+  finding.left_after = energy_db(energy_of(room.rest.view(), job) / energy_of_mix(job));
+  take_votes(job, *fit, gain, taps, room, finding);
   finding.why_not = objection(finding);
   finding.used = finding.why_not.empty();
-  if (finding.used || left_lined < left_given - kLiningUpHelps) {
-    finding.lags = lined.lags;
-    hand_out(job, finding.lags, finding.used ? &fit->fir() : nullptr, room.own, taps);
-  }
+  const bool lined_up = finding.used || left_lined < left_given - kLiningUpHelps;
+  if (!lined_up) set_lags(given, taps);
+  finding.left = finding.used ? finding.left_after : lined_up ? left_lined : left_given;
+  finding.lags = lags_of(taps);
   tell(4);
   return finding;
+}
+
+bool is_voted_down(const CurveFinding& finding) {
+  return !finding.used && finding.left_before - finding.left_after >= kLeastFall &&
+         finding.cross_validation >= kLeastValidated && finding.against > kMostAgainst;
 }
 
 }  // namespace verdel::internal

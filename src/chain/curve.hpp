@@ -8,6 +8,7 @@
 
 #include "chain/chain_job.hpp"
 #include "chain/filter_fit.hpp"
+#include "chain/heard_taps.hpp"
 
 namespace verdel::internal {
 
@@ -31,6 +32,7 @@ struct CurveFinding {
   ChainModel model = ChainModel::kOneCurve;
   double left_before = 0.0;          ///< dB of the mix, under the engine's gain
   double left_after = 0.0;           ///< the same through the curve
+  double left = 0.0;                 ///< the same as the taps are now heard, curve or not
   double cross_validation = 0.0;     ///< dB
   double against = 0.0;              ///< share of the change on taps that did not go through it
   std::vector<CurveVote> votes;      ///< by tap
@@ -38,13 +40,17 @@ struct CurveFinding {
   std::vector<double> hz;            ///< [bins]; empty where nothing could be looked for
   std::vector<ChainCurve> curves;
   std::vector<double> deviation;  ///< standard deviation of the response, [bins]
+  ChainFir fir;                   ///< the curves, to be played
 };
 
-/// Looks for one filter that all taps went through. If it helps, `taps` are what is heard through
-/// it; if only the lining up helps they are lined up; else they are as they were. Every tap has the
-/// mix's shape.
+/// Looks for one filter that all taps went through, behind what each goes through on its own. Where
+/// it helps, or the lining up alone does, the taps' paths tell how each is moved; else they are as
+/// they were.
 ///
 /// Errors: Cancelled; those of memory. Samples that are not finite leave everything as it is.
-CurveFinding find_curve(const ChainJob& job, StemMap& taps);
+CurveFinding find_curve(const ChainJob& job, HeardTaps& taps);
+
+/// Whether the curve is kept off by nothing but the vote of the taps.
+bool is_voted_down(const CurveFinding& finding);
 
 }  // namespace verdel::internal

@@ -1,10 +1,11 @@
 #include "chain/filter_fit.hpp"
 
-#include <Eigen/Cholesky>
+#include <Eigen/SparseCholesky>
 #include <algorithm>
 #include <bit>
 #include <cmath>
 #include <numbers>
+#include <optional>
 
 #include "chain/chain_gain.hpp"
 #include "chain/fold_sums.hpp"
@@ -59,6 +60,21 @@ FoldEquations blocks_of(const FoldEquations& all, ChainModel model, Row size) {
   return part;
 }
 
+/// Factors of equations in which a function's splines touch their neighbours alone: sparse.
+class Factors {
+ public:
+  explicit Factors(const Eigen::MatrixXcd& a)
+      : factors_(Eigen::SparseMatrix<Complex>(a.sparseView())) {}
+
+  template <class Right>
+  auto solve(const Right& right) const {
+    return factors_.solve(right);
+  }
+
+ private:
+  Eigen::SimplicialLLT<Eigen::SparseMatrix<Complex>> factors_;
+};
+
 /// Weight 1 in the middle, raised-cosine over an eighth of the length at both ends.
 double fade(std::size_t i, std::size_t length) {
   const std::size_t edge = length / 8, from_end = std::min(i, length - 1 - i);
@@ -107,8 +123,11 @@ FoldEquations NormalEquations::all() const {
   return sum;
 }
 
-FilterFit::FilterFit(const ChainJob& job, AudioView x)
+FilterFit::FilterFit(const ChainJob& job, HeardView x) : FilterFit(job, x, {}) {}
+
+FilterFit::FilterFit(const ChainJob& job, HeardView x, const FitAround& around)
     : job_(job),
+      around_(around),
       frame_(nearest_power_of_two(kFrameSeconds * job.sr)),
       hop_(frame_ / 2),
       basis_(frame_, job.sr),
@@ -117,7 +136,8 @@ FilterFit::FilterFit(const ChainJob& job, AudioView x)
       c_(Eigen::VectorXcd::Zero(static_cast<Row>(functions() * basis_.size()))) {
   c_.head(static_cast<Row>(basis_.size())).setOnes();
   build();
-  heard_ = AudioArray::copy_of(x);
+  heard_ = Heard::copy_of(x);
+  if (around_.gain != nullptr) add_others();
 }
 
 void FilterFit::build() {
@@ -137,7 +157,7 @@ void FilterFit::build() {
       responses_[c * channels + 1 - c][k] = curves[2][k] + sign * curves[3][k];
     }
   }
-  fir_ = {.channels = channels, .length = frame_, .responses = {}};
+  fir_ = {.channels = channels, .length = frame_, .centre = hop_, .responses = {}};
   const RealTransform<double> transform(frame_);
   auto spectrum = Array2D<Complex>::uninitialised(1, bins);
   auto time = Array2D<double>::uninitialised(1, frame_);
@@ -153,39 +173,44 @@ void FilterFit::build() {
   }
 }
 
-NormalEquations FilterFit::equations(AudioView x, bool first, bool rough) const {
-  const GainCurve gain(heard(), kFittingGain, job_);
+NormalEquations FilterFit::equations(HeardView x, bool first, bool rough) const {
+  std::optional<GainCurve> own;
+  if (around_.gain == nullptr) own.emplace(heard(), kFittingGain, job_);
+  const GainCurve& gain = own ? *own : *around_.gain;
   const FoldSums sums =
       sum_folds({.x = x, .y = heard(), .gain = gain, .first = first, .rough = rough}, frame_, job_);
+  NormalEquations result;
+  result.folds.resize(kFolds);
+  run_indexed(job_.pool, kFolds, [&](std::size_t k) { result.folds[k] = fold_of(sums, k); });
+  return result;
+}
+
+FoldEquations FilterFit::fold_of(const FoldSums& sums, std::size_t k) const {
   const auto size = static_cast<Row>(basis_.size());
   const std::size_t count = functions();
-  NormalEquations result;
-  for (std::size_t k = 0; k < kFolds; ++k) {
-    FoldEquations fold{.a = Eigen::MatrixXcd::Zero(c_.size(), c_.size()),
-                       .b = Eigen::VectorXcd::Zero(c_.size())};
-    for (std::size_t c = 0; c < job_.mix.rows(); ++c) {
-      const ChannelFold& sum = sums.of(c, k);
-      fold.target += sum.target;
-      // Function p takes its signal from source p / 2 (own, other) with this sign.
-      const auto sign = [c](std::size_t p) { return p % 2 == 1 && c == 1 ? -1.0 : 1.0; };
-      for (std::size_t p = 0; p < count; ++p) {
-        basis_.project(sum.with_target[p / 2], fold.b.segment(static_cast<Row>(p) * size, size),
-                       sign(p));
-        for (std::size_t q = 0; q < count; ++q) {
-          basis_.gram(
-              sum.between[p / 2][q / 2],
-              fold.a.block(static_cast<Row>(p) * size, static_cast<Row>(q) * size, size, size),
-              sign(p) * sign(q));
-        }
+  FoldEquations fold{.a = Eigen::MatrixXcd::Zero(c_.size(), c_.size()),
+                     .b = Eigen::VectorXcd::Zero(c_.size())};
+  for (std::size_t c = 0; c < job_.mix.rows(); ++c) {
+    const ChannelFold& sum = sums.of(c, k);
+    fold.target += sum.target;
+    // Function p takes its signal from source p / 2 (own, other) with this sign.
+    const auto sign = [c](std::size_t p) { return p % 2 == 1 && c == 1 ? -1.0 : 1.0; };
+    for (std::size_t p = 0; p < count; ++p) {
+      basis_.project(sum.with_target[p / 2], fold.b.segment(static_cast<Row>(p) * size, size),
+                     sign(p));
+      for (std::size_t q = 0; q < count; ++q) {
+        basis_.gram(
+            sum.between[p / 2][q / 2],
+            fold.a.block(static_cast<Row>(p) * size, static_cast<Row>(q) * size, size, size),
+            sign(p) * sign(q));
       }
     }
-    // From the rest back to the target of the whole filter.
-    const Eigen::VectorXcd explained = fold.a * c_;
-    fold.target += 2.0 * c_.dot(fold.b).real() + c_.dot(explained).real();
-    fold.b += explained;
-    result.folds.push_back(std::move(fold));
   }
-  return result;
+  // From the rest back to the target of the whole filter.
+  const Eigen::VectorXcd explained = fold.a * c_;
+  fold.target += 2.0 * c_.dot(fold.b).real() + c_.dot(explained).real();
+  fold.b += explained;
+  return fold;
 }
 
 Eigen::MatrixXcd FilterFit::penalty(ChainModel model, double roughness) const {
@@ -203,8 +228,7 @@ Eigen::VectorXcd FilterFit::solve(const FoldEquations& equations, ChainModel mod
                                   double roughness) const {
   const auto size = static_cast<Row>(basis_.size());
   const FoldEquations part = blocks_of(equations, model, size);
-  const Eigen::LLT<Eigen::MatrixXcd> factors(part.a + penalty(model, roughness));
-  const Eigen::VectorXcd found = factors.solve(part.b);
+  const Eigen::VectorXcd found = Factors(part.a + penalty(model, roughness)).solve(part.b);
   Eigen::VectorXcd c = Eigen::VectorXcd::Zero(equations.b.size());
   Row at = 0;
   for (const std::size_t function : functions_of(model)) {
@@ -229,12 +253,16 @@ double FilterFit::validate(const NormalEquations& equations, ChainModel model,
   return sum;
 }
 
-void FilterFit::take(const FoldEquations& equations, AudioView x) {
+void FilterFit::take(const FoldEquations& equations, HeardView x) {
   c_ = solve(equations, model_, roughness_);
   build();
-  play_to_measure(x, 0, fir_, job_, heard_);
+  play_to_measure(x, fir_, job_, heard_);
+  if (around_.gain != nullptr) {
+    add_others();
+    return;
+  }
   // The level is the gain's affair.
-  const double level = std::sqrt(energy_of(x) / std::max(energy_of(heard()), 1e-30));
+  const double level = std::sqrt(energy_of(x, job_) / std::max(energy_of(heard(), job_), 1e-30));
   c_ *= level;
   for (auto& response : responses_) {
     for (Complex& value : response) value *= level;
@@ -242,15 +270,30 @@ void FilterFit::take(const FoldEquations& equations, AudioView x) {
   for (auto& response : fir_.responses) {
     for (double& value : response) value *= level;
   }
-  for (double& sample : heard_.flat()) sample *= level;
+  for_each_part(job_, [&](const ChannelPart& part) {
+    const auto row = heard_.row(part.channel).subspan(part.span.first, part.span.length());
+    for (float& sample : row) sample *= static_cast<float>(level);
+  });
 }
 
-void FilterFit::find_first(AudioView x) {
+void FilterFit::add_others() {
+  for_each_part(job_, [&](const ChannelPart& part) {
+    const auto row = heard_.row(part.channel);
+    const auto others = around_.others.row(part.channel);
+    for (std::size_t i = part.span.first; i < part.span.stop; ++i) row[i] += others[i];
+  });
+}
+
+void FilterFit::step(HeardView x) {
+  take(equations(x).all(), x);
+}
+
+void FilterFit::find_first(HeardView x) {
   take(equations(x, true, true).all(), x);
   take(equations(x, false, true).all(), x);
 }
 
-void FilterFit::refine(AudioView x) {
+void FilterFit::refine(HeardView x) {
   for (int round = 0; round < 2; ++round) {
     const NormalEquations normal = equations(x);
     choose(normal);
@@ -286,7 +329,7 @@ void FilterFit::choose(const NormalEquations& equations) {
   model_ = *chosen;
 }
 
-double FilterFit::cross_validate(AudioView x) {
+double FilterFit::cross_validate(HeardView x) {
   const NormalEquations normal = equations(x);
   const FoldEquations all = normal.all();
   Eigen::VectorXcd one = Eigen::VectorXcd::Zero(c_.size());
@@ -300,8 +343,7 @@ double FilterFit::cross_validate(AudioView x) {
   }
   const Eigen::MatrixXcd a =
       blocks_of(all, model_, static_cast<Row>(basis_.size())).a + penalty(model_, roughness_);
-  const Eigen::MatrixXcd inverse =
-      Eigen::LLT<Eigen::MatrixXcd>(a).solve(Eigen::MatrixXcd::Identity(a.rows(), a.cols()));
+  const Eigen::MatrixXcd inverse = Factors(a).solve(Eigen::MatrixXcd::Identity(a.rows(), a.cols()));
   deviation_.assign(basis_.bins(), 0.0);
   for (std::size_t bin = 0; bin < basis_.bins(); ++bin) {
     const auto first = static_cast<Row>(basis_.first_of(bin));

@@ -15,8 +15,8 @@ inline constexpr std::size_t kFolds = 8;
 
 /// What a step of the filter is fitted to: mix - gain * y from gain * x.
 struct FitSignals {
-  AudioView x;            ///< the taps' sum, [channels][frames]
-  AudioView y;            ///< the same as heard so far
+  HeardView x;            ///< what goes into the filter, [channels][frames]
+  HeardView y;            ///< all that is heard so far
   const GainCurve& gain;  ///< over y
   bool first = false;     ///< whether no filter has been found yet
   bool rough = false;     ///< whether some thousand frames, evenly spread, will do

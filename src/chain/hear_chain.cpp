@@ -2,14 +2,130 @@
 
 #include <algorithm>
 
+#include "chain/heard_taps.hpp"
+
 namespace verdel::internal {
 
-ChainFinding hear_chain(const ChainJob& job, StemMap& taps, bool gains) {
-  ChainFinding finding{.curve = find_curve(job, taps), .gains = {}};
+namespace {
+
+const ChainFir* master_of(const CurveFinding& curve) {
+  return curve.used ? &curve.fir : nullptr;
+}
+
+/// A state of the search: how each tap is heard, and the curve behind all of them.
+struct Hearing {
+  std::vector<TapPath> paths;
+  CurveFinding curve;
+  TapFiltersFinding filters;
+};
+
+/// Looks for filters of single taps, and for the curve again behind them, in turn.
+class SingleTaps {
+ public:
+  SingleTaps(const ChainJob& job, HeardTaps& taps) : told_(job), job_(job), taps_(taps) {
+    job_.progress = {};
+  }
+
+  /// What leaves least under the engine's gain is kept; with `gains`, under those that will be
+  /// found: a gain of one channel's own passes for a room.
+  Hearing search(CurveFinding curve, bool gains) {
+    const Hearing given{taps_.paths, curve, {}};
+    Hearing found = descend(std::move(curve));
+    if (found.filters.filters.empty() || !gains) return found;
+    return left_of(found) < left_of(given) ? found : given;
+  }
+
+ private:
+  double left_of(const Hearing& hearing) {
+    taps_.paths = hearing.paths;
+    auto sum = Heard::uninitialised(job_.mix.rows(), job_.mix.columns());
+    auto room = Heard::uninitialised(job_.mix.rows(), job_.mix.columns());
+    taps_.sum(job_, sum, room);
+    if (const ChainFir* master = master_of(hearing.curve)) {
+      play_to_measure(sum.view(), *master, job_, room);
+      std::swap(sum, room);
+    }
+    room = {};
+    return left_behind_gains(job_, std::move(sum));
+  }
+
+  Hearing descend(CurveFinding curve) {
+    Hearing now{taps_.paths, std::move(curve), {}};
+    Hearing best = now;
+    for (std::size_t turn = 0; turn < kMostTurns; ++turn) {
+      told_.tell("tap filters", turn, kMostTurns);
+      auto next = one_turn(now);
+      if (!next) break;
+      now = std::move(*next);
+      if (now.curve.left < best.curve.left) best = now;
+    }
+    told_.tell("tap filters", kMostTurns, kMostTurns);
+    return best;
+  }
+
+  static constexpr std::size_t kMostTurns = 8;
+
+  /// Whether a curve was kept off only because some taps did not go through it.
+  static bool fits_some(const CurveFinding& curve) {
+    return !curve.used && curve.against > kMostAgainst;
+  }
+
+  /// One more tap's filter, and the curve again; nothing if no filter is found. What would the
+  /// next tap's be is often the master's, which only shows when the first is out of its way; and
+  /// behind a curve that does duty for a tap's own filter, others seem to need one against it.
+  std::optional<Hearing> one_turn(const Hearing& from) {
+    if (!fits_some(from.curve)) {
+      const auto search = from.curve.used                ? TapSearch::kOnce
+                          : from.filters.filters.empty() ? TapSearch::kOneTap
+                                                         : TapSearch::kAll;
+      return again(look(from, master_of(from.curve), search));
+    }
+    // Either one tap's equaliser passes for the master's, or one tap dissents from the master's.
+    auto plain = again(look(from, nullptr, TapSearch::kOnce));
+    auto behind = again(look(from, &from.curve.fir, TapSearch::kOnce));
+    if (!plain || !behind) return plain ? std::move(plain) : std::move(behind);
+    return behind->curve.left_after < plain->curve.left_after ? std::move(behind)
+                                                              : std::move(plain);
+  }
+
+  std::optional<Hearing> look(const Hearing& from, const ChainFir* master, TapSearch search) {
+    Hearing next = from;
+    taps_.paths = from.paths;
+    const bool found = find_tap_filters(job_, taps_, master, search, next.filters);
+    next.paths = taps_.paths;
+    return found ? std::optional(std::move(next)) : std::nullopt;
+  }
+
+  std::optional<Hearing> again(std::optional<Hearing> from) {
+    if (!from) return from;
+    taps_.paths = from->paths;
+    from->curve = find_curve(job_, taps_);
+    from->paths = taps_.paths;
+    return from;
+  }
+
+  const ChainJob& told_;
+  ChainJob job_;  // without progress of its own
+  HeardTaps& taps_;
+};
+
+}  // namespace
+
+ChainFinding hear_chain(const ChainJob& job, StemMap& taps, const ChainWishes& wishes) {
+  ChainFinding finding;
+  HeardTaps heard(taps);
+  finding.curve = find_curve(job, heard);
+  const bool could_look = !finding.curve.hz.empty();
+  if (wishes.tap_filters && could_look) {
+    Hearing found = SingleTaps(job, heard).search(std::move(finding.curve), wishes.gains);
+    heard.paths = std::move(found.paths);
+    finding.curve = std::move(found.curve);
+    finding.tap_filters = std::move(found.filters);
+  }
   finding.lined_up =
       std::ranges::any_of(finding.curve.lags, [](std::ptrdiff_t lag) { return lag != 0; });
-  const bool could_look = !finding.curve.hz.empty();
-  if (gains && could_look) finding.gains = find_gains(job, taps);
+  heard.hand_out(master_of(finding.curve), job, taps);
+  if (wishes.gains && could_look) finding.gains = find_gains(job, taps);
   return finding;
 }
 

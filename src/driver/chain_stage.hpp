@@ -13,8 +13,8 @@ namespace verdel::internal {
 Options render_options(const ChainOptions& chain);
 
 /// Looks for the master chain, prints what was found ahead of all held lines, plays the taps
-/// through it, and writes what the options ask for: the taps as heard, the finding as JSON. Returns
-/// the moves of the taps; none if they stand as they came.
+/// through it, and writes what the options ask for (see write_chain_files). Returns the moves of
+/// the taps; none if they stand as they came.
 ///
 /// Errors: OSError for files that cannot be written, or stand in the way; Cancelled.
 std::vector<AppliedLag> hear_and_tell(const Run& run, const ChainOptions& options, const Mix& mix,

@@ -7,6 +7,7 @@
 #include <new>
 #include <system_error>
 
+#include "driver/chain_picture.hpp"
 #include "driver/chain_stage.hpp"
 #include "driver/engine_arguments.hpp"
 #include "driver/folder_proof.hpp"
@@ -124,6 +125,7 @@ int chain_main(const std::vector<std::string>& arguments, RunContext& context) {
     const CommandLine command_line(context.program_name, entries_of(chain_option_table()));
     const auto chain = parse_record(command_line, chain_option_table(), arguments);
     if (!chain) return lines.write(command_line.help());
+    if (chain->picture) require_picture_format(*chain->picture, command_line);
     if (!chain->progress_json) lines.show_stages_on(context.err);
     lines.hold();
     run_engine({.options = render_options(*chain),

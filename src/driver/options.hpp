@@ -65,9 +65,11 @@ struct ChainOptions {
   bool write_null = false;
   bool progress_json = false;
   bool look = false;                   ///< find and tell, render nothing
-  bool no_gains = false;               ///< look for the curve only
+  bool no_tap_filters = false;         ///< do not look for what single taps went through
+  bool no_gains = false;               ///< do not look for gains
   std::optional<std::string> taps_to;  ///< a folder for the taps as heard
   std::optional<std::string> json;     ///< a file for what was found
+  std::optional<std::string> picture;  ///< the same to look at
 };
 
 /// What a second opinion on a folder of stems needs.

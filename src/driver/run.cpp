@@ -1,5 +1,6 @@
 #include "driver/run.hpp"
 
+#include "driver/chain_files.hpp"
 #include "driver/chain_stage.hpp"
 #include "driver/input_stage.hpp"
 #include "driver/option_rules.hpp"
@@ -75,6 +76,7 @@ void run_engine(Run run) {
   const bool only_suggest = run.options.suggest_excerpt > 0.0;
   const bool only_look = run.chain != nullptr && run.chain->look;
   if (!only_suggest && !only_look) refuse_overwriting(run.options);
+  if (run.chain != nullptr) require_chain_places(*run.chain, run.options);
 
   run.lines.stage(name_of(Stage::kReadingMix));
   const Mix mix = read_mix(run);

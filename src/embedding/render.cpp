@@ -6,10 +6,13 @@
 #include <atomic>
 #include <exception>
 #include <map>
+#include <optional>
 #include <utility>
 
 #include "allocation/worker_budgets.hpp"
+#include "chain/chain_figures.hpp"
 #include "delivery/coordinated_float32.hpp"
+#include "embedding/chain_result.hpp"
 #include "inputs/input_planning.hpp"
 #include "render/render_song.hpp"
 #include "render/unfit_input.hpp"
@@ -92,7 +95,14 @@ class CallersView : public SongObserver {
   }
   void aligned(const std::vector<AppliedLag>& lags) override { lags_ = lags; }
   void progress(std::size_t done, std::size_t total) override {
-    tell(static_cast<double>(done) / static_cast<double>(total + 1));
+    const double rest = 1.0 - before_render_;
+    tell(before_render_ + rest * static_cast<double>(done) / static_cast<double>(total + 1));
+  }
+  /// The chain's curve is one half of its way, what follows it the other.
+  void chain_progress(std::string_view phase, std::size_t done, std::size_t total) {
+    const double half = 0.5 * static_cast<double>(done) / static_cast<double>(total);
+    before_render_ = std::max(before_render_, kChainShare * (phase == "curve" ? half : 0.5 + half));
+    tell(before_render_);
   }
 
   void tell(double done) {
@@ -102,6 +112,9 @@ class CallersView : public SongObserver {
   const std::vector<AppliedLag>& lags() const { return lags_; }
 
  private:
+  static constexpr double kChainShare = 0.2;  // of the time
+
+  double before_render_ = 0.0;
   const RenderRequest& request_;
   StemMap& taps_;
   std::vector<AppliedLag> lags_;
@@ -147,13 +160,33 @@ StemMap stems_of(const SongJob& job, StemMap& taps, const Machine& machine, Call
   }
 }
 
+ChainResult hear(SongJob& job, StemMap& taps, const Machine& machine, CallersView& caller) {
+  ThreadPool pool(machine.processors(), "verdel-chain");
+  const ChainJob chain{
+      .mix = job.mix,
+      .sr = job.sr,
+      .pool = &pool,
+      .stop = caller.token(),
+      .progress = [&](std::string_view phase, std::size_t done, std::size_t total) {
+        caller.chain_progress(phase, done, total);
+      }};
+  std::vector<std::string> names;
+  for (const auto& tap : taps) names.push_back(tap.name);
+  const ChainFinding finding = hear_chain(chain, taps);
+  const auto moves = moves_of(finding, names);
+  caller.aligned(moves);
+  // The render does not move again what stands in line with the chain.
+  job.align = job.align && moves.empty();
+  return chain_result(finding, names, job.sr);
+}
+
 RenderResult render_request(const RenderRequest& request) {
   const AudioArray mix = mix_of(request);
   const std::size_t frames = mix.columns();
-  const SongJob job{.mix = mix.view(),
-                    .sr = request.sample_rate,
-                    .range = {request.start, std::min(request.stop, frames)},
-                    .align = request.align};
+  SongJob job{.mix = mix.view(),
+              .sr = request.sample_rate,
+              .range = {request.start, std::min(request.stop, frames)},
+              .align = request.align};
   if (job.range.first >= job.range.stop) throw ValueError("the range to deliver is empty");
   const Machine machine = machine_for(request);
   if (const auto error = _c14_resource_budget_error(frames, request.sample_rate,
@@ -163,12 +196,15 @@ RenderResult render_request(const RenderRequest& request) {
   StemMap taps = taps_of(request, mix);
   CallersView caller(request, taps);
   caller.tell(0.0);
+  std::optional<ChainResult> chain;
+  if (request.chain) chain = hear(job, taps, machine, caller);
   const StemMap stems = stems_of(job, taps, machine, caller);
   const AudioView part = job.mix.column_range(job.range.first, job.range.stop);
   const double threshold = job.profile.null_threshold;
   const auto delivered =
       _coordinated_float32_delivery(views_of(stems), part, threshold, caller.token());
   RenderResult result = result_of(delivered, part, caller.lags());
+  result.chain = std::move(chain);
   if (!(result.null_peak < threshold)) {
     throw RuntimeError(fmt::format("the stems miss the mix by {:.1f} dBFS. {}", result.null_peak,
                                    "Turn the mix down: beyond 2.0 a float32 step is too coarse."));

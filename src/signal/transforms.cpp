@@ -35,8 +35,10 @@ struct Fftw<double> {
   using Complex = fftw_complex;
   static constexpr auto plan_r2c = fftw_plan_dft_r2c_1d;
   static constexpr auto plan_c2r = fftw_plan_dft_c2r_1d;
+  static constexpr auto plan_c2c = fftw_plan_dft_1d;
   static constexpr auto run_r2c = fftw_execute_dft_r2c;
   static constexpr auto run_c2r = fftw_execute_dft_c2r;
+  static constexpr auto run_c2c = fftw_execute_dft;
   static constexpr auto destroy = fftw_destroy_plan;
 };
 
@@ -172,5 +174,6 @@ void ComplexTransform<Real>::inverse(const std::complex<Real>* spectrum,
 template class RealTransform<float>;
 template class RealTransform<double>;
 template class ComplexTransform<float>;
+template class ComplexTransform<double>;
 
 }  // namespace verdel::internal

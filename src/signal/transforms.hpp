@@ -56,5 +56,6 @@ class ComplexTransform {
 extern template class RealTransform<float>;
 extern template class RealTransform<double>;
 extern template class ComplexTransform<float>;
+extern template class ComplexTransform<double>;
 
 }  // namespace verdel::internal

@@ -32,16 +32,18 @@ trap clean_up EXIT
 
 # Stands before the real program and notes when a render begins and ends.
 mkdir "$work/bin" "$work/songs"
-cat >"$work/bin/verdel" <<END
+for program in verdel verdel-chain; do
+  cat >"$work/bin/$program" <<END
 #!/usr/bin/env bash
 [[ " \$* " == *" --suggest-excerpt "* ]] && exec "$build/verdel" "\$@"
 echo "begin \${PWD##*/}" >>"$work/events"
 status=0
-"$build/verdel" "\$@" || status=\$?
+"$build/$program" "\$@" || status=\$?
 echo "end \${PWD##*/}" >>"$work/events"
 exit \$status
 END
-chmod +x "$work/bin/verdel"
+  chmod +x "$work/bin/$program"
+done
 export PATH="$work/bin:$source/packaging/batch:$build:$PATH"
 for song in one two three; do
   "$build/examples/demo_project" "$work/songs/$song" --seconds 2 --stems 2 >/dev/null
@@ -51,14 +53,14 @@ one_song=$(verdel-song-memory one)
 
 with_parallel() {
   command -v parallel >/dev/null || not_tested "GNU parallel is not installed"
-  run() { VERDEL_BATCH_MEMORY=$((one_song * 3 / 2)) verdel-parallel one two three; }
+  run() { VERDEL_BATCH_MEMORY=$((one_song * 3 / 2)) verdel-parallel "$@" one two three; }
 }
 
 with_snakemake() {
   command -v snakemake >/dev/null || not_tested "Snakemake is not installed"
   run() {
     snakemake --snakefile "$source/packaging/batch/Snakefile" --directory . --cores 4 \
-      --resources mem_mb=$((one_song * 3 / 2)) --retries 2 --keep-going
+      --resources mem_mb=$((one_song * 3 / 2)) --retries 2 --keep-going ${1:+--config chain=yes}
   }
 }
 
@@ -90,7 +92,7 @@ with_slurm() {
     [[ $(sinfo -h -o %t 2>/dev/null) == idle ]] && break
     sleep 0.1
   done
-  run() { SBATCH_WAIT=1 verdel-slurm one two three; }
+  run() { SBATCH_WAIT=1 verdel-slurm "$@" one two three; }
 }
 
 "with_$scheduler"
@@ -115,6 +117,14 @@ run >"$work/second.log" 2>&1 || fail "a repaired song failed"
 for song in one two three; do
   grep -q '"passed": true' "$song/proof.json" || fail "$song is not proved"
 done
+
+rm one/proof.json
+: >"$work/events"
+run --chain >"$work/third.log" 2>&1 || fail "a song with its chain failed"
+[[ $(rendered) == "one:1 " && $(head -n 1 one/verdel.log) == "--- master chain ---" ]] ||
+  fail "third run: $(rendered)"
+run --chain >"$work/fourth.log" 2>&1 || fail "a proved song with its chain failed"
+[[ $(rendered) == "one:1 " ]] || fail "the places in a log with a chain were not found"
 
 awk '$1 == "begin" && ++running > 1 { exit 1 } $1 == "end" { --running }' "$work/events.first" ||
   fail "two songs at once: $(tr '\n' ' ' <"$work/events.first")"

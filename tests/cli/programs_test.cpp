@@ -188,5 +188,40 @@ mount -t tmpfs none tmp|mount -o remount,ro tmp|cannot create a temporary direct
   }
 }
 
+// Arguments, a command in the project's folder, and what the run says of the place. The mix is no
+// sound at all, so whatever is decoded first fails in other words.
+constexpr const char* kChainPlaces = R"(--json a.json|touch a.json|“a.json” is there already
+--look --picture a.SVG|ln -s none a.SVG|“a.SVG” is there already
+--look --taps-to heard|mkdir heard; touch heard/Kick.wav|“heard/Kick.wav” is there already
+--json a.svg --picture ./a.svg|:|--json and --picture would both write “./a.svg”
+--json out/Kick.wav|:|--out and --json would both write “out/Kick.wav”
+--look --json out/Kick.wav|:|/mix/Song.wav” is empty
+--taps-to out/../out|mkdir out|--out and --taps-to would both write
+--look --taps-to ./taps|:|“./taps” is the folder of the taps
+--json a/b.json|touch a|cannot make the output folder “a”: Not a directory
+--taps-to a/b|touch a|cannot make the output folder “a/b”: Not a directory
+--picture /dev/fd/a.svg|:|cannot write “/dev/fd/a.svg”
+--picture a.jpg|:|verdel-chain: error: --picture takes a name that ends in .svg or .png, not “a.jpg”
+--picture svg|:|not “svg”
+--json new/a.json --picture new/a.svg --taps-to new|:|/mix/Song.wav” is empty
+)";
+
+TEST(Programs, PlacesOfTheChainThatAreTakenAreToldBeforeAnythingIsDecoded) {
+  for (const std::string& line : testing::lines_of(kChainPlaces)) {
+    SCOPED_TRACE(line);
+    const auto parts = testing::parts_of(line, '|');
+    const testing::TemporaryFolder folder;
+    for (const char* file : {"mix/Song.wav", "taps/Kick.flac", "taps/Hat.flac"}) folder.touch(file);
+    ASSERT_EQ(std::system(("cd '" + folder.path() + "'; " + parts[1]).c_str()), 0);
+    const auto before = testing::contents_of(folder.path());
+    const auto result = run_program({.program = "verdel-chain",
+                                     .arguments = testing::parts_of(parts[0], ' '),
+                                     .folder = folder.path()});
+    EXPECT_TRUE(result.status == 1 || result.err.starts_with("usage: ")) << result.status;
+    EXPECT_THAT(result.err, ::testing::HasSubstr(parts[2]));
+    EXPECT_EQ(testing::contents_of(folder.path()), before);
+  }
+}
+
 }  // namespace
 }  // namespace verdel::internal

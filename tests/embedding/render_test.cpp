@@ -71,6 +71,41 @@ TEST_F(Embedding, StemsAddUpAndProgressRises) {
   EXPECT_NEAR(part.stems[1].channels[0][0], result.stems[1].channels[0][9000], 1e-6F);
 }
 
+// The master turns the high tap down, and both came 12 samples early.
+TEST_F(Embedding, HearsTheChainFirstWhereThatIsWished) {
+  Signal low(kFrames), high(kFrames);
+  for (std::size_t i = 13; i < kFrames; ++i) {
+    const double fade = i < kFrames - 1000 ? 1.0 : 0.0;
+    low[i - 12] = low_[i] * fade;
+    high[i - 12] = high_[i] * fade + 0.01 * std::sin(static_cast<double>(i * i % 7919));
+    const auto before = [&](std::size_t k) { return low[i - k] + high[i - k]; };
+    mix_[i] = 0.7 * before(12) + 0.3 * before(13);
+  }
+  std::fill_n(mix_.begin(), 13, 0.0);
+  request_.taps = {{"Low", {low, low}}, {"High", {high, high}}};
+  const RenderResult plain = render(request_);
+  EXPECT_FALSE(plain.chain);
+  std::vector<double> seen;
+  request_.progress = [&](double done) {
+    seen.push_back(done);
+    return true;
+  };
+  request_.chain = true;
+  const RenderResult result = render(request_);
+  ASSERT_TRUE(result.chain);
+  const ChainResult& chain = *result.chain;
+  EXPECT_TRUE(chain.curve_used) << ::testing::PrintToString(chain.sentences);
+  EXPECT_THAT(chain.sentences.front(), ::testing::StartsWith("curve: one curve, takes "));
+  ASSERT_EQ(chain.curve.curves.size(), 1U);
+  EXPECT_EQ(chain.curve.curves[0].db.size(), chain.curve.hz.size());
+  EXPECT_EQ(chain.votes.size(), 2U);
+  ASSERT_EQ(result.moved.size(), 2U);
+  EXPECT_EQ(result.moved[0].samples, 12);
+  EXPECT_LT(result.null_peak, -140.0);
+  EXPECT_TRUE(std::ranges::is_sorted(seen));
+  EXPECT_EQ(seen.back(), 1.0);
+}
+
 TEST_F(Embedding, EndsWhenTheCallerWantsNoMore) {
   std::size_t calls = 0;
   request_.progress = [&](double) { return ++calls < 5; };

@@ -60,10 +60,11 @@ TEST(House, LibrariesAndThreadsStayInTheirUnits) {
       {{"sndfile.h"}, {"inputs/audio_file", "delivery/audio_file_writing"}},
       {{"fftw3"}, {"signal/transforms"}},
       {{"unicode/"}, {"support/unicode_text"}},
+      {{"cairo"}, {"driver/png_canvas"}},
       {{"thread"}, {"support/thread_pool", "support/machine", "support/temporary"}},
       {{"mutex", "shared_mutex", "condition_variable"},
        {"support/thread_pool", "support/temporary", "signal/transforms", "inputs/audio_file",
-        "allocation/scratch_pool", "allocation/interval_rendering", "allocation/channels"}},
+        "support/scratch_pool", "allocation/interval_rendering", "allocation/channels"}},
       {{"future"}, {"support/thread_pool", "support/ordered_prefetch", "driver/end_signals"}},
   };
   for (const auto& [headers, units] : kRules) {

@@ -23,6 +23,7 @@ const std::vector<std::pair<std::string, std::string>> kPresses = {
     {"verdel --no-report --vers", "--vers"},
     {"verdel-engine --strict", "--strict-inputs"},
     {"verdel-verify --stems=sub", "--stems=subfolder"},
+    {"verdel-chain --picture=My", "--picture=My mix.wav"},
 };
 
 /// A shell's own way to press TAB. Reads presses from "presses" and leaves the words in "words";
@@ -32,7 +33,7 @@ const std::vector<std::pair<std::string, std::string>> kShells = {
 {
   echo 'for file in "$COMPLETIONS"/bash/*; do . "$file"; done'
   echo 'report() { printf "%s\n" "${!#}" >>words; }'
-  echo 'verdel() { report "$@"; }; verdel-engine() { report "$@"; }; verdel-verify() { report "$@"; }'
+  echo 'verdel() { report "$@"; }; verdel-engine() { report "$@"; }; verdel-verify() { report "$@"; }; verdel-chain() { report "$@"; }'
   while read -r line; do printf '%s\t\n' "$line"; done <presses
 } | bash --norc --noprofile -i >/dev/null 2>&1
 )"},
@@ -42,7 +43,7 @@ zpty terminal zsh -f -i
 zpty -w terminal 'PS1=; TERM=dumb; fpath=($COMPLETIONS/zsh $fpath)'
 zpty -w terminal 'autoload -U compinit; compinit -D -u'
 zpty -w terminal 'report() { print -r -- "${@[-1]}" >>words }'
-zpty -w terminal 'for name in verdel{,-engine,-verify}; do functions[$name]="report \"\$@\""; done'
+zpty -w terminal 'for name in verdel{,-engine,-chain,-verify}; do functions[$name]="report \"\$@\""; done'
 while read -r line; do zpty -w terminal "$line"$'\t'; done <presses
 zpty -w terminal exit
 while zpty -r terminal line; do :; done
