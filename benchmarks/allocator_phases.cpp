@@ -84,17 +84,16 @@ void PhaseWatch::step(std::size_t done, std::size_t total) {
 }
 
 double working_bytes_per_cell(const Model& model, const Machine& machine, int sr) {
-  const std::size_t samples = std::min(model.residual.columns(),
-                                       static_cast<std::size_t>(std::lround(kMemorySeconds * sr)));
-  ChannelJob job{.source_models = {},
-                 .residual = model.residual.row(0).first(samples),
+  const std::size_t samples =
+      std::min(model.mix.columns(), static_cast<std::size_t>(std::lround(kMemorySeconds * sr)));
+  ChannelJob job{.taps = {},
+                 .gain = model.gain.row(0).first(samples),
+                 .mix = model.mix.row(0).first(samples),
                  .sr = sr,
                  .start = 0,
                  .stop = samples,
                  .progress = {}};
-  for (const auto& source : model.sources) {
-    job.source_models.push_back(source.audio.row(0).first(samples));
-  }
+  for (const auto& tap : model.taps) job.taps.push_back(tap.audio.row(0).first(samples));
   release_freed_memory();
   MemoryWatch watch;
   const auto before = static_cast<double>(watch.take_peak());

@@ -109,11 +109,8 @@ Results results_of_job(const Run& run, const Mix& mix, std::size_t stems, const 
       _c14_channel_worker_count(mix.frames(), range.length(), stems, mix.channels(), run.machine);
   results.intervals_at_once =
       _c14_time_worker_count(range.length(), mix.sr, stems, results.channels_at_once, run.machine);
-  // The stems of a whole song take the place of its models.
-  if (range.length() < mix.frames()) {
-    results.result_bytes =
-        static_cast<double>(stems * mix.channels() * range.length() * sizeof(double));
-  }
+  results.result_bytes =
+      static_cast<double>(stems * mix.channels() * range.length() * sizeof(float));
   return results;
 }
 
@@ -238,14 +235,14 @@ Results measure_render(Run& run, bool chain) {
   Results results = results_of_job(run, mix, plan.size(), job.range);
   results.intervals_at_once = std::min(results.intervals_at_once, frames.size());
   MeasuredSong song(measure, run, mix, results);
-  const StemMap stems = render_song(job, taps, run.machine, song);
+  CoordinatedStems stems = render_song(job, taps, run.machine, song);
   song.take_allocation(frames);
 
   const SongFiles files{.out = *run.options.out,
                         .report = !run.options.no_report,
                         .workers = run.machine.processors()};
   const auto verdict = deliver_song(
-      job, taps, stems, files, [](std::string_view) {}, song, run.stop);
+      job, taps, std::move(stems), files, [](std::string_view) {}, song, run.stop);
   measure.end();
   results.null_peak = verdict.proof.peak;
   results.stages = measure.costs();

@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <exception>
 #include <filesystem>
+#include <span>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -14,7 +15,6 @@
 #include "gain/shared_gain.hpp"
 #include "inputs/audio_loading.hpp"
 #include "inputs/input_planning.hpp"
-#include "signal/levels.hpp"
 #include "signal/stem_sums.hpp"
 #include "support/machine.hpp"
 
@@ -33,7 +33,8 @@ class StageFiles {
     fs::create_directories(folder_);
   }
 
-  void write(const std::string& name, AudioView audio) const {
+  template <class Sample>
+  void write(const std::string& name, RowsView<const Sample> audio) const {
     const AudioFileFormat format{.sr = sr_, .channels = audio.rows(), .frames = audio.columns()};
     AudioFileWriter file((folder_ / (name + ".wav")).string(), format);
     file.write(audio);
@@ -48,45 +49,57 @@ class StageFiles {
   int sr_;
 };
 
-/// The allocator's results, [channels][frames] for each stem.
+/// What the allocator is given and what it makes of it, [channels][frames] for each stem.
 struct Allocation {
-  StemMap endpoint09, endpoint10, stems;
+  StemMap models, endpoint09, endpoint10, stems;
+  AudioArray residual;
 };
 
-void allocate_channel(const StemMap& models, const AudioArray& residual, std::size_t channel,
-                      int sr, const Machine& machine, Allocation& result) {
-  ChannelJob job{.source_models = {},
-                 .residual = residual.row(channel),
-                 .sr = sr,
-                 .stop = residual.columns(),
-                 .progress = {}};
-  for (const auto& model : models) job.source_models.push_back(model.audio.row(channel));
+void copy_rounded(std::span<const double> from, std::span<float> to) {
+  std::ranges::transform(from, to.begin(), [](double v) { return static_cast<float>(v); });
+}
+
+void allocate_channel(const ChannelJob& job, std::size_t channel, const Machine& machine,
+                      Allocation& result) {
+  const std::size_t stems = job.taps.size(), frames = job.mix.size();
+  auto room = AudioArray::uninitialised(stems + 1, frames);
+  const PhaseJob phases = write_out_models(job, room.view());
+  std::ranges::copy(phases.residual, result.residual.row(channel).begin());
 
   const SpectralTransform transform;
   const StopToken never_stopped;
-  RenderScratch scratch(machine, models.size(), residual.columns(), 1);
-  ChannelRender render(job, transform, scratch, never_stopped);
-  auto blended = AudioArray::uninitialised(models.size(), residual.columns());
+  RenderScratch scratch(machine, stems, frames, 1);
+  ChannelRender render(phases, transform, scratch, never_stopped);
+  auto blended = AudioArray::uninitialised(stems, frames);
   PhaseRunner(render, 1, machine).run(blended.view());
-  for (std::size_t i = 0; i < models.size(); ++i) {
+  for (std::size_t i = 0; i < stems; ++i) {
+    copy_rounded(phases.source_models[i], result.models[i].audio.row(channel));
     std::ranges::copy(render.signal_row(render.output09, i),
                       result.endpoint09[i].audio.row(channel).begin());
     std::ranges::copy(render.signal_row(render.output10, i),
                       result.endpoint10[i].audio.row(channel).begin());
-    std::ranges::copy(blended.row(i), result.stems[i].audio.row(channel).begin());
+    copy_rounded(blended.row(i), result.stems[i].audio.row(channel));
   }
 }
 
-Allocation allocate(const StemMap& models, const AudioArray& residual, int sr,
+Allocation allocate(const StemMap& taps, AudioView gain, AudioView mix, int sr,
                     const Machine& machine) {
   Allocation result;
-  for (StemMap* stems : {&result.endpoint09, &result.endpoint10, &result.stems}) {
-    for (const auto& model : models) {
-      stems->push_back({model.name, AudioArray::zeros(residual.rows(), residual.columns())});
+  result.residual = AudioArray::uninitialised(mix.rows(), mix.columns());
+  for (StemMap* stems : {&result.models, &result.endpoint09, &result.endpoint10, &result.stems}) {
+    for (const auto& tap : taps) {
+      stems->push_back({tap.name, StemArray::zeros(mix.rows(), mix.columns())});
     }
   }
-  for (std::size_t channel = 0; channel < residual.rows(); ++channel) {
-    allocate_channel(models, residual, channel, sr, machine, result);
+  for (std::size_t channel = 0; channel < mix.rows(); ++channel) {
+    ChannelJob job{.taps = {},
+                   .gain = gain.row(channel),
+                   .mix = mix.row(channel),
+                   .sr = sr,
+                   .stop = mix.columns(),
+                   .progress = {}};
+    for (const auto& tap : taps) job.taps.push_back(tap.audio.row(channel));
+    allocate_channel(job, channel, machine, result);
   }
   return result;
 }
@@ -107,21 +120,18 @@ void render_stages(const fs::path& project, const fs::path& out) {
   align_taps_to_mix(whole, taps, mix.sr, machine);
   files.write_all(taps, "tap");
 
-  SharedGainModel fitted = shared_single_band_model(whole, taps, mix.sr);
-  files.write("gain", fitted.gain.view());
-  files.write_all(fitted.models, "model");
+  const AudioArray gain = shared_single_band_gain(whole, sum_of_taps(whole, taps), mix.sr);
+  files.write("gain", gain.view());
 
-  const AudioArray residual = difference_from(whole, std::move(fitted.model_sum));
-  files.write("residual", residual.view());
-
-  const Allocation allocation = allocate(fitted.models, residual, mix.sr, machine);
+  const Allocation allocation = allocate(taps, gain.view(), whole, mix.sr, machine);
+  files.write_all(allocation.models, "model");
+  files.write("residual", allocation.residual.view());
   files.write_all(allocation.endpoint09, "endpoint09");
   files.write_all(allocation.endpoint10, "endpoint10");
   files.write_all(allocation.stems, "stem");
-  const AudioArray rest =
-      difference_from(whole, sum_of(allocation.stems, whole.rows(), whole.columns()));
-  std::printf("%s: %zu stems; mix minus their sum %.1f dBFS before the delivery's rounding\n",
-              out.c_str(), taps.size(), levels(rest.view()).peak);
+  const AudioArray sum = sum_of(allocation.stems, whole.rows(), whole.columns());
+  std::printf("%s: %zu stems; mix minus their sum %.1f dBFS, rounded each by itself\n", out.c_str(),
+              taps.size(), levels_of_difference(whole, sum.view()).peak);
 }
 
 }  // namespace

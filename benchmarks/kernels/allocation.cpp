@@ -43,10 +43,10 @@ class HalfRender {
   ChannelRender* operator->() { return &render_; }
 
  private:
-  ChannelJob make_job() {
+  PhaseJob make_job() {
     for (std::size_t s = 0; s < kStems; ++s) fill_with_bursts(models_.row(s), s);
     fill_with_bursts(residual_.row(0), kStems);
-    ChannelJob job;
+    PhaseJob job;
     for (std::size_t s = 0; s < kStems; ++s) job.source_models.emplace_back(models_.row(s));
     job.residual = residual_.row(0);
     job.sr = kRate;
@@ -58,7 +58,7 @@ class HalfRender {
   StopToken stop_;
   SpectralTransform transform_;
   Array2D<double> models_, residual_;
-  ChannelJob job_;
+  PhaseJob job_;
   RenderScratch scratch_;
   ChannelRender render_;
   PhaseRunner runner_;

@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <string>
+#include <vector>
 
 #include "alignment/lag_search.hpp"
 #include "delivery/coordinated_float32.hpp"
@@ -18,8 +19,9 @@ namespace {
 constexpr int kRate = 44100;
 constexpr std::size_t kStems = 4, kChannels = 2;
 
-AudioArray audio_of(std::size_t samples, std::size_t place) {
-  auto audio = AudioArray::uninitialised(kChannels, samples);
+template <class Sample = double>
+Array2D<Sample> audio_of(std::size_t samples, std::size_t place) {
+  auto audio = Array2D<Sample>::uninitialised(kChannels, samples);
   for (std::size_t c = 0; c < kChannels; ++c) fill_with_bursts(audio.row(c), place + c);
   return audio;
 }
@@ -27,7 +29,7 @@ AudioArray audio_of(std::size_t samples, std::size_t place) {
 StemMap stems_of(std::size_t samples) {
   StemMap stems;
   for (std::size_t s = 0; s < kStems; ++s) {
-    stems.push_back({"Stem " + std::to_string(s), audio_of(samples, 2 * s)});
+    stems.push_back({"Stem " + std::to_string(s), audio_of<float>(samples, 2 * s)});
   }
   return stems;
 }
@@ -55,7 +57,8 @@ void shared_gain(benchmark::State& state) {
   const AudioArray mix = audio_of(kSamples, 2 * kStems);
   const StemMap taps = stems_of(kSamples);
   for (auto _ : state) {
-    benchmark::DoNotOptimize(shared_single_band_model(mix.view(), taps, kRate, 30.0, 120.0));
+    benchmark::DoNotOptimize(
+        shared_single_band_gain(mix.view(), sum_of_taps(mix.view(), taps), kRate, 30.0, 120.0));
   }
   count_items(state, "sample", kStems * mix.size());
 }
@@ -64,13 +67,20 @@ BENCHMARK(shared_gain)->Unit(benchmark::kMillisecond);
 /// Per sample of all stems and channels.
 void float32_delivery(benchmark::State& state) {
   constexpr std::size_t kSamples = 5 * kRate;
-  const StemMap stems = stems_of(kSamples);
-  auto mix = AudioArray::zeros(kChannels, kSamples);
-  for (const auto& stem : stems) {
-    for (std::size_t i = 0; i < mix.size(); ++i) mix.flat()[i] += stem.audio.flat()[i];
+  const AudioArray stems = [] {
+    auto rows = AudioArray::uninitialised(kStems, kSamples);
+    for (std::size_t s = 0; s < kStems; ++s) fill_with_bursts(rows.row(s), s);
+    return rows;
+  }();
+  auto mix = AudioArray::zeros(1, kSamples);
+  for (std::size_t s = 0; s < kStems; ++s) {
+    for (std::size_t i = 0; i < kSamples; ++i) mix.flat()[i] += stems.row(s)[i];
   }
+  const std::vector<std::string> names(kStems, "Stem");
   for (auto _ : state) {
-    benchmark::DoNotOptimize(_coordinated_float32_delivery(views_of(stems), mix.view(), -140.0));
+    CoordinatedStems rounded(names, mix.view(), -140.0);
+    rounded.take(0, 0, stems.view());
+    benchmark::DoNotOptimize(rounded.finish());
   }
   count_items(state, "sample", kStems * mix.size());
 }

@@ -88,11 +88,11 @@ BENCHMARK(local_gain<std::complex<float>>);
 
 void envelopes(benchmark::State& state) {
   constexpr std::size_t kSamples = 10 * kRate, kCell = 16;
-  auto audio = AudioArray::uninitialised(2, kSamples);
+  auto audio = StemArray::uninitialised(2, kSamples);
   for (std::size_t c = 0; c < 2; ++c) fill_with_bursts(audio.row(c), c);
   std::vector<float> cells((kSamples + kCell - 1) / kCell);
   for (auto _ : state) {
-    mean_square_cells(RowsView<const double>(audio.view()), kCell, cells);
+    mean_square_cells(StemView(audio.view()), kCell, cells);
     benchmark::DoNotOptimize(envelope_curve(cells, 0.02 * kRate / kCell));
   }
   count_items(state, "sample", audio.size());
@@ -101,7 +101,7 @@ BENCHMARK(envelopes);
 
 void whole_report(benchmark::State& state) {
   constexpr std::size_t kSamples = 20 * kRate;
-  auto stem = AudioArray::uninitialised(1, kSamples), tap = AudioArray::uninitialised(1, kSamples);
+  auto stem = StemArray::uninitialised(1, kSamples), tap = StemArray::uninitialised(1, kSamples);
   fill_with_bursts(stem.row(0), 0);
   fill_with_bursts(tap.row(0), 1);
   const ReportJob job{.est = {{"Stem", stem.view()}},

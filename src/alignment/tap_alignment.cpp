@@ -27,12 +27,14 @@ void for_each_tile(std::size_t rows, std::size_t columns, const StopToken& stop,
   }
 }
 
-void add(std::span<const double> values, std::span<double> sum) {
-  for (std::size_t i = 0; i < sum.size(); ++i) sum[i] += values[i];
+template <class Sample>
+void add(std::span<const Sample> values, std::span<double> sum) {
+  for (std::size_t i = 0; i < sum.size(); ++i) sum[i] += static_cast<double>(values[i]);
 }
 
 // The average of the channels, into `mono` [1][frames].
-void make_mono(AudioView audio, AudioArray& mono, const StopToken& stop) {
+template <class Sample>
+void make_mono(RowsView<const Sample> audio, AudioArray& mono, const StopToken& stop) {
   const auto channels = static_cast<double>(audio.rows());
   for_each_tile(1, audio.columns(), stop, [&](std::size_t, std::size_t first, std::size_t count) {
     const auto tile = mono.row(0).subspan(first, count);
@@ -43,9 +45,8 @@ void make_mono(AudioView audio, AudioArray& mono, const StopToken& stop) {
 }
 
 // `room` is for one signal of the tap's length.
-std::ptrdiff_t propose_lag(AudioView mono, AudioView tap, int sr, AudioArray& room,
+std::ptrdiff_t propose_lag(AudioView mono, StemView tap, int sr, AudioArray& room,
                            const StopToken& stop) {
-  if (tap.rows() == 1) return find_lag(mono.row(0), tap.row(0), sr, 200.0, stop);
   make_mono(tap, room, stop);
   return find_lag(mono.row(0), room.row(0), sr, 200.0, stop);
 }
@@ -97,44 +98,46 @@ double energy_of(AudioView audio, const StopToken& stop) {
 
 // The residual's energy if the tap became `aligned`: with delta = aligned - tap,
 // |residual - delta|^2 is |residual|^2 - 2 residual . delta + |delta|^2.
-double energy_after_move(double energy, AudioView residual, AudioView tap, AudioView aligned,
+double energy_after_move(double energy, AudioView residual, StemView tap, StemView aligned,
                          const StopToken& stop) {
   double dot = 0.0, delta_energy = 0.0;
-  for_each_tile(tap.rows(), tap.columns(), stop,
-                [&](std::size_t row, std::size_t first, std::size_t count) {
-                  const auto rest = residual.row(row).subspan(first, count);
-                  const auto before = tap.row(row).subspan(first, count);
-                  const auto after = aligned.row(row).subspan(first, count);
-                  double tile_dot = 0.0, tile_energy = 0.0;
-                  for (std::size_t i = 0; i < count; ++i) {
-                    const double delta = after[i] - before[i];
-                    tile_dot += rest[i] * delta;
-                    tile_energy += delta * delta;
-                  }
-                  dot += tile_dot;
-                  delta_energy += tile_energy;
-                });
+  for_each_tile(
+      tap.rows(), tap.columns(), stop, [&](std::size_t row, std::size_t first, std::size_t count) {
+        const auto rest = residual.row(row).subspan(first, count);
+        const auto before = tap.row(row).subspan(first, count);
+        const auto after = aligned.row(row).subspan(first, count);
+        double tile_dot = 0.0, tile_energy = 0.0;
+        for (std::size_t i = 0; i < count; ++i) {
+          const double delta = static_cast<double>(after[i]) - static_cast<double>(before[i]);
+          tile_dot += rest[i] * delta;
+          tile_energy += delta * delta;
+        }
+        dot += tile_dot;
+        delta_energy += tile_energy;
+      });
   return energy - (dot + dot) + delta_energy;
 }
 
-void subtract_move(AudioView tap, AudioView aligned, AudioArray& residual, const StopToken& stop) {
+void subtract_move(StemView tap, StemView aligned, AudioArray& residual, const StopToken& stop) {
   for_each_tile(tap.rows(), tap.columns(), stop,
                 [&](std::size_t row, std::size_t first, std::size_t count) {
                   const auto rest = residual.row(row).subspan(first, count);
                   const auto before = tap.row(row).subspan(first, count);
                   const auto after = aligned.row(row).subspan(first, count);
-                  for (std::size_t i = 0; i < count; ++i) rest[i] -= after[i] - before[i];
+                  for (std::size_t i = 0; i < count; ++i) {
+                    rest[i] -= static_cast<double>(after[i]) - static_cast<double>(before[i]);
+                  }
                 });
 }
 
 }  // namespace
 
-AudioArray align_tap(AudioView a, std::ptrdiff_t lag) {
+StemArray align_tap(StemView a, std::ptrdiff_t lag) {
   const std::size_t n = a.columns();
   // Negating as unsigned holds for the most negative lag too.
   const auto distance =
       lag < 0 ? std::size_t{0} - static_cast<std::size_t>(lag) : static_cast<std::size_t>(lag);
-  auto aligned = AudioArray::zeros(a.rows(), n);
+  auto aligned = StemArray::zeros(a.rows(), n);
   if (distance >= n) return aligned;
   for (std::size_t row = 0; row < a.rows(); ++row) {
     const auto from = a.row(row).subspan(lag < 0 ? distance : 0, n - distance);
@@ -160,8 +163,8 @@ std::vector<AppliedLag> align_taps_to_mix(AudioView mix, StemMap& taps, int sr,
   double energy = energy_of(residual.view(), stop);
   for (std::size_t i = 0; i < taps.size(); ++i) {
     if (lags[i] == 0) continue;
-    AudioArray& tap = taps[i].audio;
-    AudioArray aligned = align_tap(tap.view(), lags[i]);
+    StemArray& tap = taps[i].audio;
+    StemArray aligned = align_tap(tap.view(), lags[i]);
     const double new_energy =
         energy_after_move(energy, residual.view(), tap.view(), aligned.view(), stop);
     // Written so that energies that are not numbers move nothing.

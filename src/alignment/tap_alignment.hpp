@@ -18,7 +18,7 @@ struct AppliedLag {
 
 /// A copy of `a`, `lag` samples later (earlier if negative). What is pushed past either end is
 /// lost, silence comes in at the other; the length stays.
-AudioArray align_tap(AudioView a, std::ptrdiff_t lag);
+StemArray align_tap(StemView a, std::ptrdiff_t lag);
 
 /// Offers every tap the lag that lines it up with the mix, and moves it only if that lowers the
 /// energy of the mix minus the taps, judged with all earlier moves made. The entries of moved taps

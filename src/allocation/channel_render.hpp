@@ -20,10 +20,13 @@ namespace verdel::internal {
 /// Called with the steps finished and the steps in all, on the thread that runs the render.
 using RenderProgress = std::function<void(std::size_t done, std::size_t total)>;
 
-/// What a render is given. Spans refer to the caller's rows, all of one length.
+/// What a render is given. Spans refer to the caller's rows, all of one length. A stem's model is
+/// its tap times the gain; the residual is the mix minus the sum of the models. Neither is stored
+/// for a whole song.
 struct ChannelJob {
-  std::vector<std::span<const double>> source_models;  ///< one row per stem, in stem order
-  std::span<const double> residual;
+  std::vector<std::span<const float>> taps;  ///< one row per stem, in stem order
+  std::span<const double> gain;              ///< the shared gain's factor at each sample
+  std::span<const double> mix;
   int sr = 0;                       ///< Hz
   std::size_t start = 0, stop = 0;  ///< the span wanted, in samples, stop excluded
   std::size_t source_samples = 0;   ///< of the song, if the rows are a part of it
@@ -32,12 +35,22 @@ struct ChannelJob {
   RenderProgress progress;          ///< may be empty
 };
 
+/// The same as the phases read it, with models and residual written out. All of one length.
+struct PhaseJob {
+  std::vector<std::span<const double>> source_models;  ///< one row per stem, in stem order
+  std::span<const double> residual;
+  int sr = 0;                       ///< Hz
+  std::size_t start = 0, stop = 0;  ///< the span wanted, in samples, stop excluded
+  std::size_t workers = 1;          ///< threads that the render may use inside, at most
+  RenderProgress progress = {};     ///< may be empty
+};
+
 /// What the phases of one render share: the job, and the arrays in the scratch by their meaning.
 /// Each of the first four phases writes only its own stem's rows, so that stems may be worked on at
 /// once; what a phase reads was finished before it began. "cells" are values on the grid, one a
 /// cell; the rows of a stored array may be longer than the render needs.
 struct ChannelRender {
-  ChannelRender(const ChannelJob& job, const SpectralTransform& transform, RenderScratch& scratch,
+  ChannelRender(const PhaseJob& job, const SpectralTransform& transform, RenderScratch& scratch,
                 const StopToken& stop);
 
   std::size_t stems() const { return job.source_models.size(); }
@@ -47,7 +60,7 @@ struct ChannelRender {
     return output.row(index).first(samples());
   }
 
-  const ChannelJob& job;
+  const PhaseJob& job;
   const SpectralTransform& transform;
   RenderScratch& scratch;
   const StopToken& stop;
@@ -79,23 +92,29 @@ struct ChannelRender {
   std::vector<char> gate_opens;
 };
 
+/// Writes out the models and, in the last row, the residual of a job to `room`,
+/// [stems + 1][samples], which the result refers to.
+PhaseJob write_out_models(const ChannelJob& job, RowsView<double> room);
+
 /// Renders the whole signal and writes the stems over the job's span to `rendered`,
 /// [stems][stop - start]. The span selects what is written and what the closing test covers, never
 /// a value.
 ///
-/// `scratch` has room for the job; what it holds afterwards means nothing.
-/// Errors: those of check_channel_job and check_rendered.
+/// `room`: [stems + 1][samples], for models and residual. `scratch` has room for the job. What the
+/// two hold afterwards means nothing.
+/// Errors: those of check_channel_job and check_rendered; FloatingPointError for a residual,
+/// ValueError for a model that is not finite.
 void _render_transient_release_tail_channel_full(const ChannelJob& job, const Machine& machine,
-                                                 RenderScratch& scratch, RowsView<double> rendered,
+                                                 RenderScratch& scratch, RowsView<double> room,
+                                                 RowsView<double> rendered,
                                                  const StopToken& stop = {});
 
-/// The tests that inputs must pass: one length, finite, a span inside it. ValueError, or
-/// FloatingPointError for a residual that is not finite.
+/// The tests that inputs must pass: one length, a span inside it. Throws ValueError.
 /// `shortest`: the fewest samples accepted, or 0 where that is judged elsewhere.
 void check_channel_job(const ChannelJob& job, std::size_t shortest);
 
-/// The tests that stems, [stems][stop - start], must pass: finite, and their sum is models plus
-/// residual but for C14_CONSERVATION_TOLERANCE. That holds by construction; this proves it. Throws
+/// The tests that stems, [stems][stop - start], must pass: finite, and their sum is the mix but for
+/// C14_CONSERVATION_TOLERANCE. That holds by construction; this proves it. Throws
 /// FloatingPointError.
 void check_rendered(const ChannelJob& job, RowsView<const double> rendered);
 

@@ -1,12 +1,10 @@
 #include "allocation/channels.hpp"
 
-#include <algorithm>
 #include <mutex>
 #include <numeric>
 #include <vector>
 
 #include "allocation/c14_constants.hpp"
-#include "allocation/interval_rendering.hpp"
 #include "allocation/worker_budgets.hpp"
 
 namespace verdel::internal {
@@ -36,28 +34,22 @@ class SharedCount {
 
 ChannelJob rows_of(const Model& model, std::size_t channel) {
   ChannelJob job;
-  job.residual = model.residual.row(channel);
-  for (const auto& source : model.sources) job.source_models.push_back(source.audio.row(channel));
+  for (const auto& tap : model.taps) job.taps.push_back(tap.audio.row(channel));
+  job.gain = model.gain.row(channel);
+  job.mix = model.mix.row(channel);
   return job;
-}
-
-StemMap unfilled_stems(const StemMap& like, std::size_t length) {
-  StemMap stems;
-  for (const auto& stem : like) {
-    stems.push_back({stem.name, AudioArray::uninitialised(stem.audio.rows(), length)});
-  }
-  return stems;
 }
 
 }  // namespace
 
-Model model_of_part(StemMap sources, AudioArray residual, const SampleSpan& part) {
-  const std::size_t source_samples = residual.columns();
-  if (part.length() < residual.columns()) {
-    residual = AudioArray::copy_of(residual.view().column_range(part.first, part.stop));
+Model model_of_part(const StemMap& taps, AudioArray gain, AudioView mix, const SampleSpan& part) {
+  const std::size_t source_samples = mix.columns();
+  if (part.length() < source_samples) {
+    gain = AudioArray::copy_of(gain.view().column_range(part.first, part.stop));
   }
-  return {.sources = std::move(sources),
-          .residual = std::move(residual),
+  return {.taps = column_range(views_of(taps), part.first, part.stop),
+          .gain = std::move(gain),
+          .mix = mix.column_range(part.first, part.stop),
           .first = part.first,
           .source_samples = source_samples};
 }
@@ -66,19 +58,15 @@ std::size_t channel_steps(std::size_t channels, std::size_t stems) {
   return channels * C14_STEPS_PER_STEM * stems;
 }
 
-StemMap render_channels(Model model, const ChannelsJob& job, const Machine& machine,
-                        const StopToken& stop) {
-  const std::size_t channels = model.residual.rows();
-  const std::size_t frames = model.residual.columns();
-  const std::size_t stems = model.sources.size();
+void render_channels(const Model& model, const ChannelsJob& job, const Machine& machine,
+                     const StoreInterval& store, const StopToken& stop) {
+  const std::size_t channels = model.mix.rows();
+  const std::size_t stems = model.taps.size();
   const std::size_t length = job.stop - job.start;
   const std::size_t start = job.start - model.first;
-  const bool in_place = length == frames;
-  StemMap excerpt = in_place ? StemMap{} : unfilled_stems(model.sources, length);
-  StemMap& est = in_place ? model.sources : excerpt;
 
   const std::size_t channel_workers =
-      _c14_channel_worker_count(frames, length, stems, channels, machine);
+      _c14_channel_worker_count(model.mix.columns(), length, stems, channels, machine);
   SharedCount count(job.progress, channels, channel_steps(channels, stems));
   std::vector<ChannelJob> parts;
   for (std::size_t channel = 0; channel < channels; ++channel) {
@@ -94,14 +82,11 @@ StemMap render_channels(Model model, const ChannelsJob& job, const Machine& mach
       if (job.watch) job.watch(done, total);
     };
   }
-  const auto store = [&](std::size_t channel, std::size_t first, RowsView<const double> rendered) {
-    for (std::size_t stem = 0; stem < stems; ++stem) {
-      std::ranges::copy(rendered.row(stem),
-                        est[stem].audio.row(channel).subspan(first - start).begin());
-    }
-  };
-  render_channel_intervals(parts, machine, stop, store);
-  return in_place ? std::move(model.sources) : std::move(excerpt);
+  render_channel_intervals(
+      parts, machine, stop,
+      [&](std::size_t channel, std::size_t first, RowsView<const double> rendered) {
+        store(channel, model.first + first, rendered);
+      });
 }
 
 }  // namespace verdel::internal

@@ -3,24 +3,26 @@
 #include <cstddef>
 
 #include "allocation/channel_render.hpp"
+#include "allocation/interval_rendering.hpp"
 #include "signal/arrays.hpp"
 #include "support/machine.hpp"
 #include "support/stop_token.hpp"
 
 namespace verdel::internal {
 
-/// What the shared gain explains of the mix, and what it leaves: of the whole source, or of the
-/// part that a render looks at (see with_context).
+/// What a render looks at, of the whole source or of a part of it (see with_context). A stem's
+/// model is its tap times the gain, and what the models leave of the mix is to be shared out.
 struct Model {
-  StemMap sources;        ///< tap times gain, [channels][part], in stem order
-  AudioArray residual;    ///< mix minus the sum of the sources, [channels][part]
+  StemViews taps;         ///< [channels][part], in stem order
+  AudioArray gain;        ///< plain factors, [channels][part]
+  AudioView mix;          ///< [channels][part]
   std::size_t first = 0;  ///< where in the source the part begins
   /// Samples of the source, whose mix and taps may stand in memory beside a part; 0: of the model.
   std::size_t source_samples = 0;
 };
 
-/// The model of a part, from its sources and the residual of the whole source.
-Model model_of_part(StemMap sources, AudioArray residual, const SampleSpan& part);
+/// The model of a part, from the whole source's taps, gain and mix. Taps and mix stay the caller's.
+Model model_of_part(const StemMap& taps, AudioArray gain, AudioView mix, const SampleSpan& part);
 
 /// How a model is to be rendered.
 struct ChannelsJob {
@@ -37,12 +39,11 @@ struct ChannelsJob {
 std::size_t channel_steps(std::size_t channels, std::size_t stems);
 
 /// Allocates the residual of all channels, as many intervals at a time as the machine carries, and
-/// gives up the model. Returns the stems of the range, [channels][range], in stem order; if the
-/// range is the whole source they take the storage of the model's sources interval by interval.
+/// hands the stems of the range to `store`, at positions in the source.
 ///
 /// The failure of the lowest channel is the one thrown; what has not yet begun is dropped, a render
 /// that runs finishes first.
-StemMap render_channels(Model model, const ChannelsJob& job, const Machine& machine,
-                        const StopToken& stop = {});
+void render_channels(const Model& model, const ChannelsJob& job, const Machine& machine,
+                     const StoreInterval& store, const StopToken& stop = {});
 
 }  // namespace verdel::internal

@@ -7,6 +7,7 @@
 #include <memory>
 #include <mutex>
 #include <numeric>
+#include <variant>
 #include <vector>
 
 #include "allocation/worker_budgets.hpp"
@@ -93,7 +94,7 @@ IntervalPlan plan_intervals(const ChannelJob& job) {
   plan.intervals = split ? cut_span(job.start, job.stop, job.sr)
                          : std::vector<SampleSpan>{{job.start, job.stop}};
   plan.longest = split ? plan.intervals.front().length() + 1 : span;  // they differ by one at most
-  plan.longest_slice = std::min(job.residual.size(), plan.longest + kBefore + kAfter + 2 * C14_HOP);
+  plan.longest_slice = std::min(job.mix.size(), plan.longest + kBefore + kAfter + 2 * C14_HOP);
   return plan;
 }
 
@@ -101,13 +102,13 @@ IntervalPlan plan_intervals(const ChannelJob& job) {
 std::size_t renders_that_fit(const std::vector<ChannelJob>& channels, const IntervalPlan& plan,
                              const Machine& machine) {
   const ChannelJob& shape = channels.front();
-  const std::size_t stems = shape.source_models.size();
-  const std::uint64_t results = stems * plan.longest * sizeof(double);
+  const std::size_t stems = shape.taps.size();
+  const std::uint64_t room =
+      (stems * plan.longest + (stems + 1) * plan.longest_slice) * sizeof(double);
   return render_worker_count(
-      persistent_bytes(std::max(shape.residual.size(), shape.source_samples), stems,
-                       channels.size()),
+      persistent_bytes(std::max(shape.mix.size(), shape.source_samples), stems, channels.size()),
       RenderScratch::file_bytes(stems, plan.longest_slice),
-      RenderScratch::memory_bytes(plan.longest_slice, RenderScratch::kMostScoringSpectra) + results,
+      RenderScratch::memory_bytes(plan.longest_slice, RenderScratch::kMostScoringSpectra) + room,
       machine);
 }
 
@@ -117,8 +118,7 @@ RenderWorkers plan_workers(const std::vector<ChannelJob>& channels, const Interv
   const ChannelJob& job = channels.front();
   const std::size_t active = std::max<std::size_t>(1, job.active_channels);
   const std::size_t at_least =
-      active *
-      _c14_time_worker_count(span_length(job), job.sr, job.source_models.size(), active, machine);
+      active * _c14_time_worker_count(span_length(job), job.sr, job.taps.size(), active, machine);
   const std::size_t renders =
       std::min(channels.size() * plan.intervals.size(),
                std::max(at_least, renders_that_fit(channels, plan, machine)));
@@ -131,16 +131,19 @@ RenderWorkers plan_workers(const std::vector<ChannelJob>& channels, const Interv
 /// Renders one interval: `span`, from the slice of the signals that is its context.
 void _render_transient_release_tail_channel_interval(const ChannelJob& job, const SampleSpan& span,
                                                      const Machine& machine, RenderScratch& scratch,
+                                                     RowsView<double> room,
                                                      RowsView<double> rendered,
                                                      const StopToken& stop) {
-  const std::size_t samples = job.residual.size();
+  const std::size_t samples = job.mix.size();
   const SampleSpan slice = with_context(span, samples);
   ChannelJob part = job;
   part.start = span.first - slice.first;
   part.stop = span.stop - slice.first;
-  part.residual = job.residual.subspan(slice.first, slice.length());
-  for (auto& source : part.source_models) source = source.subspan(slice.first, slice.length());
-  _render_transient_release_tail_channel_full(part, machine, scratch, rendered, stop);
+  part.mix = job.mix.subspan(slice.first, slice.length());
+  part.gain = job.gain.subspan(slice.first, slice.length());
+  for (auto& tap : part.taps) tap = tap.subspan(slice.first, slice.length());
+  _render_transient_release_tail_channel_full(part, machine, scratch,
+                                              room.column_range(0, slice.length()), rendered, stop);
 }
 
 /// The intervals of all channels, channel after channel, as one sequence of renders.
@@ -157,9 +160,7 @@ class IntervalSequence {
           return std::make_unique<RenderScratch>(machine_, stems(), plan_.longest_slice,
                                                  workers_.scoring());
         }),
-        results_([this] {
-          return std::make_unique<AudioArray>(AudioArray::uninitialised(stems(), plan_.longest));
-        }) {
+        rooms_([this] { return std::make_unique<Room>(stems(), plan_); }) {
     const std::size_t units = stems() * C14_STEPS_PER_STEM;
     for (const ChannelJob& job : channels) {
       counts_.emplace_back(job.progress, plan_.intervals.size(), units);
@@ -169,12 +170,17 @@ class IntervalSequence {
   void run(const StoreInterval& store);
 
  private:
-  using Stems = ScratchPool<AudioArray>::Lease;
+  /// What a render reads, and what it gives.
+  struct Room {
+    AudioArray models, stems;
 
-  std::size_t stems() const { return channels_.front().source_models.size(); }
-  Stems render_interval(std::size_t channel, std::size_t interval);
-  /// The last interval of a channel whose render reads the models of this one.
-  std::size_t last_reader(std::size_t interval) const;
+    Room(std::size_t count, const IntervalPlan& plan)
+        : models(AudioArray::uninitialised(count + 1, plan.longest_slice)),
+          stems(AudioArray::uninitialised(count, plan.longest)) {}
+  };
+
+  std::size_t stems() const { return channels_.front().taps.size(); }
+  void render_interval(std::size_t channel, std::size_t interval, const StoreInterval& store);
 
   const std::vector<ChannelJob>& channels_;
   const Machine& machine_;
@@ -182,51 +188,36 @@ class IntervalSequence {
   IntervalPlan plan_;
   RenderWorkers workers_;
   ScratchPool<RenderScratch> scratches_;
-  ScratchPool<AudioArray> results_;
+  ScratchPool<Room> rooms_;
   std::deque<IntervalProgress> counts_;  // by channel
 };
 
-IntervalSequence::Stems IntervalSequence::render_interval(std::size_t channel,
-                                                          std::size_t interval) {
+void IntervalSequence::render_interval(std::size_t channel, std::size_t interval,
+                                       const StoreInterval& store) {
   ChannelJob job = channels_[channel];
-  if (interval == 0) check_channel_job(job, C14_FFT_SIZE);
   job.workers = workers_.inner;
   if (plan_.is_split()) job.progress = counts_[channel].of_interval(interval);
   const SampleSpan& span = plan_.intervals[interval];
-  Stems stems = results_.lease();
-  const auto scratch = scratches_.lease();
-  _render_transient_release_tail_channel_interval(
-      job, span, machine_, *scratch, (*stems).view().column_range(0, span.length()), stop_);
-  return stems;
-}
-
-std::size_t IntervalSequence::last_reader(std::size_t interval) const {
-  const std::size_t samples = channels_.front().residual.size();
-  std::size_t reader = interval;
-  while (reader + 1 < plan_.intervals.size() &&
-         with_context(plan_.intervals[reader + 1], samples).first <
-             plan_.intervals[interval].stop) {
-    ++reader;
+  const auto room = rooms_.lease();
+  const auto stems = (*room).stems.view().column_range(0, span.length());
+  {
+    const auto scratch = scratches_.lease();
+    _render_transient_release_tail_channel_interval(job, span, machine_, *scratch,
+                                                    (*room).models.view(), stems, stop_);
   }
-  return reader;
+  store(channel, span.first, stems);
 }
 
 void IntervalSequence::run(const StoreInterval& store) {
   const std::size_t intervals = plan_.intervals.size();
   auto rendered = _ordered_prefetch(
-      [&](std::size_t index) { return render_interval(index / intervals, index % intervals); },
+      [&](std::size_t index) {
+        render_interval(index / intervals, index % intervals, store);
+        return std::monostate{};
+      },
       channels_.size() * intervals, workers_.renders, "verdel-c14-time", 1);
   for (std::size_t channel = 0; channel < channels_.size(); ++channel) {
-    std::deque<Stems> waiting;  // for the last reader of the models in their place
-    std::size_t stored = 0;
-    for (std::size_t interval = 0; interval < intervals; ++interval) {
-      waiting.push_back(*rendered.next());
-      for (; !waiting.empty() && last_reader(stored) <= interval; ++stored) {
-        const SampleSpan& span = plan_.intervals[stored];
-        store(channel, span.first, (*waiting.front()).view().column_range(0, span.length()));
-        waiting.pop_front();
-      }
-    }
+    for (std::size_t interval = 0; interval < intervals; ++interval) rendered.next();
     if (plan_.is_split()) counts_[channel].finish();
   }
 }
@@ -241,6 +232,7 @@ SampleSpan with_context(const SampleSpan& span, std::size_t samples) {
 
 void render_channel_intervals(const std::vector<ChannelJob>& channels, const Machine& machine,
                               const StopToken& stop, const StoreInterval& store) {
+  for (const ChannelJob& job : channels) check_channel_job(job, C14_FFT_SIZE);
   IntervalSequence(channels, machine, stop).run(store);
 }
 

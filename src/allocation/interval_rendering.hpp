@@ -16,7 +16,7 @@ namespace verdel::internal {
 SampleSpan with_context(const SampleSpan& span, std::size_t samples);
 
 /// Called with a channel's index, a position in the source and the stems from there,
-/// [stems][samples].
+/// [stems][samples]: on the threads that render, for disjoint ranges, several at once.
 using StoreInterval =
     std::function<void(std::size_t channel, std::size_t first, RowsView<const double> stems)>;
 
@@ -31,9 +31,7 @@ using StoreInterval =
 /// buffers pass from one channel to the next.
 ///
 /// `channels`: jobs of one shape, each with its own progress, which is called with counts in
-/// 0 .. 6 * stems that never fall, one call at a time but on any thread. `store` is called on the
-/// caller's thread for every interval, in order, and only when no render needs the models there any
-/// more: it may put the stems in the models' place.
+/// 0 .. 6 * stems that never fall, one call at a time but on any thread.
 ///
 /// Errors: those of one render; a signal shorter than C14_FFT_SIZE is a ValueError.
 /// Threads: as many renders at once as have a processor and fit the machine. The failure of the

@@ -199,7 +199,7 @@ std::vector<std::size_t> CoherentLag::all_frames() const {
   return frames;
 }
 
-std::vector<std::size_t> CoherentLag::loudest_frames(AudioView audio) const {
+std::vector<std::size_t> CoherentLag::loudest_frames(HeardView audio) const {
   std::vector<double> energies(starts_.size());
   run_indexed(job_.pool, starts_.size(), [&](std::size_t frame) {
     const std::size_t first = std::min(starts_[frame], audio.columns());
@@ -306,8 +306,8 @@ StretchReader reader_of(AudioView audio, std::ptrdiff_t lag) {
   return read_from(audio, lag);
 }
 
-StretchReader reader_of(HeardView audio) {
-  return read_from(audio, 0);
+StretchReader reader_of(HeardView audio, std::ptrdiff_t lag) {
+  return read_from(audio, lag);
 }
 
 StretchReader under_gain(const GainCurve& gain, StretchReader read) {

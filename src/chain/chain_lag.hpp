@@ -45,7 +45,7 @@ class CoherentLag {
   std::ptrdiff_t of_part(const std::vector<std::size_t>& frames, const StretchReader& part,
                          const LagFilters& filters) const;
   /// The frames in which a part sounds most.
-  std::vector<std::size_t> loudest_frames(AudioView audio) const;
+  std::vector<std::size_t> loudest_frames(HeardView audio) const;
   /// Of at most longest_fir() samples.
   LagFilters filters_of(const ChainFir& fir) const;
   std::size_t longest_fir() const { return transform_.length() / 8; }
@@ -77,7 +77,7 @@ std::ptrdiff_t plain_lag(AudioView a, HeardView b, const ChainJob& job);
 
 /// Reads audio as it is `lag` samples later.
 StretchReader reader_of(AudioView audio, std::ptrdiff_t lag = 0);
-StretchReader reader_of(HeardView audio);
+StretchReader reader_of(HeardView audio, std::ptrdiff_t lag = 0);
 /// Reads under a gain, which outlives the reader.
 StretchReader under_gain(const GainCurve& gain, StretchReader read);
 

@@ -122,8 +122,8 @@ class Player {
   }
 
   /// Calls give(task, lane, played) for every stretch.
-  template <class View, class Give>
-  void play_all(View audio, const ChainJob& job, Give give) const {
+  template <class Give>
+  void play_all(HeardView audio, const ChainJob& job, Give give) const {
     ScratchPool<Room> rooms([&] { return std::make_unique<Room>(plan_.length); });
     run_indexed(job.pool, plan_.tasks(audio.columns()), [&](std::size_t task) {
       const auto lease = rooms.lease();
@@ -147,8 +147,7 @@ class Player {
     return {Lane{0, first}, Lane{1, first}};
   }
 
-  template <class View>
-  void play_block(View audio, const std::array<Lane, 2>& lanes, Room& room) const {
+  void play_block(HeardView audio, const std::array<Lane, 2>& lanes, Room& room) const {
     for (std::size_t k = 0; k < 2; ++k) {
       take(audio.row(lanes[k].row), lanes[k].first, room.given.row(k));
     }
@@ -183,8 +182,7 @@ class Player {
 
   // Sample j of a row of `lanes` is sample first + centre - length + j of the audio as it is moved:
   // the output at `first` is then found at `length`, all of its input before it.
-  template <class Sample>
-  void take(std::span<const Sample> row, std::size_t first, std::span<Real> lane) const {
+  void take(std::span<const float> row, std::size_t first, std::span<Real> lane) const {
     const auto begin = static_cast<std::ptrdiff_t>(first + fir_.centre) -
                        static_cast<std::ptrdiff_t>(fir_.length) - lag_;
     const auto size = static_cast<std::ptrdiff_t>(row.size());
@@ -194,7 +192,7 @@ class Player {
     std::ranges::fill(lane, Real{0});
     if (from == to) return;
     std::transform(row.begin() + from, row.begin() + to, lane.begin() + (from - begin),
-                   [](Sample sample) { return static_cast<Real>(sample); });
+                   [](float sample) { return static_cast<Real>(sample); });
   }
 
   Played<Real> played(const Room& room, std::size_t lane, std::size_t frames) const {
@@ -210,12 +208,13 @@ class Player {
   Signal straight_, crossed_;
 };
 
-template <class Real, class View, class Audio>
-void play_as(View audio, std::ptrdiff_t lag, const ChainFir& fir, const ChainJob& job,
-             Audio& result) {
+template <class Real>
+void play_as(HeardView audio, std::ptrdiff_t lag, const ChainFir& fir, const ChainJob& job,
+             Heard& result) {
   Player<Real>(fir, lag).play_all(
       audio, job, [&](std::size_t, const Lane& lane, const Played<Real>& played) {
-        std::ranges::copy(played.samples, result.row(lane.row).data() + lane.first);
+        std::ranges::transform(played.samples, result.row(lane.row).data() + lane.first,
+                               [](Real sample) { return static_cast<float>(sample); });
       });
 }
 
@@ -260,12 +259,12 @@ ChainFir in_a_row(const ChainFir& first, const ChainFir& second) {
   return both;
 }
 
-void play(AudioView audio, std::ptrdiff_t lag, const ChainFir& fir, const ChainJob& job,
-          AudioArray& result) {
+void play(HeardView audio, std::ptrdiff_t lag, const ChainFir& fir, const ChainJob& job,
+          StemArray& result) {
   play_as<double>(audio, lag, fir, job, result);
 }
 
-void play_to_measure(AudioView audio, std::ptrdiff_t lag, const ChainFir& fir, const ChainJob& job,
+void play_to_measure(HeardView audio, std::ptrdiff_t lag, const ChainFir& fir, const ChainJob& job,
                      Heard& result) {
   play_as<float>(audio, lag, fir, job, result);
 }
@@ -274,11 +273,11 @@ void play_to_measure(HeardView audio, const ChainFir& fir, const ChainJob& job, 
   play_as<float>(audio, 0, fir, job, result);
 }
 
-std::size_t play_tasks(AudioView audio, const ChainFir& fir) {
+std::size_t play_tasks(HeardView audio, const ChainFir& fir) {
   return BlockPlan(fir).tasks(audio.columns());
 }
 
-void play_to_measure(AudioView audio, std::ptrdiff_t lag, const ChainFir& fir, const ChainJob& job,
+void play_to_measure(HeardView audio, std::ptrdiff_t lag, const ChainFir& fir, const ChainJob& job,
                      const std::function<void(const PlayedStretch&)>& take) {
   Player<float>(fir, lag).play_all(
       audio, job, [&](std::size_t task, const Lane& lane, const Played<float>& played) {

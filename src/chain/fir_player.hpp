@@ -23,11 +23,11 @@ ChainFir in_a_row(const ChainFir& first, const ChainFir& second);
 
 /// Plays audio, `lag` samples later, through the filters, by overlap-save, into an array of its
 /// shape, which is another. Threads: a task per some blocks.
-void play(AudioView audio, std::ptrdiff_t lag, const ChainFir& fir, const ChainJob& job,
-          AudioArray& result);
+void play(HeardView audio, std::ptrdiff_t lag, const ChainFir& fir, const ChainJob& job,
+          StemArray& result);
 
-/// The same in single precision, at half the price, for what is only measured.
-void play_to_measure(AudioView audio, std::ptrdiff_t lag, const ChainFir& fir, const ChainJob& job,
+/// The same worked out in single precision, at half the price, for what is only measured.
+void play_to_measure(HeardView audio, std::ptrdiff_t lag, const ChainFir& fir, const ChainJob& job,
                      Heard& result);
 void play_to_measure(HeardView audio, const ChainFir& fir, const ChainJob& job, Heard& result);
 
@@ -40,8 +40,8 @@ struct PlayedStretch {
 };
 
 /// How many tasks playing `audio` makes.
-std::size_t play_tasks(AudioView audio, const ChainFir& fir);
-void play_to_measure(AudioView audio, std::ptrdiff_t lag, const ChainFir& fir, const ChainJob& job,
+std::size_t play_tasks(HeardView audio, const ChainFir& fir);
+void play_to_measure(HeardView audio, std::ptrdiff_t lag, const ChainFir& fir, const ChainJob& job,
                      const std::function<void(const PlayedStretch&)>& take);
 
 }  // namespace verdel::internal

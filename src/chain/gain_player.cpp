@@ -22,8 +22,7 @@ class BandPlayer {
         transform_(plan_.frame),
         window_(root_window(plan_.frame)) {}
 
-  template <class Sample>
-  void play(std::span<const Sample> row, std::size_t channel, std::span<Sample> result) const {
+  void play(std::span<const float> row, std::size_t channel, std::span<float> result) const {
     const Array2D<double>& factors = gain_.of_channel(channel);
     const std::size_t frame = plan_.frame, hop = plan_.hop(), samples = row.size();
     const auto hop_ahead = static_cast<std::ptrdiff_t>(hop);
@@ -44,7 +43,7 @@ class BandPlayer {
       turn_frame(input, factors.row(k), engine_at(channel, k), time, spectrum, output);
       for (std::size_t i = 0; i < hop; ++i) {
         const auto at = static_cast<std::size_t>(begin + static_cast<std::ptrdiff_t>(i));
-        if (at < samples) result[at] = static_cast<Sample>(output[i]);
+        if (at < samples) result[at] = static_cast<float>(output[i]);
       }
       std::copy(output.begin() + hop_ahead, output.end(), output.begin());
       std::fill(output.end() - hop_ahead, output.end(), 0.0);
@@ -97,11 +96,10 @@ void for_each_stretch_of(const FineGain& gain, std::size_t channels, std::size_t
   });
 }
 
-template <class Sample>
-void multiply(std::span<const Sample> row, const std::vector<double>& factors, std::size_t first,
-              std::span<Sample> result) {
+void multiply(std::span<const float> row, const std::vector<double>& factors, std::size_t first,
+              std::span<float> result) {
   for (std::size_t i = 0; i < factors.size(); ++i) {
-    result[first + i] = static_cast<Sample>(factors[i] * static_cast<double>(row[first + i]));
+    result[first + i] = static_cast<float>(factors[i] * static_cast<double>(row[first + i]));
   }
 }
 
@@ -140,7 +138,7 @@ void play(HeardView audio, const FineGain& gain, const ChainJob& job, Heard& res
   }
   const BandPlayer player(gain, job);
   run_indexed(job.pool, audio.rows(),
-              [&](std::size_t c) { player.play<float>(audio.row(c), c, result.row(c)); });
+              [&](std::size_t c) { player.play(audio.row(c), c, result.row(c)); });
 }
 
 void play(const FineGain& gain, const ChainJob& job, StemMap& taps) {
@@ -149,7 +147,7 @@ void play(const FineGain& gain, const ChainJob& job, StemMap& taps) {
     for_each_stretch_of(gain, channels, job.mix.columns(), job,
                         [&](std::size_t c, std::size_t first, const std::vector<double>& factors) {
                           for (auto& tap : taps) {
-                            multiply<double>(tap.audio.row(c), factors, first, tap.audio.row(c));
+                            multiply(tap.audio.row(c), factors, first, tap.audio.row(c));
                           }
                         });
     return;
@@ -157,7 +155,7 @@ void play(const FineGain& gain, const ChainJob& job, StemMap& taps) {
   const BandPlayer player(gain, job);
   run_indexed(job.pool, channels * taps.size(), [&](std::size_t task) {
     const auto row = taps[task / channels].audio.row(task % channels);
-    player.play<double>(row, task % channels, row);
+    player.play(row, task % channels, row);
   });
 }
 

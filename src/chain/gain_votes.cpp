@@ -44,10 +44,10 @@ struct Rest {
   }
 };
 
-VERDEL_INLINE Change change_under(const double* tap, const double* factor, const float* rest,
+VERDEL_INLINE Change change_under(const float* tap, const double* factor, const float* rest,
                                   std::size_t count) {
   const auto d = [=](std::size_t i) __attribute__((always_inline)) {
-    return factor[i] * tap[i];
+    return factor[i] * static_cast<double>(tap[i]);
   };
   return {lane_sum(
               count, [=
@@ -159,15 +159,15 @@ class BandVotes {
     for_each_channel_in(channels, begin, rest.samples(), job_.mix.columns(), fill);
   }
 
-  void fill_tap(AudioView tap, ChannelSet channels, std::ptrdiff_t begin,
+  void fill_tap(HeardView tap, ChannelSet channels, std::ptrdiff_t begin,
                 const PairStretch& weights, PairStretch& stretch) const {
     const auto fill = [&](std::size_t channel, std::size_t first, std::size_t length,
                           std::size_t at) {
       const std::size_t row = channel - channels.first;
       const float* __restrict weight = weights.row(row) + at;
-      const double* __restrict from = tap.row(channel).data() + first;
+      const float* __restrict from = tap.row(channel).data() + first;
       float* __restrict to = stretch.row(row) + at;
-      for (std::size_t i = 0; i < length; ++i) to[i] = weight[i] * static_cast<float>(from[i]);
+      for (std::size_t i = 0; i < length; ++i) to[i] = weight[i] * from[i];
     };
     for_each_channel_in(channels, begin, stretch.samples(), tap.columns(), fill);
   }

@@ -13,11 +13,11 @@ constexpr std::size_t kStretch = 4096;  // samples added up at a time
 /// The part of `row`, moved by `lag`, that lies in the stretch from `first` on, and its place
 /// there.
 struct MovedPart {
-  std::span<const double> samples;
+  std::span<const float> samples;
   std::size_t at = 0;
 };
 
-MovedPart moved_part(std::span<const double> row, std::ptrdiff_t lag, std::size_t first,
+MovedPart moved_part(std::span<const float> row, std::ptrdiff_t lag, std::size_t first,
                      std::size_t count) {
   const auto begin = static_cast<std::ptrdiff_t>(first) - lag;
   const auto size = static_cast<std::ptrdiff_t>(row.size());
@@ -45,8 +45,7 @@ void HeardTaps::hear(std::size_t tap, const ChainFir* master, const ChainJob& jo
     const auto row = into.row(c);
     std::ranges::fill(row, 0.0F);
     const auto part = moved_part(given(tap).row(c), paths[tap].lag, 0, row.size());
-    std::ranges::transform(part.samples, row.data() + part.at,
-                           [](double sample) { return static_cast<float>(sample); });
+    std::ranges::copy(part.samples, row.data() + part.at);
   }
 }
 
@@ -61,7 +60,9 @@ void HeardTaps::sum(const ChainJob& job, Heard& into, Heard& room) const {
       for (std::size_t tap = 0; tap < size(); ++tap) {
         if (paths[tap].own) continue;
         const auto part = moved_part(given(tap).row(c), paths[tap].lag, first, count);
-        for (std::size_t i = 0; i < part.samples.size(); ++i) sums[part.at + i] += part.samples[i];
+        for (std::size_t i = 0; i < part.samples.size(); ++i) {
+          sums[part.at + i] += static_cast<double>(part.samples[i]);
+        }
       }
       std::transform(sums.begin(), sums.begin() + static_cast<std::ptrdiff_t>(count),
                      row.data() + first, [](double sum) { return static_cast<float>(sum); });
@@ -75,11 +76,11 @@ void HeardTaps::sum(const ChainJob& job, Heard& into, Heard& room) const {
 }
 
 void HeardTaps::hand_out(const ChainFir* master, const ChainJob& job, StemMap& taps) const {
-  AudioArray room;
+  StemArray room;
   for (std::size_t tap = 0; tap < size(); ++tap) {
-    AudioArray& audio = taps[tap].audio;
+    StemArray& audio = taps[tap].audio;
     if (const auto fir = way(tap, master)) {
-      if (room.empty()) room = AudioArray::uninitialised(audio.rows(), audio.columns());
+      if (room.empty()) room = StemArray::uninitialised(audio.rows(), audio.columns());
       play(audio.view(), paths[tap].lag, *fir, job, room);
       std::swap(audio, room);
     } else if (paths[tap].lag != 0) {

@@ -22,7 +22,7 @@ class HeardTaps {
   explicit HeardTaps(const StemMap& taps) : paths(taps.size()), taps_(taps) {}
 
   std::size_t size() const { return paths.size(); }
-  AudioView given(std::size_t tap) const { return taps_[tap].audio.view(); }
+  HeardView given(std::size_t tap) const { return taps_[tap].audio.view(); }
   /// What a tap goes through on its way to the listener; absent where it is nothing.
   std::optional<ChainFir> way(std::size_t tap, const ChainFir* master) const;
 

@@ -105,7 +105,7 @@ class Glance {
     for (std::size_t i = 0; i < gains.size(); ++i) {
       const std::ptrdiff_t place = begin + static_cast<std::ptrdiff_t>(i);
       const bool inside = place >= 0 && place < static_cast<std::ptrdiff_t>(row.size());
-      const auto sample = inside ? static_cast<float>(row[static_cast<std::size_t>(place)]) : 0.0F;
+      const auto sample = inside ? row[static_cast<std::size_t>(place)] : 0.0F;
       time.data()[i] = static_cast<float>(window_[i]) * gains[i] * sample;
     }
   }

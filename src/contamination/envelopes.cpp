@@ -17,8 +17,7 @@ namespace {
 
 constexpr std::size_t kBlock = 1024;  // samples reduced at a time, a multiple of every cell
 
-template <class Value>
-VERDEL_INLINE void add_row(const Value* __restrict row, std::size_t count, double* __restrict sum) {
+VERDEL_INLINE void add_row(const float* __restrict row, std::size_t count, double* __restrict sum) {
   for (std::size_t i = 0; i < count; ++i) sum[i] += static_cast<double>(row[i]);
 }
 
@@ -31,8 +30,9 @@ VERDEL_INLINE void square_and_fold(double* __restrict values, std::size_t count,
   }
 }
 
-template <class Value>
-void reduce_to_cells(RowsView<const Value> rows, std::size_t cell, std::span<float> cells) {
+}  // namespace
+
+void mean_square_cells(RowsView<const float> rows, std::size_t cell, std::span<float> cells) {
   assert(std::has_single_bit(cell) && cell <= kBlock);
   assert(cells.size() == (rows.columns() + cell - 1) / cell);
   auto mono = AudioArray::uninitialised(1, kBlock);
@@ -41,7 +41,7 @@ void reduce_to_cells(RowsView<const Value> rows, std::size_t cell, std::span<flo
     const std::size_t count = std::min(kBlock, rows.columns() - first);
     std::ranges::fill(mono.flat(), 0.0);
     for (std::size_t r = 0; r < rows.rows(); ++r) {
-      run_kernel<add_row<Value>>(rows.row(r).data() + first, count, mono.data());
+      run_kernel<add_row>(rows.row(r).data() + first, count, mono.data());
     }
     run_kernel<square_and_fold>(mono.data(), kBlock, cell);
     for (std::size_t begin = 0; begin < count; begin += cell) {
@@ -50,16 +50,6 @@ void reduce_to_cells(RowsView<const Value> rows, std::size_t cell, std::span<flo
           static_cast<float>(mono.data()[begin / cell] / (samples * row_count * row_count));
     }
   }
-}
-
-}  // namespace
-
-void mean_square_cells(RowsView<const float> rows, std::size_t cell, std::span<float> cells) {
-  reduce_to_cells(rows, cell, cells);
-}
-
-void mean_square_cells(RowsView<const double> rows, std::size_t cell, std::span<float> cells) {
-  reduce_to_cells(rows, cell, cells);
 }
 
 EnvelopeCurve envelope_curve(std::span<const float> cells, double window_cells) {

@@ -17,7 +17,6 @@ namespace verdel::internal {
 /// cells[k] = mean over samples k * cell .. k * cell + cell - 1 of the squared mean of the rows;
 /// the last cell may hold fewer samples. `cell` is a power of two.
 void mean_square_cells(RowsView<const float> rows, std::size_t cell, std::span<float> cells);
-void mean_square_cells(RowsView<const double> rows, std::size_t cell, std::span<float> cells);
 
 /// An envelope without its mean, ready to be compared.
 struct EnvelopeCurve {

@@ -34,7 +34,7 @@ struct Traces {
 void trace_slice(const ReportJob& job, const SlicePlan& plan, const BandSeparation& separation,
                  std::size_t stem, std::size_t slice, SeparationScratch& scratch,
                  Array2D<float>& room, Traces& traces, const StopToken& stop) {
-  const AudioView est = job.est[stem].audio, tap = job.taps[stem].audio;
+  const StemView est = job.est[stem].audio, tap = job.taps[stem].audio;
   const std::size_t begin = plan.core_begin(slice), frames = plan.core_frames(slice);
   const RowsView<float> foreign = room.view().column_range(0, frames);
   double foreign_energy = 0.0, stem_energy = 0.0;
@@ -85,7 +85,7 @@ double sum_in_order(std::span<const double> values) {
 std::vector<StemContamination> measure_contamination(const ReportJob& job, const StopToken& stop) {
   assert(!job.est.empty() && job.taps.size() == job.est.size());
   const std::size_t stems = job.est.size();
-  const AudioView first = job.est.front().audio;
+  const StemView first = job.est.front().audio;
   const SlicePlan plan = plan_slices(first.columns(), job.sr, job.nfft);
   const std::size_t workers = std::clamp<std::size_t>(job.workers, 1, stems * plan.count);
   std::unique_ptr<ThreadPool> pool;

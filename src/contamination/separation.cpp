@@ -10,10 +10,6 @@ namespace {
 
 constexpr double kCompareSeconds = 0.05;
 
-void to_single(std::span<const double> from, float* to) {
-  for (std::size_t i = 0; i < from.size(); ++i) to[i] = static_cast<float>(from[i]);
-}
-
 std::size_t spectrum_size(const ReportBand& band) {
   return band.complex() ? band.points : band.points / 2 + 1;
 }
@@ -60,12 +56,12 @@ SeparationScratch BandSeparation::make_scratch() const {
           .comparison = {}};
 }
 
-void BandSeparation::transform_slice(const SlicePlan::Extent& extent, std::span<const double> song,
+void BandSeparation::transform_slice(const SlicePlan::Extent& extent, std::span<const float> song,
                                      Array2D<float>& samples,
                                      Array2D<std::complex<float>>& spectrum) const {
   float* const slice = samples.data();
   std::fill_n(slice, extent.first, 0.0F);
-  to_single(song, slice + extent.first);
+  std::ranges::copy(song, slice + extent.first);
   std::fill(slice + extent.stop, slice + plan_.length, 0.0F);
   slice_transform_.forward(slice, spectrum.data());
 }
@@ -100,8 +96,8 @@ bool BandSeparation::separate_band(const ReportBand& band, const SlicePlan::Exte
   return explained;
 }
 
-bool BandSeparation::worth_comparing(std::span<const double> stem,
-                                     std::span<const double> tap) const {
+bool BandSeparation::worth_comparing(std::span<const float> stem,
+                                     std::span<const float> tap) const {
   // No band of the tap has more energy than all of it, and a window that reflects at the song's
   // ends sees each sample as often as the song fits into it, and twice more at most. Where even
   // that stays under the floor, in digital silence say, every gain is 0.
@@ -114,11 +110,11 @@ bool BandSeparation::worth_comparing(std::span<const double> stem,
     energy += sum_of_squares(tap.subspan(i, std::min(kBlock, tap.size() - i)));
   }
   return energy > least_energy &&
-         std::any_of(stem.begin(), stem.end(), [](double sample) { return sample != 0.0; });
+         std::any_of(stem.begin(), stem.end(), [](float sample) { return sample != 0.0F; });
 }
 
-void BandSeparation::foreign_part(std::size_t slice, std::span<const double> stem,
-                                  std::span<const double> tap, SeparationScratch& scratch,
+void BandSeparation::foreign_part(std::size_t slice, std::span<const float> stem,
+                                  std::span<const float> tap, SeparationScratch& scratch,
                                   std::span<float> foreign, const StopToken& stop) const {
   assert(stem.size() == plan_.frames && tap.size() == plan_.frames);
   assert(foreign.size() == plan_.core_frames(slice));
@@ -137,7 +133,7 @@ void BandSeparation::foreign_part(std::size_t slice, std::span<const double> ste
   }
   if (!explained) {
     // Nothing of the tap is in the stem: all of it is foreign, without the detour's rounding.
-    to_single(stem.subspan(plan_.core_begin(slice), foreign.size()), foreign.data());
+    std::ranges::copy(stem.subspan(plan_.core_begin(slice), foreign.size()), foreign.begin());
     return;
   }
   slice_transform_.inverse(scratch.rest.data(), scratch.samples.data());

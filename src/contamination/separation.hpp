@@ -40,14 +40,14 @@ class BandSeparation {
 
   /// The foreign part in one slice's core. `stem` and `tap` are one channel of the whole song;
   /// `foreign` holds plan.core_frames(slice) samples. Throws Cancelled.
-  void foreign_part(std::size_t slice, std::span<const double> stem, std::span<const double> tap,
+  void foreign_part(std::size_t slice, std::span<const float> stem, std::span<const float> tap,
                     SeparationScratch& scratch, std::span<float> foreign,
                     const StopToken& stop) const;
 
  private:
-  void transform_slice(const SlicePlan::Extent& extent, std::span<const double> song,
+  void transform_slice(const SlicePlan::Extent& extent, std::span<const float> song,
                        Array2D<float>& samples, Array2D<std::complex<float>>& spectrum) const;
-  bool worth_comparing(std::span<const double> stem, std::span<const double> tap) const;
+  bool worth_comparing(std::span<const float> stem, std::span<const float> tap) const;
   bool separate_band(const ReportBand& band, const SlicePlan::Extent& extent,
                      SeparationScratch& scratch) const;
 

@@ -1,11 +1,13 @@
 #include "delivery/coordinated_float32.hpp"
 
 #include <algorithm>
+#include <atomic>
 #include <cassert>
 #include <cmath>
 #include <cstdint>
 #include <limits>
-#include <span>
+#include <mutex>
+#include <utility>
 #include <vector>
 
 #include "signal/profile.hpp"
@@ -37,28 +39,19 @@ struct Scratch {
   std::vector<std::uint16_t> owner = std::vector<std::uint16_t>(kBlock);
 };
 
-template <class Function>
-void for_each_block(AudioView mix, const StopToken& stop, Function function) {
-  for (std::size_t channel = 0; channel < mix.rows(); ++channel) {
-    for (std::size_t first = 0; first < mix.columns(); first += kBlock) {
-      stop.check();
-      function(Block{channel, first, std::min(kBlock, mix.columns() - first)});
-    }
-  }
-}
-
 // Once a value is not a number, the largest is not one either: a fault may not pass for a null.
 void raise(double& largest, double value) {
   if (value > largest || value != value) largest = value;
 }
 
-float* samples_of(NamedStem<Array2D<float>>& stem, const Block& block) {
+float* samples_of(NamedStem<StemArray>& stem, const Block& block) {
   return stem.audio.row(block.channel).data() + block.first;
 }
 
-void round_stems(const StemViews& est, const Block& block, DeliveredStems& delivered) {
-  for (std::size_t stem = 0; stem < est.size(); ++stem) {
-    const double* source = est[stem].audio.row(block.channel).data() + block.first;
+// `stems`: those of the block.
+void round_stems(RowsView<const double> stems, const Block& block, StemMap& delivered) {
+  for (std::size_t stem = 0; stem < delivered.size(); ++stem) {
+    const double* source = stems.row(stem).data();
     float* target = samples_of(delivered[stem], block);
     for (std::size_t i = 0; i < block.count; ++i) target[i] = static_cast<float>(source[i]);
   }
@@ -66,7 +59,7 @@ void round_stems(const StemViews& est, const Block& block, DeliveredStems& deliv
 
 // The mix minus the sum of the delivered stems, added up in stem order as a listener's player or
 // the proof on the written files does.
-void residual_of(DeliveredStems& delivered, AudioView mix, const Block& block, Scratch& scratch) {
+void residual_of(StemMap& delivered, AudioView mix, const Block& block, Scratch& scratch) {
   double* const residual = scratch.residual.data();
   std::fill_n(residual, block.count, 0.0);
   for (auto& stem : delivered) {
@@ -77,7 +70,7 @@ void residual_of(DeliveredStems& delivered, AudioView mix, const Block& block, S
   for (std::size_t i = 0; i < block.count; ++i) residual[i] = target[i] - residual[i];
 }
 
-void choose_owners(DeliveredStems& delivered, const Block& block, Scratch& scratch) {
+void choose_owners(StemMap& delivered, const Block& block, Scratch& scratch) {
   float* const loudest = scratch.loudest.data();
   std::uint16_t* const owner = scratch.owner.data();
   std::fill_n(loudest, block.count, 0.0f);
@@ -95,8 +88,9 @@ void choose_owners(DeliveredStems& delivered, const Block& block, Scratch& scrat
 }
 
 // Gives each sample's residual to its owner; raises `largest_step` to the largest change.
-void hand_over(DeliveredStems& delivered, const Block& block, const Scratch& scratch,
-               double& largest_step) {
+void give_to_owners(StemMap& delivered, const Block& block, Scratch& scratch,
+                    double& largest_step) {
+  choose_owners(delivered, block, scratch);
   for (std::size_t i = 0; i < block.count; ++i) {
     float& sample = samples_of(delivered[scratch.owner[i]], block)[i];
     const auto before = static_cast<double>(sample);
@@ -105,48 +99,95 @@ void hand_over(DeliveredStems& delivered, const Block& block, const Scratch& scr
   }
 }
 
-void coordinate(DeliveredStems& delivered, AudioView mix, double mix_peak, Scratch& scratch,
-                const StopToken& stop) {
-  double largest_step = 0.0;
-  for_each_block(mix, stop, [&](const Block& block) {
-    residual_of(delivered, mix, block, scratch);
-    choose_owners(delivered, block, scratch);
-    hand_over(delivered, block, scratch, largest_step);
-  });
-  if (!(largest_step <= kLargestStepPerPeak * std::max(mix_peak, kSmallestPeak))) {
-    throw RuntimeError("coordinated FLOAT32 delivery exceeded its rounding-only bound");
+}  // namespace
+
+struct CoordinatedStems::State {
+  State(std::vector<std::string> stem_names, AudioView whole, double null_threshold)
+      : names(std::move(stem_names)),
+        mix(whole),
+        measured(null_threshold <= kDeepestUncoordinated && !names.empty()),
+        target(std::pow(10.0, null_threshold / 20.0)) {
+    for (const std::string& name : names) {
+      delivered.push_back({name, StemArray::uninitialised(mix.rows(), mix.columns())});
+    }
+  }
+
+  void take_block(const Block& block, RowsView<const double> stems, Scratch& scratch);
+
+  std::vector<std::string> names;
+  AudioView mix;
+  bool measured;
+  double target;
+  StemMap delivered;
+  /// Whether plain rounding is too coarse, which one sample decides for all. Blocks that came
+  /// before it wait, rounded plainly, and are looked at again at the end.
+  std::atomic<bool> is_coarse = false;
+  std::mutex mutex;  // of what follows
+  std::vector<Block> waiting;
+  double mix_peak = 0.0, largest_step = 0.0;
+};
+
+void CoordinatedStems::State::take_block(const Block& block, RowsView<const double> stems,
+                                         Scratch& scratch) {
+  round_stems(stems, block, delivered);
+  if (!measured) return;
+  residual_of(delivered, mix, block, scratch);
+  double residual_peak = 0.0, peak = 0.0;
+  for (std::size_t i = 0; i < block.count; ++i) {
+    raise(residual_peak, std::abs(scratch.residual[i]));
+    raise(peak, std::abs(mix.row(block.channel)[block.first + i]));
+  }
+  if (!(residual_peak < target)) is_coarse = true;
+  double step = 0.0;
+  const bool waits = !is_coarse;
+  if (!waits) give_to_owners(delivered, block, scratch, step);
+  const std::lock_guard lock(mutex);
+  if (waits) waiting.push_back(block);
+  raise(mix_peak, peak);
+  raise(largest_step, step);
+}
+
+CoordinatedStems::CoordinatedStems(std::vector<std::string> names, AudioView mix,
+                                   double null_threshold) {
+  if (names.size() > kMostStems) {
+    throw ValueError("cannot deliver more than 65536 stems at once");
+  }
+  state_ = std::make_unique<State>(std::move(names), mix, null_threshold);
+}
+
+CoordinatedStems::CoordinatedStems(CoordinatedStems&&) noexcept = default;
+CoordinatedStems::~CoordinatedStems() = default;
+
+const std::vector<std::string>& CoordinatedStems::names() const {
+  return state_->names;
+}
+
+void CoordinatedStems::take(std::size_t channel, std::size_t first, RowsView<const double> stems) {
+  assert(stems.rows() == state_->names.size());
+  assert(first + stems.columns() <= state_->mix.columns());
+  Scratch scratch;
+  for (std::size_t done = 0; done < stems.columns(); done += kBlock) {
+    const std::size_t count = std::min(kBlock, stems.columns() - done);
+    state_->take_block({channel, first + done, count}, stems.column_range(done, done + count),
+                       scratch);
   }
 }
 
-}  // namespace
-
-DeliveredStems _coordinated_float32_delivery(const StemViews& est, AudioView mix,
-                                             double null_threshold, const StopToken& stop) {
-  if (est.size() > kMostStems) {
-    throw ValueError("cannot deliver more than 65536 stems at once");
-  }
-  DeliveredStems delivered;
-  delivered.reserve(est.size());
-  for (const auto& stem : est) {
-    assert(mix.same_shape(stem.audio));
-    delivered.push_back({stem.name, Array2D<float>::uninitialised(mix.rows(), mix.columns())});
-  }
-  const bool measured = null_threshold <= kDeepestUncoordinated;
-  Scratch scratch;
-  double largest_residual = 0.0, mix_peak = 0.0;
-  for_each_block(mix, stop, [&](const Block& block) {
-    round_stems(est, block, delivered);
-    if (!measured) return;
-    residual_of(delivered, mix, block, scratch);
-    for (std::size_t i = 0; i < block.count; ++i) {
-      raise(largest_residual, std::abs(scratch.residual[i]));
-      raise(mix_peak, std::abs(mix.row(block.channel)[block.first + i]));
+StemMap CoordinatedStems::finish(const StopToken& stop) {
+  State& state = *state_;
+  if (state.is_coarse) {
+    Scratch scratch;
+    for (const Block& block : state.waiting) {
+      stop.check();
+      residual_of(state.delivered, state.mix, block, scratch);
+      give_to_owners(state.delivered, block, scratch, state.largest_step);
     }
-  });
-  const double target = std::pow(10.0, null_threshold / 20.0);
-  if (!measured || delivered.empty() || largest_residual < target) return delivered;
-  coordinate(delivered, mix, mix_peak, scratch, stop);
-  return delivered;
+    const double bound = kLargestStepPerPeak * std::max(state.mix_peak, kSmallestPeak);
+    if (!(state.largest_step <= bound)) {
+      throw RuntimeError("coordinated FLOAT32 delivery exceeded its rounding-only bound");
+    }
+  }
+  return std::move(state.delivered);
 }
 
 }  // namespace verdel::internal

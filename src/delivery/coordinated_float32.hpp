@@ -1,5 +1,8 @@
 #pragma once
 
+#include <cstddef>
+#include <memory>
+#include <string>
 #include <vector>
 
 #include "signal/arrays.hpp"
@@ -7,19 +10,34 @@
 
 namespace verdel::internal {
 
-/// Stems as they go to the disk, in stem order, [channels][samples] each.
-using DeliveredStems = std::vector<NamedStem<Array2D<float>>>;
+/// Rounds stems to 32-bit float, piece by piece as they are made, so that their sum still is the
+/// mix: at every sample the rounding errors of all stems together go to the one with the largest
+/// magnitude there (the earliest among equals), and what is left is the rounding of that one value.
+/// With a `null_threshold` above -140 dB, or where plain rounding stays below it in the whole of
+/// the mix, the stems are rounded and nothing else. No bit depends on the order of the pieces.
+class CoordinatedStems {
+ public:
+  /// `mix`: [channels][samples], the range that is delivered; it outlives this. Throws ValueError
+  /// for more than 65536 stems.
+  CoordinatedStems(std::vector<std::string> names, AudioView mix, double null_threshold);
+  CoordinatedStems(CoordinatedStems&&) noexcept;
+  ~CoordinatedStems();
 
-/// Rounds the stems to 32-bit float so that their sum still is the mix: at every sample the
-/// rounding errors of all stems together go to the one with the largest magnitude there (the
-/// earliest among equals), and what is left is the rounding of that one value. With a
-/// `null_threshold` above -140 dB, or where plain rounding already stays below it, the stems are
-/// rounded and nothing else.
-///
-/// Shapes: mix [channels][samples], every stem the same; est is not written.
-/// Errors: ValueError for more than 65536 stems; RuntimeError if the stems differ from the mix by
-/// more than rounding explains, or hold a value that a float cannot; Cancelled by `stop`.
-DeliveredStems _coordinated_float32_delivery(const StemViews& est, AudioView mix,
-                                             double null_threshold, const StopToken& stop = {});
+  const std::vector<std::string>& names() const;
+
+  /// Takes the stems of one channel from sample `first` of the mix on, [stems][samples], in the
+  /// order of the names. From any thread; every sample comes once.
+  void take(std::size_t channel, std::size_t first, RowsView<const double> stems);
+
+  /// The stems as they go to the disk, when all samples have come; the last call.
+  ///
+  /// Errors: RuntimeError if the stems differ from the mix by more than rounding explains, or hold
+  /// a value that a float cannot; Cancelled by `stop`.
+  StemMap finish(const StopToken& stop = {});
+
+ private:
+  struct State;
+  std::unique_ptr<State> state_;
+};
 
 }  // namespace verdel::internal

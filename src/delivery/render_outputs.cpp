@@ -9,7 +9,6 @@
 #include <vector>
 
 #include "delivery/audio_file_writing.hpp"
-#include "delivery/coordinated_float32.hpp"
 #include "delivery/output_place.hpp"
 #include "delivery/unfinished_file.hpp"
 #include "inputs/path_text.hpp"
@@ -24,7 +23,7 @@ constexpr std::size_t kNameWidth = 14;  // characters
 // dBFS; half a float step below it is 2^-24, -144.5 dBFS, and above it 2^-23, -138.5 dBFS.
 constexpr double kLoudestExactStem = 6.0;
 
-AudioView tap_of(const StemViews& taps, const std::string& name) {
+StemView tap_of(const StemViews& taps, const std::string& name) {
   const auto tap =
       std::find_if(taps.begin(), taps.end(), [&](const auto& entry) { return entry.name == name; });
   assert(tap != taps.end());
@@ -41,11 +40,10 @@ void write_file(const std::string& path, int sr, RowsView<const Sample> audio,
 
 /// Returns the level of the loudest sample of all.
 double write_stems(const RenderOutputs& outputs, const std::vector<std::string>& files,
-                   DeliveredStems delivered, const LineSink& line, const StopToken& stop) {
+                   const StemMap& delivered, const LineSink& line, const StopToken& stop) {
   double loudest = -999.0;
   for (std::size_t stem = 0; stem < delivered.size(); ++stem) {
-    // Moved out, so that a stem's memory is free again as soon as it is written.
-    const auto [name, audio] = std::move(delivered[stem]);
+    const auto& [name, audio] = delivered[stem];
     write_file(files[stem], outputs.sr, audio.view(), stop);
     const Levels stem_levels = levels(audio.view());
     loudest = std::max(loudest, stem_levels.peak);
@@ -58,14 +56,15 @@ double write_stems(const RenderOutputs& outputs, const std::vector<std::string>&
 
 }  // namespace
 
-DeliveryVerdict write_render_outputs(const RenderOutputs& outputs, const LineSink& line,
-                                     const std::function<void()>& report, const StopToken& stop) {
+DeliveryVerdict write_render_outputs(const RenderOutputs& outputs, CoordinatedStems rendered,
+                                     const LineSink& line, const StemReport& report,
+                                     const StopToken& stop) {
   const auto path_of = [&](const std::string& name) { return join(outputs.out, name + ".wav"); };
   std::vector<StemInput> stems;
   std::vector<std::string> files;
-  for (const auto& stem : outputs.est) {
-    files.push_back(path_of(stem.name));
-    stems.push_back({stem.name, {files.back()}});
+  for (const std::string& name : rendered.names()) {
+    files.push_back(path_of(name));
+    stems.push_back({name, {files.back()}});
   }
   if (outputs.write_null) files.push_back(path_of(kNullResidualName));
 
@@ -75,15 +74,15 @@ DeliveryVerdict write_render_outputs(const RenderOutputs& outputs, const LineSin
 
   const StageSink begin = outputs.begin ? outputs.begin : [](Stage) {};
   begin(Stage::kRounding);
-  DeliveredStems delivered =
-      _coordinated_float32_delivery(outputs.est, outputs.mix, outputs.null_threshold, stop);
+  StemMap delivered = rendered.finish(stop);
   begin(Stage::kWriting);
   line("");
-  const double loudest = write_stems(outputs, files, std::move(delivered), line, stop);
+  const double loudest = write_stems(outputs, files, delivered, line, stop);
   if (report) {
     begin(Stage::kComparing);
-    report();
+    report(views_of(delivered));
   }
+  delivered.clear();  // the proof needs nothing but the files
   begin(Stage::kProving);
   const auto residual = written_residual(stems, outputs.mix, outputs.sr, stop);
   if (outputs.write_null) write_file(files.back(), outputs.sr, residual.view(), stop);

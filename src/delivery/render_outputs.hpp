@@ -3,6 +3,7 @@
 #include <functional>
 #include <string>
 
+#include "delivery/coordinated_float32.hpp"
 #include "delivery/verification.hpp"
 #include "signal/arrays.hpp"
 #include "support/line_sink.hpp"
@@ -16,8 +17,7 @@ namespace verdel::internal {
 struct RenderOutputs {
   std::string out;          ///< the folder to write to
   bool write_null = false;  ///< also write what is left of the mix
-  StemViews est;            ///< the stems as rendered, in stem order
-  StemViews taps;           ///< the aligned taps under the same names
+  StemViews taps;           ///< the aligned taps, under the names of the stems
   int sr = 0;               ///< Hz
   AudioView mix;
   double null_threshold = -100.0;  ///< dB
@@ -29,6 +29,9 @@ struct DeliveryVerdict {
   double loudest_stem;  ///< dB, the peak of all stems
 };
 
+/// Says how the stems as written compare with their taps.
+using StemReport = std::function<void(const StemViews& stems)>;
+
 /// Writes one 32-bit float file per stem into the folder (made with its parents if need be), each
 /// under its own name only once it is complete, then reads all of them back and measures what the
 /// mix has beyond their sum. A line per stem and the verdict go to `line`; `report`, which may be
@@ -36,10 +39,10 @@ struct DeliveryVerdict {
 /// ones that a killed run has left in the folder are removed.
 ///
 /// Errors: OSError naming the file or folder that cannot be written; those of
-/// _coordinated_float32_delivery before any file is written; those of written_residual.
+/// CoordinatedStems::finish before any file is written; those of written_residual.
 /// A null that is too shallow is no error but a verdict.
-DeliveryVerdict write_render_outputs(const RenderOutputs& outputs, const LineSink& line,
-                                     const std::function<void()>& report,
+DeliveryVerdict write_render_outputs(const RenderOutputs& outputs, CoordinatedStems rendered,
+                                     const LineSink& line, const StemReport& report,
                                      const StopToken& stop = {});
 
 /// A line for the user whose render failed its proof: what is left, where, and what to do. `start`

@@ -104,7 +104,7 @@ void write_heard(const std::string& folder, const StemMap& taps, int sr, const S
   for (const auto& tap : taps) files.push_back(audio_file(folder, tap.name));
   prepare(folder, files);
   for (std::size_t i = 0; i < taps.size(); ++i) {
-    const AudioView audio = taps[i].audio.view();
+    const StemView audio = taps[i].audio.view();
     require_free(files[i]);
     AudioFileWriter writer(files[i],
                            {.sr = sr, .channels = audio.rows(), .frames = audio.columns()});

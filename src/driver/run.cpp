@@ -43,8 +43,8 @@ std::string with_file(const std::exception& failure, const Mix& mix, const StemM
          unfit_text(*unfit, mix.channels(), is_pair ? 0 : unfit->channel);
 }
 
-StemMap render(const Run& run, const SongJob& job, const Mix& mix, StemMap& taps,
-               const std::vector<StemInput>& plan, SongLines& lines) {
+CoordinatedStems render(const Run& run, const SongJob& job, const Mix& mix, StemMap& taps,
+                        const std::vector<StemInput>& plan, SongLines& lines) {
   try {
     return render_song(job, taps, run.machine, lines, run.stop);
   } catch (const FloatingPointError& failure) {
@@ -54,14 +54,15 @@ StemMap render(const Run& run, const SongJob& job, const Mix& mix, StemMap& taps
   }
 }
 
-void deliver(const Run& run, const SongJob& job, const StemMap& taps, const StemMap& stems,
+void deliver(const Run& run, const SongJob& job, const StemMap& taps, CoordinatedStems stems,
              SongLines& lines) {
   const SongFiles files{.out = *run.options.out,
                         .write_null = run.options.write_null,
                         .report = !run.options.no_report,
                         .workers = run.machine.processors()};
   const LineSink print = [&run](std::string_view line) { run.lines.print(line); };
-  const DeliveryVerdict verdict = deliver_song(job, taps, stems, files, print, lines, run.stop);
+  const DeliveryVerdict verdict =
+      deliver_song(job, taps, std::move(stems), files, print, lines, run.stop);
   if (!verdict.proof.passed) {
     throw RuntimeError("written single-band stems failed reconstruction verification\n" +
                        shallow_null_text(verdict, job.range.first, job.sr));
@@ -98,9 +99,9 @@ void run_engine(Run run) {
     run.lines.release();
     lines.aligned(moved);
   }
-  const StemMap stems = render(run, job, mix, taps, plan, lines);
+  CoordinatedStems stems = render(run, job, mix, taps, plan, lines);
   lines.finalize();
-  deliver(run, job, taps, stems, lines);
+  deliver(run, job, taps, std::move(stems), lines);
 }
 
 }  // namespace verdel::internal

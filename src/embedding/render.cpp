@@ -26,14 +26,16 @@
 namespace verdel::internal {
 namespace {
 
-AudioArray copy_of(const std::vector<ChannelView>& channels, std::size_t frames,
-                   const std::string& owner) {
-  auto audio = AudioArray::uninitialised(channels.size(), frames);
+template <class Sample>
+Array2D<Sample> copy_of(const std::vector<ChannelView>& channels, std::size_t frames,
+                        const std::string& owner) {
+  auto audio = Array2D<Sample>::uninitialised(channels.size(), frames);
   for (std::size_t channel = 0; channel < channels.size(); ++channel) {
     if (channels[channel].size() != frames) {
       throw ValueError(owner + ": channels and mix must have one length");
     }
-    std::ranges::copy(channels[channel], audio.row(channel).begin());
+    std::ranges::transform(channels[channel], audio.row(channel).begin(),
+                           [](double sample) { return static_cast<Sample>(sample); });
   }
   return audio;
 }
@@ -63,7 +65,7 @@ StemMap taps_of(const RenderRequest& request, const AudioArray& mix) {
     if (tap.channels.size() != mix.rows()) {
       throw ValueError(owner + ": must have as many channels as the mix");
     }
-    taps.push_back({tap.name, copy_of(tap.channels, mix.columns(), owner)});
+    taps.push_back({tap.name, copy_of<float>(tap.channels, mix.columns(), owner)});
   }
   return taps;
 }
@@ -73,7 +75,7 @@ AudioArray mix_of(const RenderRequest& request) {
     throw ValueError("a render needs a mix and at least one tap");
   }
   if (request.sample_rate <= 0) throw ValueError("the sample rate must be positive");
-  return copy_of(request.mix, request.mix.front().size(), "mix");
+  return copy_of<double>(request.mix, request.mix.front().size(), "mix");
 }
 
 Machine machine_for(const RenderRequest& request) {
@@ -84,15 +86,11 @@ Machine machine_for(const RenderRequest& request) {
   return machine;
 }
 
-/// Hands progress to the caller, keeps the caller's wish to stop, and gives up the taps when they
-/// have served.
+/// Hands progress to the caller and keeps the caller's wish to stop.
 class CallersView : public SongObserver {
  public:
-  CallersView(const RenderRequest& request, StemMap& taps) : request_(request), taps_(taps) {}
+  explicit CallersView(const RenderRequest& request) : request_(request) {}
 
-  void begin(Stage stage) override {
-    if (stage == Stage::kAllocating) taps_.clear();
-  }
   void aligned(const std::vector<AppliedLag>& lags) override { lags_ = lags; }
   void progress(std::size_t done, std::size_t total) override {
     const double rest = 1.0 - before_render_;
@@ -116,7 +114,6 @@ class CallersView : public SongObserver {
 
   double before_render_ = 0.0;
   const RenderRequest& request_;
-  StemMap& taps_;
   std::vector<AppliedLag> lags_;
   std::atomic<bool> stop_ = false;
 };
@@ -131,26 +128,25 @@ std::string with_input(const std::exception& failure, AudioView mix, const StemM
          unfit_text(*unfit, mix.rows(), unfit->channel);
 }
 
-RenderResult result_of(const DeliveredStems& delivered, AudioView mix,
-                       const std::vector<AppliedLag>& lags) {
+RenderResult result_of(StemMap delivered, AudioView mix, const std::vector<AppliedLag>& lags) {
   RenderResult result;
-  auto sum = AudioArray::zeros(mix.rows(), mix.columns());
-  for (const auto& [name, audio] : delivered) {
+  const AudioArray sum = sum_of(delivered, mix.rows(), mix.columns());
+  result.null_peak = levels_of_difference(mix, sum.view()).peak;
+  for (auto& entry : delivered) {
+    const auto [name, audio] = std::move(entry);  // given up as soon as it is copied
     RenderedStem stem{name, {}};
     for (std::size_t channel = 0; channel < audio.rows(); ++channel) {
       const auto row = audio.row(channel);
       stem.channels.emplace_back(row.begin(), row.end());
-      const auto total = sum.row(channel);
-      for (std::size_t i = 0; i < row.size(); ++i) total[i] += static_cast<double>(row[i]);
     }
     result.stems.push_back(std::move(stem));
   }
   for (const AppliedLag& moved : lags) result.moved.push_back({moved.name, moved.lag});
-  result.null_peak = levels(difference_from(mix, std::move(sum)).view()).peak;
   return result;
 }
 
-StemMap stems_of(const SongJob& job, StemMap& taps, const Machine& machine, CallersView& caller) {
+CoordinatedStems stems_of(const SongJob& job, StemMap& taps, const Machine& machine,
+                          CallersView& caller) {
   try {
     return render_song(job, taps, machine, caller, caller.token());
   } catch (const FloatingPointError& failure) {
@@ -194,18 +190,17 @@ RenderResult render_request(const RenderRequest& request) {
     throw ValueError(*error);
   }
   StemMap taps = taps_of(request, mix);
-  CallersView caller(request, taps);
+  CallersView caller(request);
   caller.tell(0.0);
   std::optional<ChainResult> chain;
   if (request.chain) chain = hear(job, taps, machine, caller);
-  const StemMap stems = stems_of(job, taps, machine, caller);
-  const AudioView part = job.mix.column_range(job.range.first, job.range.stop);
-  const double threshold = job.profile.null_threshold;
-  const auto delivered =
-      _coordinated_float32_delivery(views_of(stems), part, threshold, caller.token());
-  RenderResult result = result_of(delivered, part, caller.lags());
+  CoordinatedStems stems = stems_of(job, taps, machine, caller);
+  taps.clear();
+  RenderResult result =
+      result_of(stems.finish(caller.token()), job.mix.column_range(job.range.first, job.range.stop),
+                caller.lags());
   result.chain = std::move(chain);
-  if (!(result.null_peak < threshold)) {
+  if (!(result.null_peak < job.profile.null_threshold)) {
     throw RuntimeError(fmt::format("the stems miss the mix by {:.1f} dBFS. {}", result.null_peak,
                                    "Turn the mix down: beyond 2.0 a float32 step is too coarse."));
   }

@@ -6,13 +6,16 @@
 #include <vector>
 
 #include "gain/gain_curves.hpp"
+#include "signal/levels.hpp"
+#include "signal/stem_sums.hpp"
 #include "signal/sums.hpp"
 #include "support/errors.hpp"
 
 namespace verdel::internal {
 namespace {
 
-constexpr std::size_t kBlock = 4096;  // samples; a block of every row in use stays in cache
+// A block of every row in use stays in the cache.
+constexpr std::size_t kBlock = LevelSums::kBlock;
 
 // An odd number of samples, so that a window has its sample in the middle. Times without measure
 // end at a count that a double still holds exactly.
@@ -23,99 +26,83 @@ std::size_t odd_sample_count(int sr, double time_ms) {
   return std::max<std::size_t>(count | 1, 3);
 }
 
-void require_finite_mix(AudioView mix, const StopToken& stop) {
-  for (std::size_t channel = 0; channel < mix.rows(); ++channel) {
-    for (std::size_t first = 0; first < mix.columns(); first += kBlock) {
+// Calls work(channel, first, number of samples) for every block, in order.
+template <class Work>
+void for_each_block(AudioView audio, const StopToken& stop, Work work) {
+  for (std::size_t channel = 0; channel < audio.rows(); ++channel) {
+    for (std::size_t first = 0; first < audio.columns(); first += kBlock) {
       stop.check();
-      const std::size_t count = std::min(kBlock, mix.columns() - first);
-      if (!all_finite(mix.row(channel).subspan(first, count))) {
-        throw FloatingPointError("non-finite single-band mix");
-      }
+      work(channel, first, std::min(kBlock, audio.columns() - first));
     }
   }
+}
+
+template <class Refuse>
+void require_finite(AudioView audio, const StopToken& stop, Refuse refuse) {
+  for_each_block(audio, stop, [&](std::size_t channel, std::size_t first, std::size_t count) {
+    if (!all_finite(audio.row(channel).subspan(first, count))) refuse();
+  });
 }
 
 [[noreturn]] void refuse_tap() {
   throw ValueError("single-band taps must match the finite full mix");
 }
 
-std::vector<double> tap_sum(const StemMap& taps, std::size_t channel, std::size_t samples,
-                            const StopToken& stop) {
-  std::vector<double> sum(samples, 0.0);
-  for (std::size_t first = 0; first < samples; first += kBlock) {
-    stop.check();
-    const std::size_t count = std::min(kBlock, samples - first);
-    for (const auto& tap : taps) {
-      const auto values = tap.audio.row(channel).subspan(first, count);
-      if (!all_finite(values)) refuse_tap();
-      for (std::size_t i = 0; i < count; ++i) sum[first + i] += values[i];
-    }
-  }
-  return sum;
+VERDEL_INLINE void add_product(const float* __restrict values, const double* __restrict gain,
+                               std::size_t count, double* __restrict sum) {
+  for (std::size_t i = 0; i < count; ++i) sum[i] += static_cast<double>(values[i]) * gain[i];
 }
 
-// Multiplies and adds block by block, so that no array is read twice.
-void apply_gain(const StemMap& taps, std::size_t channel, const SampleSpan& kept,
-                const StopToken& stop, SharedGainModel& result) {
-  const auto gain = result.gain.row(channel);
-  const auto sum = result.model_sum.row(channel);
-  auto blocks = AudioArray::uninitialised(2, kBlock);
-  const auto model = blocks.row(0), block_sum = blocks.row(1);
-  for (std::size_t first = 0; first < gain.size(); first += kBlock) {
-    stop.check();
-    const std::size_t count = std::min(kBlock, gain.size() - first);
-    const std::size_t keep_from = std::clamp(kept.first, first, first + count);
-    const std::size_t keep_to = std::clamp(kept.stop, keep_from, first + count);
-    std::ranges::fill(block_sum, 0.0);
-    for (std::size_t stem = 0; stem < taps.size(); ++stem) {
-      const double* tap = taps[stem].audio.row(channel).data() + first;
-      for (std::size_t i = 0; i < count; ++i) {
-        model[i] = tap[i] * gain[first + i];
-        block_sum[i] += model[i];
-      }
-      if (keep_from == keep_to) continue;
-      std::copy_n(model.data() + (keep_from - first), keep_to - keep_from,
-                  result.models[stem].audio.row(channel).data() + (keep_from - kept.first));
-    }
-    if (!all_finite(block_sum.first(count))) {
-      throw FloatingPointError("non-finite single-band model");
-    }
-    std::ranges::copy(block_sum.first(count), sum.subspan(first).begin());
-  }
+VERDEL_INLINE void subtract_from(const double* __restrict whole, std::size_t count,
+                                 double* __restrict part) {
+  for (std::size_t i = 0; i < count; ++i) part[i] = whole[i] - part[i];
 }
 
 }  // namespace
 
-SharedGainModel shared_single_band_model(AudioView mix, const StemMap& taps, int sr,
-                                         double gain_window_ms, double gain_smooth_ms,
-                                         const StopToken& stop, std::optional<SampleSpan> kept) {
+AudioArray sum_of_taps(AudioView mix, const StemMap& taps, const StopToken& stop) {
   if (mix.empty() || taps.empty()) {
     throw ValueError("single-band model needs channels, samples and taps");
   }
-  require_finite_mix(mix, stop);
   for (const auto& tap : taps) {
     if (!mix.same_shape(tap.audio.view())) refuse_tap();
   }
+  return sum_of(taps, mix.rows(), mix.columns(), stop);
+}
+
+AudioArray shared_single_band_gain(AudioView mix, AudioArray tap_sum, int sr, double gain_window_ms,
+                                   double gain_smooth_ms, const StopToken& stop) {
+  require_finite(mix, stop, [] { throw FloatingPointError("non-finite single-band mix"); });
+  if (!mix.same_shape(tap_sum.view())) refuse_tap();
+  require_finite(tap_sum.view(), stop, refuse_tap);
   const GainCurveSettings settings{
       .gw = odd_sample_count(sr, gain_window_ms),
       .sw = gain_smooth_ms > 0.0 ? odd_sample_count(sr, gain_smooth_ms) : 0,
       .sr = static_cast<double>(sr)};
-
-  const SampleSpan wanted = kept.value_or(SampleSpan{0, mix.columns()});
-  SharedGainModel result;
-  result.gain = AudioArray::uninitialised(mix.rows(), mix.columns());
-  result.model_sum = AudioArray::uninitialised(mix.rows(), mix.columns());
-  result.models.reserve(taps.size());
-  for (const auto& tap : taps) {
-    result.models.push_back({tap.name, AudioArray::uninitialised(mix.rows(), wanted.length())});
-  }
   for (std::size_t channel = 0; channel < mix.rows(); ++channel) {
-    const auto summed = tap_sum(taps, channel, mix.columns(), stop);
-    const auto gain = ls_gain(mix.row(channel), summed, settings, stop);
-    std::copy(gain.begin(), gain.end(), result.gain.row(channel).begin());
-    apply_gain(taps, channel, wanted, stop, result);
+    const auto row = tap_sum.row(channel);
+    std::ranges::copy(ls_gain(mix.row(channel), row, settings, stop), row.begin());
   }
-  return result;
+  // Where the gain is finite so is every model: their samples are floats.
+  require_finite(tap_sum.view(), stop,
+                 [] { throw FloatingPointError("non-finite single-band model"); });
+  return tap_sum;
+}
+
+double level_behind_models(AudioView mix, const StemMap& taps, AudioView gain,
+                           const StopToken& stop) {
+  std::vector<double> rest(kBlock);
+  LevelSums sums;
+  for_each_block(mix, stop, [&](std::size_t channel, std::size_t first, std::size_t count) {
+    std::ranges::fill(rest, 0.0);
+    for (const auto& tap : taps) {
+      run_kernel<add_product>(tap.audio.row(channel).data() + first,
+                              gain.row(channel).data() + first, count, rest.data());
+    }
+    run_kernel<subtract_from>(mix.row(channel).data() + first, count, rest.data());
+    sums.add(std::span<const double>(rest).first(count));
+  });
+  return sums.levels().rms;
 }
 
 }  // namespace verdel::internal

@@ -26,9 +26,10 @@ std::vector<double> decoding_block(const AudioFile& file) {
   return std::vector<double>(std::max<std::size_t>(kBlockSamples / channels, 1) * channels);
 }
 
-AudioArray allocate(std::size_t channels, std::size_t frames, const std::string& path) {
+template <class Sample>
+Array2D<Sample> allocate(std::size_t channels, std::size_t frames, const std::string& path) {
   try {
-    return AudioArray::uninitialised(channels, frames);
+    return Array2D<Sample>::uninitialised(channels, frames);
   } catch (const std::bad_alloc&) {
     throw RuntimeError(fmt::format("{} does not fit into memory: {} of {}.", quoted_path(path),
                                    counted(channels, "channel"), counted(frames, "frame")));
@@ -36,18 +37,20 @@ AudioArray allocate(std::size_t channels, std::size_t frames, const std::string&
 }
 
 // Sorts the first frames of a block into rows, from column `first` on.
-void deinterleave(const std::vector<double>& block, std::size_t frames, RowsView<double> rows,
+template <class Sample>
+void deinterleave(const std::vector<double>& block, std::size_t frames, RowsView<Sample> rows,
                   std::size_t first) {
   const std::size_t channels = rows.rows();
   for (std::size_t c = 0; c < channels; ++c) {
-    double* const row = rows.row(c).data() + first;
+    Sample* const row = rows.row(c).data() + first;
     const double* const samples = block.data() + c;
-    for (std::size_t i = 0; i < frames; ++i) row[i] = samples[i * channels];
+    for (std::size_t i = 0; i < frames; ++i) row[i] = static_cast<Sample>(samples[i * channels]);
   }
 }
 
 // Decodes a whole file, keeps as many frames as the rows hold, and returns how many there were.
-std::size_t decode_into(AudioFile& file, RowsView<double> rows, const StopToken& stop) {
+template <class Sample>
+std::size_t decode_into(AudioFile& file, RowsView<Sample> rows, const StopToken& stop) {
   std::vector<double> block = decoding_block(file);
   std::size_t total = 0;
   while (const std::size_t count = file.read(block)) {
@@ -68,11 +71,11 @@ AudioArray gather(AudioFile& file, const StopToken& stop) {
   std::size_t total = 0;
   while (const std::size_t count = file.read(block)) {
     stop.check();
-    pieces.push_back(allocate(channels, count, file.path()));
+    pieces.push_back(allocate<double>(channels, count, file.path()));
     deinterleave(block, count, pieces.back().view(), 0);
     total += count;
   }
-  AudioArray whole = allocate(channels, total, file.path());
+  AudioArray whole = allocate<double>(channels, total, file.path());
   std::size_t first = 0;
   for (AudioArray& piece : pieces) {
     for (std::size_t c = 0; c < channels; ++c) {
@@ -84,19 +87,22 @@ AudioArray gather(AudioFile& file, const StopToken& stop) {
   return whole;
 }
 
-RowsView<double> row_view(AudioArray& audio, std::size_t row) {
+template <class Sample>
+RowsView<Sample> row_view(Array2D<Sample>& audio, std::size_t row) {
   return {audio.row(row).data(), 1, audio.columns(), audio.columns()};
 }
 
 // An input cut or extended to a number of frames, and how many it had.
+template <class Sample>
 struct FittedAudio {
-  AudioArray audio;
+  Array2D<Sample> audio;
   std::size_t frames = 0;
 };
 
-FittedAudio decode_fitted(OpenAudioInput& opened, const StemInput& input, std::size_t frames,
-                          const StopToken& stop) {
-  FittedAudio fitted{allocate(opened.header.channels, frames, input.files.front())};
+template <class Sample>
+FittedAudio<Sample> decode_fitted(OpenAudioInput& opened, const StemInput& input,
+                                  std::size_t frames, const StopToken& stop) {
+  FittedAudio<Sample> fitted{allocate<Sample>(opened.header.channels, frames, input.files.front())};
   if (opened.files.size() == 1) {
     fitted.frames = decode_into(opened.files[0], fitted.audio.view(), stop);
   } else {
@@ -105,14 +111,14 @@ FittedAudio decode_fitted(OpenAudioInput& opened, const StemInput& input, std::s
                           decode_into(opened.files[1], row_view(fitted.audio, 1), stop));
   }
   for (std::size_t c = 0; fitted.frames < frames && c < fitted.audio.rows(); ++c) {
-    std::ranges::fill(fitted.audio.row(c).subspan(fitted.frames), 0.0);
+    std::ranges::fill(fitted.audio.row(c).subspan(fitted.frames), Sample{0});
   }
   return fitted;
 }
 
 AudioArray decode_whole(AudioFile& file, const StopToken& stop) {
   if (!file.length_is_verified()) return gather(file, stop);
-  AudioArray audio = allocate(file.header().channels, *file.header().frames, file.path());
+  AudioArray audio = allocate<double>(file.header().channels, *file.header().frames, file.path());
   decode_into(file, audio.view(), stop);
   return audio;
 }
@@ -120,12 +126,12 @@ AudioArray decode_whole(AudioFile& file, const StopToken& stop) {
 AudioArray decode_pair(OpenAudioInput& pair, const StemInput& input, const StopToken& stop) {
   const auto is_verified = [](const AudioFile& file) { return file.length_is_verified(); };
   if (std::ranges::all_of(pair.files, is_verified)) {
-    return decode_fitted(pair, input, *pair.header.frames, stop).audio;
+    return decode_fitted<double>(pair, input, *pair.header.frames, stop).audio;
   }
   const AudioArray left = decode_whole(pair.files[0], stop);
   const AudioArray right = decode_whole(pair.files[1], stop);
   require_equal_lengths(input, left.columns(), right.columns());
-  AudioArray both = allocate(2, left.columns(), input.files.front());
+  AudioArray both = allocate<double>(2, left.columns(), input.files.front());
   std::ranges::copy(left.flat(), both.row(0).begin());
   std::ranges::copy(right.flat(), both.row(1).begin());
   return both;
@@ -199,7 +205,7 @@ std::vector<JudgedStem> judge_headers(const std::vector<StemInput>& plan,
 
 // A decoded stem, and what is to be said of it.
 struct DecodedStem {
-  AudioArray audio;
+  StemArray audio;
   std::vector<std::string> warnings;
 };
 
@@ -211,7 +217,7 @@ DecodedStem decode_stem(const StemInput& stem, const AudioHeader& judged,
   const LineSink warn = [&](std::string_view line) { decoded.warnings.emplace_back(line); };
   OpenAudioInput opened = open_audio_input(stem);
   if (opened.header != judged) require_fit(stem, opened.header, loading, warn);
-  FittedAudio fitted = decode_fitted(opened, stem, loading.mix_frames, stop);
+  auto fitted = decode_fitted<float>(opened, stem, loading.mix_frames, stop);
   if (!opened.header.frames) {
     require_fit(stem, {opened.header.sr, opened.header.channels, fitted.frames}, loading, warn);
   }

@@ -37,8 +37,9 @@ struct StemLoading {
   std::size_t workers = 1;     ///< stems decoded at once; no figure and no order depends on it
 };
 
-/// The stems of a plan, in its order, all of the mix's length: a longer one loses its end, a
-/// shorter one gains silence. More than 2 samples of difference draw a warning line, or a failure
+/// The stems of a plan, in its order, rounded to single precision, which holds 24 bits and all
+/// floats as they are; all of the mix's length: a longer one loses its end, a shorter one gains
+/// silence. More than 2 samples of difference draw a warning line, or a failure
 /// with strict_inputs. Every header is held against the mix before any stem is decoded, so that a
 /// fault in the last is known at once. The warnings come in stem order, each as soon as that
 /// allows.

@@ -1,7 +1,7 @@
 #include "render/deliver_song.hpp"
 
 #include <bit>
-#include <functional>
+#include <utility>
 
 #include "contamination/report.hpp"
 
@@ -15,21 +15,20 @@ std::size_t report_transform_length(std::size_t frames) {
 
 }  // namespace
 
-DeliveryVerdict deliver_song(const SongJob& job, const StemMap& taps, const StemMap& stems,
+DeliveryVerdict deliver_song(const SongJob& job, const StemMap& taps, CoordinatedStems stems,
                              const SongFiles& files, const LineSink& line, SongObserver& observer,
                              const StopToken& stop) {
   const RenderOutputs outputs{.out = files.out,
                               .write_null = files.write_null,
-                              .est = views_of(stems),
                               .taps = column_range(views_of(taps), job.range.first, job.range.stop),
                               .sr = job.sr,
                               .mix = job.mix.column_range(job.range.first, job.range.stop),
                               .null_threshold = job.profile.null_threshold,
                               .begin = [&observer](Stage stage) { observer.begin(stage); }};
-  std::function<void()> print_report;
+  StemReport print_report;
   if (files.report) {
-    print_report = [&] {
-      report({.est = outputs.est,
+    print_report = [&](const StemViews& written) {
+      report({.est = written,
               .taps = outputs.taps,
               .sr = job.sr,
               .n_bands = job.profile.report_bands,
@@ -38,7 +37,7 @@ DeliveryVerdict deliver_song(const SongJob& job, const StemMap& taps, const Stem
              line, stop);
     };
   }
-  return write_render_outputs(outputs, line, print_report, stop);
+  return write_render_outputs(outputs, std::move(stems), line, print_report, stop);
 }
 
 }  // namespace verdel::internal

@@ -20,7 +20,7 @@ struct SongFiles {
 /// Rounds, writes, reports and proves the stems that render_song returned; the taps are those that
 /// it aligned. The lines go to `line`, the stages to the observer. Errors: those of
 /// write_render_outputs.
-DeliveryVerdict deliver_song(const SongJob& job, const StemMap& taps, const StemMap& stems,
+DeliveryVerdict deliver_song(const SongJob& job, const StemMap& taps, CoordinatedStems stems,
                              const SongFiles& files, const LineSink& line, SongObserver& observer,
                              const StopToken& stop = {});
 

@@ -1,5 +1,9 @@
 #include "render/render_song.hpp"
 
+#include <string>
+#include <utility>
+#include <vector>
+
 #include "allocation/interval_rendering.hpp"
 #include "gain/shared_gain.hpp"
 #include "signal/levels.hpp"
@@ -7,10 +11,6 @@
 
 namespace verdel::internal {
 namespace {
-
-double rms(AudioView audio) {
-  return levels(audio).rms;
-}
 
 void align(const SongJob& job, StemMap& taps, const Machine& machine, SongObserver& observer,
            const StopToken& stop) {
@@ -21,28 +21,34 @@ void align(const SongJob& job, StemMap& taps, const Machine& machine, SongObserv
 
 /// Fits the whole mix; the model is of the part that a render of the range looks at.
 Model fit(const SongJob& job, const StemMap& taps, SongObserver& observer, const StopToken& stop) {
-  const double mix_rms = job.tell_levels ? rms(job.mix) : 0.0;
+  const double mix_rms = job.tell_levels ? levels(job.mix).rms : 0.0;
+  AudioArray sum = sum_of_taps(job.mix, taps, stop);
   if (job.tell_levels) {
-    const AudioArray difference =
-        difference_from(job.mix, sum_of(taps, job.mix.rows(), job.mix.columns()));
-    observer.raw_difference(rms(difference.view()) - mix_rms);
+    observer.raw_difference(levels_of_difference(job.mix, sum.view()).rms - mix_rms);
   }
   observer.begin(Stage::kFitting);
-  const SampleSpan part = with_context(job.range, job.mix.columns());
-  SharedGainModel fitted = shared_single_band_model(
-      job.mix, taps, job.sr, job.profile.gain_window_ms, job.profile.gain_smooth_ms, stop, part);
-  fitted.gain = {};
-  AudioArray residual = difference_from(job.mix, std::move(fitted.model_sum));
-  if (job.tell_levels) observer.left_to_allocate(rms(residual.view()) - mix_rms);
-  return model_of_part(std::move(fitted.models), std::move(residual), part);
+  AudioArray gain =
+      shared_single_band_gain(job.mix, std::move(sum), job.sr, job.profile.gain_window_ms,
+                              job.profile.gain_smooth_ms, stop);
+  if (job.tell_levels) {
+    observer.left_to_allocate(level_behind_models(job.mix, taps, gain.view(), stop) - mix_rms);
+  }
+  return model_of_part(taps, std::move(gain), job.mix, with_context(job.range, job.mix.columns()));
+}
+
+CoordinatedStems unfilled_stems(const SongJob& job, const StemMap& taps) {
+  std::vector<std::string> names;
+  for (const auto& tap : taps) names.push_back(tap.name);
+  return {std::move(names), job.mix.column_range(job.range.first, job.range.stop),
+          job.profile.null_threshold};
 }
 
 }  // namespace
 
-StemMap render_song(const SongJob& job, StemMap& taps, const Machine& machine,
-                    SongObserver& observer, const StopToken& stop) {
+CoordinatedStems render_song(const SongJob& job, StemMap& taps, const Machine& machine,
+                             SongObserver& observer, const StopToken& stop) {
   align(job, taps, machine, observer, stop);
-  Model model = fit(job, taps, observer, stop);
+  const Model model = fit(job, taps, observer, stop);
   observer.fitted(model);
   observer.begin(Stage::kAllocating);
   const ChannelsJob channels{
@@ -52,7 +58,14 @@ StemMap render_song(const SongJob& job, StemMap& taps, const Machine& machine,
       .progress = [&](std::size_t done, std::size_t total) { observer.progress(done, total); },
       .watch = [&](std::size_t done,
                    std::size_t total) { observer.channel_progress(done, total); }};
-  return render_channels(std::move(model), channels, machine, stop);
+  CoordinatedStems stems = unfilled_stems(job, taps);
+  render_channels(
+      model, channels, machine,
+      [&](std::size_t channel, std::size_t first, RowsView<const double> rendered) {
+        stems.take(channel, first - job.range.first, rendered);
+      },
+      stop);
+  return stems;
 }
 
 }  // namespace verdel::internal

@@ -5,6 +5,7 @@
 
 #include "alignment/tap_alignment.hpp"
 #include "allocation/channels.hpp"
+#include "delivery/coordinated_float32.hpp"
 #include "signal/arrays.hpp"
 #include "signal/profile.hpp"
 #include "support/machine.hpp"
@@ -47,13 +48,11 @@ class SongObserver {
 };
 
 /// Aligns the taps in their place, fits the model to the whole mix and shares out the residual.
-/// Returns the stems of the range, [channels][range], in the order of the taps; their sum is the
-/// mix up to the rounding of double precision.
+/// Returns the stems of the range, in the order of the taps, rounded together as they were made.
 ///
-/// The taps have the mix's shape. They are not looked at any more once the allocation begins: an
-/// observer may give them up then.
-/// Errors: those of align_taps_to_mix, shared_single_band_model and render_channels.
-StemMap render_song(const SongJob& job, StemMap& taps, const Machine& machine,
-                    SongObserver& observer, const StopToken& stop = {});
+/// The taps have the mix's shape, and stay as they are once they are aligned.
+/// Errors: those of align_taps_to_mix, sum_of_taps, shared_single_band_gain and render_channels.
+CoordinatedStems render_song(const SongJob& job, StemMap& taps, const Machine& machine,
+                             SongObserver& observer, const StopToken& stop = {});
 
 }  // namespace verdel::internal

@@ -10,9 +10,8 @@
 namespace verdel::internal {
 namespace {
 
-std::optional<UnfitInput> bad_sample_of(std::optional<std::size_t> tap, AudioView audio,
-                                        std::ptrdiff_t lag) {
-  const auto bad = first_non_finite(audio);
+std::optional<UnfitInput> unfit_sample(std::optional<std::size_t> tap,
+                                       const std::optional<BadSample>& bad, std::ptrdiff_t lag) {
   if (!bad) return std::nullopt;
   return UnfitInput{
       .tap = tap, .channel = bad->channel, .sample = static_cast<std::ptrdiff_t>(bad->frame) - lag};
@@ -22,13 +21,13 @@ std::optional<UnfitInput> bad_sample_of(std::optional<std::size_t> tap, AudioVie
 
 std::optional<UnfitInput> unfit_input(AudioView mix, const StemMap& taps,
                                       const std::vector<AppliedLag>& lags) {
-  if (const auto bad = bad_sample_of(std::nullopt, mix, 0)) return bad;
+  if (const auto bad = unfit_sample(std::nullopt, first_non_finite(mix), 0)) return bad;
   for (std::size_t tap = 0; tap < taps.size(); ++tap) {
-    const AudioView audio = taps[tap].audio.view();
+    const StemView audio = taps[tap].audio.view();
     if (audio.rows() != mix.rows()) return UnfitInput{.tap = tap, .channels = audio.rows()};
     const auto moved = std::ranges::find(lags, taps[tap].name, &AppliedLag::name);
-    if (const auto bad = bad_sample_of(tap, audio, moved == lags.end() ? 0 : moved->lag))
-      return bad;
+    const std::ptrdiff_t lag = moved == lags.end() ? 0 : moved->lag;
+    if (const auto bad = unfit_sample(tap, first_non_finite(audio), lag)) return bad;
   }
   return std::nullopt;
 }

@@ -129,6 +129,9 @@ struct SampleSpan {
 /// Audio: one channel per row, full scale at 1.0. A frame of audio is one sample of every channel.
 using AudioArray = Array2D<double>;
 using AudioView = RowsView<const double>;
+/// The same in single precision: taps, and stems as they go to the disk.
+using StemArray = Array2D<float>;
+using StemView = RowsView<const float>;
 
 /// One entry of a stem map: a stem's name as its file spells it, and its audio.
 template <class Audio>
@@ -138,8 +141,8 @@ struct NamedStem {
 };
 
 /// Stems in stem order, which every stage keeps.
-using StemMap = std::vector<NamedStem<AudioArray>>;
-using StemViews = std::vector<NamedStem<AudioView>>;
+using StemMap = std::vector<NamedStem<StemArray>>;
+using StemViews = std::vector<NamedStem<StemView>>;
 
 /// The map's entries as views, names copied.
 StemViews views_of(const StemMap& stems);

@@ -14,9 +14,11 @@ VERDEL_INLINE double product_sum(const Value* p, const Value* q, std::size_t cou
 }
 
 // Zero times a value is zero if the value is finite and not a number otherwise.
-VERDEL_INLINE double sum_of_zeros(const double* values, std::size_t count) {
+template <class Value>
+VERDEL_INLINE double sum_of_zeros(const Value* values, std::size_t count) {
   return lane_sum(
-      count, [values](std::size_t i) __attribute__((always_inline)) { return 0.0 * values[i]; });
+      count, [values](std::size_t i)
+                 __attribute__((always_inline)) { return 0.0 * static_cast<double>(values[i]); });
 }
 
 }  // namespace
@@ -34,8 +36,12 @@ double sum_of_products(std::span<const float> p, std::span<const float> q) {
   return run_kernel<product_sum<float>>(p.data(), q.data(), p.size());
 }
 
+bool all_finite(std::span<const float> values) {
+  return run_kernel<sum_of_zeros<float>>(values.data(), values.size()) == 0.0;
+}
+
 bool all_finite(std::span<const double> values) {
-  return run_kernel<sum_of_zeros>(values.data(), values.size()) == 0.0;
+  return run_kernel<sum_of_zeros<double>>(values.data(), values.size()) == 0.0;
 }
 
 }  // namespace verdel::internal

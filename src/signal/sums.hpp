@@ -30,6 +30,7 @@ double sum_of_squares(std::span<const double> values);
 double sum_of_products(std::span<const float> p, std::span<const float> q);
 
 /// Whether no value is infinite or not a number.
+bool all_finite(std::span<const float> values);
 bool all_finite(std::span<const double> values);
 
 }  // namespace verdel::internal

@@ -13,6 +13,7 @@
 #include "support/errors.hpp"
 #include "support/machines.hpp"
 #include "support/noise.hpp"
+#include "support/precision.hpp"
 
 namespace verdel::internal {
 namespace {
@@ -31,6 +32,9 @@ void scale(Samples signal, double gain) {
 }
 void turn(Samples signal) {
   std::rotate(signal.begin(), signal.begin() + 50, signal.end());
+}
+AudioArray moved(const AudioArray& audio, std::ptrdiff_t lag) {
+  return testing::widened(align_tap(testing::rounded(audio.view()).view(), lag).view());
 }
 
 // A source and its copy `lag` samples later, changed afterwards: 39 and 41 dB are on both sides of
@@ -63,7 +67,7 @@ TEST(FindLag, IsThatOfTheCopyOrNone) {
     if (c.length == 4 * kSection) {
       scale(source.flat().subspan(2 * kSection, kSection), c.third_section);
     }
-    AudioArray late = align_tap(source.view(), c.lag);
+    AudioArray late = moved(source, c.lag);
     c.change(late.flat(), source.flat());
     EXPECT_EQ(find_lag(late.flat(), source.flat(), kRate), c.expected) << c.name;
   }
@@ -101,14 +105,14 @@ TEST(FindLagWindow, EqualsThePlainSums) {
 }
 
 TEST(AlignTap, DelaysByTheLagAndLosesWhatPassesAnEnd) {
-  auto audio = AudioArray::zeros(2, 3);
-  std::iota(audio.data(), audio.data() + 6, 1.0);
-  const std::pair<std::ptrdiff_t, std::vector<double>> kCases[] = {
+  auto audio = StemArray::zeros(2, 3);
+  std::iota(audio.data(), audio.data() + 6, 1.0F);
+  const std::pair<std::ptrdiff_t, std::vector<float>> kCases[] = {
       {0, {1, 2, 3, 4, 5, 6}},
       {1, {0, 1, 2, 0, 4, 5}},
       {-2, {3, 0, 0, 6, 0, 0}},
-      {3, std::vector<double>(6)},
-      {std::numeric_limits<std::ptrdiff_t>::min(), std::vector<double>(6)}};
+      {3, std::vector<float>(6)},
+      {std::numeric_limits<std::ptrdiff_t>::min(), std::vector<float>(6)}};
   for (const auto& [lag, samples] : kCases) {
     EXPECT_THAT(align_tap(audio.view(), lag).flat(), ElementsAreArray(samples)) << lag;
   }
@@ -129,8 +133,8 @@ AudioArray whole_noise(unsigned seed) {
 TEST(AlignTapsToMix, MovesOnlyWhatLowersTheEnergyOnAnyMachine) {
   const AudioArray a = whole_noise(1), b = whole_noise(2);
   const auto mix_of = [&](std::ptrdiff_t lag_a, double gain_a, double gain_b) {
-    AudioArray mix = align_tap(a.view(), lag_a);
-    const AudioArray other = align_tap(b.view(), 121);
+    AudioArray mix = moved(a, lag_a);
+    const AudioArray other = moved(b, 121);
     for (std::size_t i = 0; i < mix.size(); ++i) {
       mix.flat()[i] = gain_a * mix.flat()[i] + gain_b * other.flat()[i];
     }
@@ -141,12 +145,12 @@ TEST(AlignTapsToMix, MovesOnlyWhatLowersTheEnergyOnAnyMachine) {
     const auto align = [&](const AudioArray& mix, const AudioArray& second,
                            const StopToken& stop = {}) {
       taps.clear();
-      taps.push_back({"a", AudioArray::copy_of(a.view())});
-      taps.push_back({"b", AudioArray::copy_of(second.view())});
+      taps.push_back({"a", testing::rounded(a.view())});
+      taps.push_back({"b", testing::rounded(second.view())});
       return align_taps_to_mix(mix.view(), taps, 2000, testing::machine_with(processors), stop);
     };
     EXPECT_THAT(align(mix_of(-37, 1, 1), b), ElementsAre(FieldsAre("a", -37), FieldsAre("b", 121)));
-    EXPECT_TRUE(std::ranges::equal(taps[1].audio.flat(), align_tap(b.view(), 121).flat()));
+    EXPECT_TRUE(std::ranges::equal(taps[1].audio.flat(), moved(b, 121).flat()));
     EXPECT_THAT(align(mix_of(-60, 1, 0), a), ElementsAre(FieldsAre("a", -60)));
     EXPECT_THAT(align(mix_of(-60, -1, 0), b), ElementsAre());
     EXPECT_THROW(align(noise_array(1, 40000, 1), b), ValueError);

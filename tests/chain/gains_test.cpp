@@ -9,6 +9,7 @@
 #include "chain/chain_gain.hpp"
 #include "signal/stem_sums.hpp"
 #include "support/noise.hpp"
+#include "support/precision.hpp"
 
 namespace verdel::internal {
 namespace {
@@ -46,7 +47,7 @@ StemMap made_taps(std::size_t channels) {
       const double fall = static_cast<double>((i % kFrames + 900 * t) % (2100 + 700 * t)) / 900.0;
       tap.flat()[i] *= 0.1 * std::exp(-fall) + 0.01;
     }
-    taps.push_back({"", std::move(tap)});
+    taps.push_back({"", testing::rounded(tap.view())});
   }
   return taps;
 }
@@ -57,7 +58,7 @@ AudioArray mixed(const Case& c, const StemMap& taps) {
     for (std::size_t channel = 0; channel < c.channels; ++channel) {
       double low = 0.0;
       for (std::size_t i = 0; i < kFrames; ++i) {
-        const double sample = taps[t].audio.row(channel)[i];
+        const auto sample = static_cast<double>(taps[t].audio.row(channel)[i]);
         low += 0.3 * (sample - low);
         const double turned = c.lows_only ? low : sample;
         const double gain = t == c.not_through ? 1.0 : gain_at(c, channel, i);

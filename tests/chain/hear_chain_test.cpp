@@ -12,6 +12,7 @@
 #include "chain/chain_gain.hpp"
 #include "signal/stem_sums.hpp"
 #include "support/noise.hpp"
+#include "support/precision.hpp"
 
 namespace verdel::internal {
 namespace {
@@ -86,7 +87,7 @@ StemMap make_taps() {
       const double fall = static_cast<double>((i % kFrames + 900 * t) % (2100 + 700 * t)) / 900.0;
       tap.flat()[i] *= i % kFrames < kFrames - kRate / 2 ? 0.2 * std::exp(-fall) : 0.0;
     }
-    taps.push_back({"", std::move(tap)});
+    taps.push_back({"", testing::rounded(tap.view())});
   }
   return taps;
 }
@@ -103,16 +104,19 @@ TEST(HearChain, FindsWhatTapsWentThroughAndKeepsItsHandsOffElsewhere) {
         Case{true, false, 0, Odd::kOwnEqualiser, "one curve"},
         Case{true, false, 300, Odd::kRoom, "one curve"}}) {
     StemMap taps = make_taps(), again;
-    const AudioArray bounced = AudioArray::copy_of(taps[1].audio.view());
-    if (odd == Odd::kOwnEqualiser) brighten(taps[1].audio);
-    if (odd == Odd::kRoom) reverberate(taps[1].audio);
+    const AudioArray bounced = testing::widened(taps[1].audio.view());
+    AudioArray played = AudioArray::copy_of(bounced.view());
+    if (odd == Odd::kOwnEqualiser) brighten(played);
+    if (odd == Odd::kRoom) reverberate(played);
+    taps[1].audio = testing::rounded(played.view());
     AudioArray mix = sum_of(taps, 2, kFrames);
-    taps[1].audio = AudioArray::copy_of(bounced.view());
     if (equalised) equalise(mix, sides);
-    if (odd == Odd::kBouncedWithTheMaster) equalise(taps[1].audio);
+    played = AudioArray::copy_of(bounced.view());
+    if (odd == Odd::kBouncedWithTheMaster) equalise(played);
+    taps[1].audio = testing::rounded(played.view());
     for (auto& tap : taps) {
       tap.audio = align_tap(tap.audio.view(), late);
-      again.push_back({"", AudioArray::copy_of(tap.audio.view())});
+      again.push_back({"", StemArray::copy_of(tap.audio.view())});
     }
     SCOPED_TRACE(curve + std::to_string(static_cast<int>(odd)));
     ThreadPool pool(3, "chain");

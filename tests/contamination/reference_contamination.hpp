@@ -14,6 +14,7 @@
 #include "signal/levels.hpp"
 #include "signal/transforms.hpp"
 #include "support/moving_average.hpp"
+#include "support/precision.hpp"
 
 namespace verdel::internal::testing {
 
@@ -32,10 +33,11 @@ class ReferenceContamination {
     std::vector<StemContamination> figures(stems);
     std::vector<std::vector<double>> foreign_envelopes, tap_envelopes;
     for (std::size_t s = 0; s < stems; ++s) {
-      const AudioArray foreign = foreign_part(job_.est[s].audio, job_.taps[s].audio);
+      const AudioArray est = widened(job_.est[s].audio), tap = widened(job_.taps[s].audio);
+      const AudioArray foreign = foreign_part(est.view(), tap.view());
       figures[s].ratio = levels(foreign.view()).rms - levels(job_.est[s].audio).rms;
       foreign_envelopes.push_back(envelope(foreign.view()));
-      tap_envelopes.push_back(envelope(job_.taps[s].audio));
+      tap_envelopes.push_back(envelope(tap.view()));
     }
     for (std::size_t s = 0; s < stems; ++s) {
       for (std::size_t other = 0; other < stems; ++other) {

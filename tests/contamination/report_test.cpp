@@ -13,6 +13,7 @@
 #include "reference_contamination.hpp"
 #include "support/errors.hpp"
 #include "support/noise.hpp"
+#include "support/precision.hpp"
 
 namespace verdel::internal {
 namespace {
@@ -58,19 +59,20 @@ Song song_of(const std::vector<Sound>& sounds, double seconds, int sr, std::size
                           : value * (1 + 0.5 * std::sin(4 * t)) *
                                 std::exp(-sound.decay * std::fmod(t + 0.2, sound.beat));
     }
-    song.taps.push_back({"tap " + std::to_string(seed), std::move(tap)});
+    song.taps.push_back({"tap " + std::to_string(seed), testing::rounded(tap.view())});
   }
   for (std::size_t s = 0; s < sounds.size(); ++s) {
-    auto est = AudioArray::copy_of(song.taps[s].audio.view());
-    const auto next = song.taps[(s + 1) % sounds.size()].audio.flat();
-    const auto third = song.taps[(s + 2) % sounds.size()].audio.flat();
+    auto est = testing::widened(song.taps[s].audio.view());
+    const auto next = testing::widened(song.taps[(s + 1) % sounds.size()].audio.view());
+    const auto third = testing::widened(song.taps[(s + 2) % sounds.size()].audio.view());
     const double bleed = s % 2 == 0 ? 0.3 : 0.02;
     for (std::size_t k = 0; k < est.size(); ++k) {
       const double t = time(k % frames);
       est.flat()[k] = est.flat()[k] * (0.8 + 0.15 * std::sin(8 * t)) +
-                      bleed * next[k] * (0.5 + 0.5 * std::sin(5 * t)) + 0.3 * bleed * third[k];
+                      bleed * next.flat()[k] * (0.5 + 0.5 * std::sin(5 * t)) +
+                      0.3 * bleed * third.flat()[k];
     }
-    song.est.push_back({song.taps[s].name, std::move(est)});
+    song.est.push_back({song.taps[s].name, testing::rounded(est.view())});
   }
   return song;
 }
@@ -112,12 +114,13 @@ TEST(ContaminationReport, ExtremeStemsAreThoseOfTheDefinition) {
   Song song = song_of({kDrum, kBass, kChord, kNoise, kBass, kDrum}, 3.2, 22050, 1);
   // What becomes of a stem and its tap, and the ratio that must come out.
   const struct {
-    double gain_of_tap, stem, tap, ratio, tolerance;
-  } kCases[] = {{1, 0, 1, -150, 20},       // equal to its tap
-                {0, 1, 0, 0, 1e-6},        // nothing in its tap
-                {-0.9, 0, 1, 0, 1e-6},     // opposite phase
-                {0, 1, 0.002, -1.5, 1.5},  // a gain over 50
-                {0, 0, 1, 0, 0}};          // silent
+    float gain_of_tap, stem, tap;
+    double ratio, tolerance;
+  } kCases[] = {{1, 0, 1, -150, 20},        // equal to its tap
+                {0, 1, 0, 0, 1e-6},         // nothing in its tap
+                {-0.9F, 0, 1, 0, 1e-6},     // opposite phase
+                {0, 1, 0.002F, -1.5, 1.5},  // a gain over 50
+                {0, 0, 1, 0, 0}};           // silent
   for (std::size_t s = 0; s < std::size(kCases); ++s) {
     const auto est = song.est[s].audio.flat(), tap = song.taps[s].audio.flat();
     for (std::size_t i = 0; i < est.size(); ++i) {
@@ -125,8 +128,8 @@ TEST(ContaminationReport, ExtremeStemsAreThoseOfTheDefinition) {
       tap[i] *= kCases[s].tap;
     }
   }
-  std::ranges::fill(song.taps[5].audio.flat().subspan(28000), 0.0);  // falls silent
-  std::ranges::fill(song.est[5].audio.flat().subspan(50000, 14000), 0.0);
+  std::ranges::fill(song.taps[5].audio.flat().subspan(28000), 0.0F);  // falls silent
+  std::ranges::fill(song.est[5].audio.flat().subspan(50000, 14000), 0.0F);
   const ReportJob job = song.job(128);
   expect_near_definition(job);
   const auto figures = measure_contamination(job);
@@ -269,8 +272,8 @@ TEST(ContaminationWindows, SamplesGiveTheIntegralBetweenThem) {
 }
 
 TEST(ContaminationEnvelopes, TheLastCellMayHoldFewerSamples) {
-  auto audio = AudioArray::zeros(2, 17);
-  std::ranges::fill(audio.flat(), 0.5);
+  auto audio = StemArray::zeros(2, 17);
+  std::ranges::fill(audio.flat(), 0.5F);
   std::vector<float> cells(2);
   mean_square_cells(audio.view(), 16, cells);
   EXPECT_EQ(cells, (std::vector{0.25F, 0.25F}));

@@ -2,8 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
+#include <string>
+#include <vector>
 
 #include "support/errors.hpp"
 #include "support/files.hpp"
@@ -42,30 +45,45 @@ TEST(CoordinatedFloat32, GivesTheRoundingToTheLoudestStem) {
   for (const Case& c : kCases) {
     SCOPED_TRACE(c.what);
     auto mix = AudioArray::zeros(3, 9000);
-    StemMap stems, expected;
+    // By channel, as they are handed over.
+    std::vector<AudioArray> stems;
+    StemMap expected;
+    for (std::size_t channel = 0; channel < 3; ++channel) {
+      stems.push_back(AudioArray::zeros(2, 9000));
+    }
     for (const std::size_t i : {0U, 1U}) {
-      stems.push_back({i == 0 ? "a" : "b", AudioArray::zeros(3, 9000)});
-      expected.push_back({stems[i].name, AudioArray::zeros(3, 9000)});
+      expected.push_back({i == 0 ? "a" : "b", StemArray::zeros(3, 9000)});
       for (const auto& [channel, sample] : kPlaces) {
         mix.row(channel)[sample] = c.mix;
-        stems[i].audio.row(channel)[sample] = c.stems[i];
-        expected[i].audio.row(channel)[sample] = c.delivered[i];
+        stems[channel].row(i)[sample] = c.stems[i];
+        expected[i].audio.row(channel)[sample] = static_cast<float>(c.delivered[i]);
       }
     }
-    expected[1].audio.row(1)[8192] = stems[1].audio.row(1)[8192] = mix.row(1)[8192] = 0.5;
-    const std::string failure = testing::failure_of<RuntimeError>([&] {
-      const auto done = _coordinated_float32_delivery(views_of(stems), mix.view(), c.threshold);
-      ASSERT_EQ(done.size(), 2U);
-      for (const std::size_t i : {0U, 1U}) {
-        EXPECT_EQ(done[i].name, stems[i].name);
-        EXPECT_TRUE(std::ranges::equal(done[i].audio.flat(), expected[i].audio.flat())) << i;
-      }
-    });
-    EXPECT_EQ(failure, std::isnan(c.delivered[0])
-                           ? "coordinated FLOAT32 delivery exceeded its rounding-only bound"
-                           : "");
+    stems[1].row(1)[8192] = mix.row(1)[8192] = 0.5;
+    expected[1].audio.row(1)[8192] = 0.5F;
+    for (const std::size_t piece : {9000U, 4000U}) {
+      const std::string failure = testing::failure_of<RuntimeError>([&] {
+        CoordinatedStems rounding({"a", "b"}, mix.view(), c.threshold);
+        // What needs no coordination comes before the first sample that does, and after it.
+        for (const std::size_t channel : {1U, 0U, 2U}) {
+          for (std::size_t first = 0; first < 9000; first += piece) {
+            const std::size_t stop = std::min<std::size_t>(first + piece, 9000);
+            rounding.take(channel, first, stems[channel].view().column_range(first, stop));
+          }
+        }
+        const auto done = rounding.finish();
+        ASSERT_EQ(done.size(), 2U);
+        for (const std::size_t i : {0U, 1U}) {
+          EXPECT_EQ(done[i].name, expected[i].name);
+          EXPECT_TRUE(std::ranges::equal(done[i].audio.flat(), expected[i].audio.flat())) << i;
+        }
+      });
+      EXPECT_EQ(failure, std::isnan(c.delivered[0])
+                             ? "coordinated FLOAT32 delivery exceeded its rounding-only bound"
+                             : "");
+    }
   }
-  EXPECT_THROW(_coordinated_float32_delivery(StemViews(65537), {}, -140.0), ValueError);
+  EXPECT_THROW(CoordinatedStems(std::vector<std::string>(65537), {}, -140.0), ValueError);
 }
 
 }  // namespace

@@ -158,7 +158,7 @@ TEST_F(Embedding, RefusesWhatDoesNotFit) {
 TEST_F(Embedding, CountsABadSampleFromWhereTheTapBeganBeforeItWasMoved) {
   const AudioArray mix = AudioArray::zeros(2, 100);
   StemMap taps;
-  taps.push_back({"Moved", AudioArray::zeros(2, 100)});
+  taps.push_back({"Moved", StemArray::zeros(2, 100)});
   taps[0].audio.row(1)[50] = NAN;
   for (const std::ptrdiff_t lag : {20, -20}) {
     const auto unfit = unfit_input(mix.view(), taps, {{"Fine", 7}, {"Moved", lag}});

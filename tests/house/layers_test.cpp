@@ -64,7 +64,8 @@ TEST(House, LibrariesAndThreadsStayInTheirUnits) {
       {{"thread"}, {"support/thread_pool", "support/machine", "support/temporary"}},
       {{"mutex", "shared_mutex", "condition_variable"},
        {"support/thread_pool", "support/temporary", "signal/transforms", "inputs/audio_file",
-        "support/scratch_pool", "allocation/interval_rendering", "allocation/channels"}},
+        "delivery/coordinated_float32", "support/scratch_pool", "allocation/interval_rendering",
+        "allocation/channels"}},
       {{"future"}, {"support/thread_pool", "support/ordered_prefetch", "driver/end_signals"}},
   };
   for (const auto& [headers, units] : kRules) {

@@ -23,7 +23,8 @@ using testing::test_sound;
 
 constexpr std::size_t kFrames = 300;
 
-testing::Channels rows_of(const AudioArray& audio) {
+template <class Sample>
+testing::Channels rows_of(const Array2D<Sample>& audio) {
   testing::Channels rows;
   for (std::size_t c = 0; c < audio.rows(); ++c) {
     rows.emplace_back(audio.row(c).begin(), audio.row(c).end());
