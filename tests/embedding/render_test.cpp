@@ -123,7 +123,7 @@ TEST_F(Embedding, LeavesTapsWhereTheyAreAndTheSystemsFolderAloneIfAskedTo) {
 
 TEST_F(Embedding, RefusesWhatDoesNotFit) {
   Signal broken = high_, loud = mix_;
-  broken[77] = NAN;
+  broken[77] = std::nan("");
   for (double& sample : loud) sample *= 8.0;
   const struct {
     const char* says;
