@@ -389,9 +389,21 @@ double left_shifted(const ChainJob& job, HeardView x, double left_given, Heard& 
   return left_under_engine_gain(room.view(), job);
 }
 
+/// The first filter, and single taps moved by what it leaves, in turn.
+void find_first_and_line_up(const ChainJob& job, HeardTaps& taps, Heard& x, Room& room,
+                            std::optional<FilterFit>& fit) {
+  const std::vector<double> energies = energies_of(taps, job);
+  for (int turn = 0; turn < kMostTurns; ++turn) {
+    fit.emplace(job, x.view());
+    fit->find_first(x.view());
+    if (!line_up(job, *fit, energies, taps, room)) break;
+    taps.sum(job, x, room.own);
+  }
+}
+
 }  // namespace
 
-CurveFinding find_curve(const ChainJob& job, HeardTaps& taps) {
+CurveFinding find_curve(const ChainJob& job, HeardTaps& taps, LagSearch lags) {
   CurveFinding finding;
   const std::vector<std::ptrdiff_t> given = finding.lags = lags_of(taps);
   constexpr std::size_t kPhases = 4;
@@ -404,16 +416,15 @@ CurveFinding find_curve(const ChainJob& job, HeardTaps& taps) {
   if (!finding.why_not.empty()) return finding;
 
   const double left_given = left_under_engine_gain(x.view(), job);
-  finding.left_before = std::min(left_given, left_shifted(job, x.view(), left_given, room.own));
-  line_up_all(job, left_given, taps, x, room);
-
-  const std::vector<double> energies = energies_of(taps, job);
+  finding.left_before = left_given;
   std::optional<FilterFit> fit;
-  for (int turn = 0; turn < kMostTurns; ++turn) {
+  if (lags == LagSearch::kKeep) {
     fit.emplace(job, x.view());
     fit->find_first(x.view());
-    if (!line_up(job, *fit, energies, taps, room)) break;
-    taps.sum(job, x, room.own);
+  } else {
+    finding.left_before = std::min(left_given, left_shifted(job, x.view(), left_given, room.own));
+    line_up_all(job, left_given, taps, x, room);
+    find_first_and_line_up(job, taps, x, room, fit);
   }
   tell(1);
   fit->refine(x.view());

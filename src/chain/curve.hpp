@@ -43,12 +43,15 @@ struct CurveFinding {
   ChainFir fir;                   ///< the curves, to be played
 };
 
+/// Whether the taps are lined up first or stay where their paths have them.
+enum class LagSearch { kSeek, kKeep };
+
 /// Looks for one filter that all taps went through, behind what each goes through on its own. Where
 /// it helps, or the lining up alone does, the taps' paths tell how each is moved; else they are as
 /// they were.
 ///
 /// Errors: Cancelled; those of memory. Samples that are not finite leave everything as it is.
-CurveFinding find_curve(const ChainJob& job, HeardTaps& taps);
+CurveFinding find_curve(const ChainJob& job, HeardTaps& taps, LagSearch lags = LagSearch::kSeek);
 
 /// Whether the curve is kept off by nothing but the vote of the taps.
 bool is_voted_down(const CurveFinding& finding);

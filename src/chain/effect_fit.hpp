@@ -1,5 +1,8 @@
 #pragma once
 
+#include <optional>
+#include <span>
+
 #include "chain/chain_gain.hpp"
 #include "chain/chain_job.hpp"
 #include "chain/fir_player.hpp"
@@ -11,7 +14,8 @@ struct EffectSignals {
   HeardView source;  ///< one tap as it is heard without its effect
   HeardView rest;    ///< mix - gain * all that is heard, that tap included
   const GainCurve& gain;
-  const ChainFir* before = nullptr;  ///< the filter so far, which `rest` is under; null: none yet
+  std::span<const SampleSpan> judged;  ///< the parts that count, in order
+  const ChainFir* before = nullptr;    ///< the filter so far, which `rest` is under; null: none yet
 };
 
 struct EffectFit {
@@ -23,8 +27,10 @@ struct EffectFit {
 /// The filter of 1.2 s, channel by channel, that brings gain * (filter * source) nearest to what is
 /// left, beyond the source itself: least squares with a prior that falls as rooms do, by conjugate
 /// gradients behind a Toeplitz preconditioner (Chan & Ng 1996), which a gain that moves makes a
-/// near one. At most a minute, evenly spread, are listened to. Two quarters of the passages of
-/// 2 s, each left out in turn, judge it.
-EffectFit fit_effect(const EffectSignals& signals, const ChainJob& job);
+/// near one. Every third passage of 2 s judges a filter found on the others; only one that beats a
+/// plain factor there by `least_validated` dB is worth the rest of the way, on all of them. Nothing
+/// where it is not.
+std::optional<EffectFit> fit_effect(const EffectSignals& signals, double least_validated,
+                                    const ChainJob& job);
 
 }  // namespace verdel::internal

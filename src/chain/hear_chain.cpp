@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "chain/heard_taps.hpp"
+#include "chain/passages.hpp"
 
 namespace verdel::internal {
 
@@ -38,15 +39,16 @@ class SingleTaps {
  private:
   double left_of(const Hearing& hearing) {
     taps_.paths = hearing.paths;
-    auto sum = Heard::uninitialised(job_.mix.rows(), job_.mix.columns());
-    auto room = Heard::uninitialised(job_.mix.rows(), job_.mix.columns());
-    taps_.sum(job_, sum, room);
-    if (const ChainFir* master = master_of(hearing.curve)) {
-      play_to_measure(sum.view(), *master, job_, room);
-      std::swap(sum, room);
+    Passages::Cut cut;
+    {
+      const Passages passages(job_, taps_);
+      auto heard = passages.room(), room = passages.room();
+      passages.hear_all(master_of(hearing.curve), heard, room);
+      cut = passages.some_judged(heard);
     }
-    room = {};
-    return left_behind_gains(job_, std::move(sum));
+    ChainJob judged = job_;
+    judged.mix = cut.mix.view();
+    return left_behind_gains(judged, std::move(cut.audio));
   }
 
   Hearing descend(CurveFinding curve) {
@@ -65,24 +67,25 @@ class SingleTaps {
 
   static constexpr std::size_t kMostTurns = 8;
 
-  /// Whether a curve was kept off only because some taps did not go through it.
-  static bool fits_some(const CurveFinding& curve) {
-    return !curve.used && curve.against > kMostAgainst;
+  /// Whether a curve that is not used may be a master's that a tap of its own hides. Where there is
+  /// none, one beats a plain factor by 0.1 dB on unseen passages.
+  static bool may_be_hidden(const CurveFinding& curve) {
+    constexpr double kHintValidated = 0.3, kHintFall = 0.5;  // dB
+    return !curve.used && curve.cross_validation >= kHintValidated &&
+           curve.left_before - curve.left_after >= kHintFall;
   }
 
-  /// One more tap's filter, and the curve again; nothing if no filter is found. What would the
-  /// next tap's be is often the master's, which only shows when the first is out of its way; and
-  /// behind a curve that does duty for a tap's own filter, others seem to need one against it.
+  /// More filters, and the curve again; nothing if none is found. Where there is a curve they are
+  /// those of one tap: what would be the next tap's is often the master's, which only shows when
+  /// the first is out of its way.
   std::optional<Hearing> one_turn(const Hearing& from) {
-    if (!fits_some(from.curve)) {
-      const auto search = from.curve.used                ? TapSearch::kOnce
-                          : from.filters.filters.empty() ? TapSearch::kOneTap
-                                                         : TapSearch::kAll;
-      return again(look(from, master_of(from.curve), search));
-    }
+    const CurveFinding& curve = from.curve;
+    if (curve.used) return again(look(from, &curve.fir, TapSearch::kOneTap));
+    if (!may_be_hidden(curve)) return again(look(from, nullptr, TapSearch::kAll));
+    auto plain = again(look(from, nullptr, TapSearch::kOneTap));
+    if (curve.against <= kMostAgainst) return plain;
     // Either one tap's equaliser passes for the master's, or one tap dissents from the master's.
-    auto plain = again(look(from, nullptr, TapSearch::kOnce));
-    auto behind = again(look(from, &from.curve.fir, TapSearch::kOnce));
+    auto behind = again(look(from, &curve.fir, TapSearch::kOneTap));
     if (!plain || !behind) return plain ? std::move(plain) : std::move(behind);
     return behind->curve.left_after < plain->curve.left_after ? std::move(behind)
                                                               : std::move(plain);
@@ -96,10 +99,12 @@ class SingleTaps {
     return found ? std::optional(std::move(next)) : std::nullopt;
   }
 
+  /// Where a tap dissented, it may have kept the others from being lined up.
   std::optional<Hearing> again(std::optional<Hearing> from) {
     if (!from) return from;
+    const auto lags = may_be_hidden(from->curve) ? LagSearch::kSeek : LagSearch::kKeep;
     taps_.paths = from->paths;
-    from->curve = find_curve(job_, taps_);
+    from->curve = find_curve(job_, taps_, lags);
     from->paths = taps_.paths;
     return from;
   }

@@ -4,15 +4,17 @@
 #include <cstddef>
 #include <span>
 
+#include "signal/instruction_sets.hpp"
+
 namespace verdel::internal {
 
-/// Written out, because the products of std::complex look for infinities. Where the spans differ in
-/// length, the last one's counts, and no other may be shorter.
+/// For run_kernel; written out, because the products of std::complex look for infinities. Where the
+/// spans differ in length, the last one's counts, and no other may be shorter.
 
 /// sums += conj(x) * y.
-inline void add_correlation(std::span<const std::complex<float>> x,
-                            std::span<const std::complex<float>> y,
-                            std::span<std::complex<float>> sums) {
+VERDEL_INLINE void add_correlation(std::span<const std::complex<float>> x,
+                                   std::span<const std::complex<float>> y,
+                                   std::span<std::complex<float>> sums) {
   const auto* __restrict a = reinterpret_cast<const float*>(x.data());
   const auto* __restrict b = reinterpret_cast<const float*>(y.data());
   auto* __restrict to = reinterpret_cast<float*>(sums.data());
@@ -23,8 +25,9 @@ inline void add_correlation(std::span<const std::complex<float>> x,
 }
 
 /// product = x * y.
-inline void multiply(std::span<const std::complex<float>> x, std::span<const std::complex<float>> y,
-                     std::span<std::complex<float>> product) {
+VERDEL_INLINE void multiply(std::span<const std::complex<float>> x,
+                            std::span<const std::complex<float>> y,
+                            std::span<std::complex<float>> product) {
   const auto* __restrict a = reinterpret_cast<const float*>(x.data());
   const auto* __restrict b = reinterpret_cast<const float*>(y.data());
   auto* __restrict to = reinterpret_cast<float*>(product.data());

@@ -7,6 +7,7 @@
 
 #include "chain/chain_gain.hpp"
 #include "chain/effect_fit.hpp"
+#include "chain/passages.hpp"
 #include "chain/tap_promise.hpp"
 #include "signal/sums.hpp"
 
@@ -18,11 +19,10 @@ constexpr double kLeastValidated = 1.0;  // and beat a plain factor by on unseen
 constexpr double kLeastBetter = 0.5;     // dB, where it stands for one that was found before
 // A first glance is not exact: what promises this much is tried.
 constexpr double kWorthATry = 0.7;  // dB
-constexpr double kNearlyBest = 0.75;
 // A tap whose filter did not hold, or could not be bettered, is looked at again when the rest has
 // fallen by this much.
 constexpr double kMuchLess = 3.0;  // dB
-constexpr int kMostRounds = 8;
+constexpr int kMostRounds = 16;
 constexpr double kEnough = -50.0;  // dB: less than this is nobody's to hear
 constexpr int kEqualiserSteps = 3;
 
@@ -74,16 +74,19 @@ double reverberation_seconds(const std::vector<double>& decay) {
 
 class Search {
  public:
-  Search(const ChainJob& job, HeardTaps& taps, const ChainFir* master)
-      : job_(job),
+  Search(const ChainJob& song, HeardTaps& taps, const ChainFir* master)
+      : passages_(song, taps),
+        job_(passages_.job()),
         taps_(taps),
         master_(master),
-        mix_energy_(energy_of(job.mix)),
         filters_(taps.size()),
         settled_(taps.size()),
-        heard_(room()),
-        own_(room()),
-        rest_(room()) {
+        heard_(passages_.room()),
+        others_(passages_.room()),
+        own_(passages_.room()),
+        rest_(passages_.room()),
+        room_(passages_.room()) {
+    mix_energy_ = energy_judged([&](std::size_t c) { return job_.mix.row(c); });
     listen();
   }
 
@@ -91,12 +94,9 @@ class Search {
     if (finding.filters.empty()) finding.left_before = left_;
     if (!finding.settled.empty()) settled_ = finding.settled;
     for (auto& filter : finding.filters) filters_[filter.tap] = std::move(filter);
-    const int most = search == TapSearch::kOnce ? 1 : kMostRounds;
     int rounds = 0;
-    for (bool more = true; rounds < most && left_ > kEnough && improve(more); ++rounds) {
-      const auto filtered = std::ranges::count_if(filters_, [](const auto& f) { return !!f; });
-      more =
-          search == TapSearch::kAll || static_cast<std::size_t>(filtered) == finding.filters.size();
+    for (bool more = true; rounds < kMostRounds && left_ > kEnough && improve(more); ++rounds) {
+      more = search == TapSearch::kAll && !new_equaliser_;
     }
     finding.left_after = left_;
     finding.settled = settled_;
@@ -108,127 +108,130 @@ class Search {
   }
 
  private:
-  Heard room() const { return Heard::uninitialised(job_.mix.rows(), job_.mix.columns()); }
-
   /// All that is heard with the taps' ways as they are, and what is left of the mix.
   void listen() {
-    taps_.sum(job_, heard_, own_);
-    if (master_ != nullptr) {
-      play_to_measure(heard_.view(), *master_, job_, own_);
-      std::swap(heard_, own_);
-    }
+    passages_.hear_all(master_, heard_, room_);
     gain_.emplace(heard_.view(), kFittingGain, job_);
-    left_ = measure(*gain_);
+    take_rest(heard_.view(), *gain_, job_, rest_);
+    passages_.silence_rest(rest_);
+    left_ = level_of(rest_);
   }
 
-  /// Takes the rest under a gain, and its level in dB of the mix.
-  double measure(const GainCurve& gain) {
-    take_rest(heard_.view(), gain, job_, rest_);
-    return energy_db(energy_of(rest_.view()) / mix_energy_);
+  /// The level of what is judged of some rest, in dB of the mix.
+  double level_of(const Heard& rest) const {
+    return energy_db(energy_judged([&](std::size_t c) { return rest.row(c); }) / mix_energy_);
   }
 
-  /// A better filter, or, if it may be one more, another; whether there was one to be had.
-  bool improve(bool more) {
-    std::optional<Trial> best;
-    const auto promises = glance_at_taps(job_, taps_, *gain_, rest_.view());
-    const auto order = worth_a_try(promises, more);
-    for (const std::size_t tap : order) {
-      // What a glance puts far behind is not the best.
-      if (best && promise_of(promises[tap]) < kNearlyBest * promise_of(promises[order.front()])) {
-        break;
+  template <class Row>
+  double energy_judged(Row row) const {
+    double energy = 0.0;
+    for (std::size_t c = 0; c < job_.mix.rows(); ++c) {
+      for (const SampleSpan& span : passages_.judged()) {
+        energy += sum_of_squares(row(c).subspan(span.first, span.length()));
       }
+    }
+    return energy;
+  }
+
+  /// Takes a better filter, or, if it may be one more, another: of the tap that promises most, if
+  /// it holds. Whether there was one to be had.
+  bool improve(bool more) {
+    for (const auto& [tap, promise] : worth_a_try(more)) {
+      std::optional<Trial> best;
       bool good = false;
-      for (auto& trial : trials(tap, promises[tap])) {
+      for (auto& trial : trials(tap, promise)) {
         const bool holds = trial.filter.cross_validation >= kLeastValidated;
         good |= holds && left_ - trial.left >= kLeastBetter;
         const double least = best ? left_ - best->left : filters_[tap] ? kLeastBetter : kLeastFall;
         if (holds && left_ - trial.left >= least) best = std::move(trial);
       }
       settled_[tap] = !good;
+      if (!best) continue;
+      take(std::move(*best));
+      return true;
     }
-    if (!best) return false;
-    take(std::move(*best));
-    return true;
+    return false;
   }
 
   void take(Trial trial) {
     const std::size_t tap = trial.filter.tap;
     trial.filter.fall = left_ - trial.left + (filters_[tap] ? filters_[tap]->fall : 0.0);
+    new_equaliser_ |= !filters_[tap] && !trial.filter.is_effect;
     if (left_ - trial.left >= kMuchLess) settled_.assign(settled_.size(), false);
     taps_.paths[tap].own = std::move(trial.fir);
     filters_[tap] = std::move(trial.filter);
     listen();
   }
 
-  static double promise_of(const TapPromise& promise) {
-    return std::max(promise.equaliser, promise.effect);
-  }
+  struct Candidate {
+    std::size_t tap = 0;
+    TapPromise promise;
+    double best() const { return std::max(promise.equaliser, promise.effect); }
+  };
 
   /// The best first. A filter that was found is fitted again, because the gain has changed with it.
-  std::vector<std::size_t> worth_a_try(const std::vector<TapPromise>& promises, bool more) const {
-    std::vector<std::size_t> order;
-    for (std::size_t tap = 0; tap < promises.size(); ++tap) {
-      const bool may = !settled_[tap] && (more || filters_[tap]);
-      if (may && promise_of(promises[tap]) >= (filters_[tap] ? kLeastBetter : kWorthATry))
-        order.push_back(tap);
+  std::vector<Candidate> worth_a_try(bool more) const {
+    std::vector<std::size_t> chosen;
+    for (std::size_t tap = 0; tap < taps_.size(); ++tap) {
+      if (!settled_[tap] && (more || filters_[tap])) chosen.push_back(tap);
     }
-    std::ranges::stable_sort(order, std::greater<>(),
-                             [&](std::size_t tap) { return promise_of(promises[tap]); });
-    return order;
+    const auto promises = glance_at_taps(passages_, chosen, *gain_, rest_.view());
+    std::vector<Candidate> candidates;
+    for (std::size_t i = 0; i < chosen.size(); ++i) {
+      const Candidate candidate{chosen[i], promises[i]};
+      if (candidate.best() >= (filters_[chosen[i]] ? kLeastBetter : kWorthATry)) {
+        candidates.push_back(candidate);
+      }
+    }
+    std::ranges::stable_sort(candidates, std::greater<>(), &Candidate::best);
+    return candidates;
   }
 
-  /// The equaliser first: what it explains needs no effect.
+  /// The equaliser first: what it explains needs no effect. Where an effect promises clearly more,
+  /// the equaliser is what the effect does to short spectra.
   std::vector<Trial> trials(std::size_t tap, const TapPromise& promise) {
     std::vector<Trial> trials;
     const bool effect_before = filters_[tap] && filters_[tap]->is_effect;
-    if (!effect_before && (filters_[tap] || promise.equaliser >= kLeastFall)) {
+    const bool may_be_equaliser =
+        promise.equaliser >= kLeastFall && promise.effect < promise.equaliser + kWorthATry;
+    set_apart(tap);
+    if (!effect_before && (filters_[tap] || may_be_equaliser)) {
       trials.push_back(try_equaliser(tap));
     }
     const double explained = trials.empty() ? 0.0 : left_ - trials.front().left;
     if (effect_before || promise.effect >= std::max(explained, 0.0) + kWorthATry) {
-      trials.push_back(try_effect(tap));
+      if (auto trial = try_effect(tap)) trials.push_back(std::move(*trial));
     }
     return trials;
   }
 
-  /// Leaves the tap without its own filter in own_, and all else in heard_.
+  /// Leaves the tap without its own filter in own_, and all else in others_.
   void set_apart(std::size_t tap) {
-    taps_.hear(tap, master_, job_, own_);
-    add(own_, -1.0F);
+    passages_.hear(tap, master_, own_, room_);
+    for (std::size_t i = 0; i < heard_.size(); ++i) {
+      others_.data()[i] = heard_.data()[i] - own_.data()[i];
+    }
     if (!taps_.paths[tap].own) return;
     std::optional<ChainFir> filter;
     std::swap(taps_.paths[tap].own, filter);
-    taps_.hear(tap, master_, job_, own_);
+    passages_.hear(tap, master_, own_, room_);
     std::swap(taps_.paths[tap].own, filter);
   }
 
-  void add(const Heard& audio, float factor) {
-    for (std::size_t i = 0; i < heard_.size(); ++i) {
-      heard_.data()[i] += factor * audio.data()[i];
-    }
+  void add_others(Heard& audio) const {
+    for (std::size_t i = 0; i < audio.size(); ++i) audio.data()[i] += others_.data()[i];
   }
 
-  /// What is left with own_ filtered and back among the rest; all that is heard is as before then.
-  double left_with(std::size_t tap, const ChainFir& fir) {
-    play_to_measure(own_.view(), fir, job_, rest_);
-    add(rest_, 1.0F);
-    const double left = measure(GainCurve(heard_.view(), kFittingGain, job_));
-    play_to_measure(own_.view(), fir, job_, rest_);
-    put_back(tap);
-    return left;
-  }
-
-  /// All that is heard, and the rest, as they were before the tap was set apart.
-  void put_back(std::size_t tap) {
-    add(rest_, -1.0F);
-    taps_.hear(tap, master_, job_, rest_);
-    add(rest_, 1.0F);
-    measure(*gain_);
+  /// What is left with the tap that is set apart filtered, under the gain that goes with it.
+  double left_with(const ChainFir& fir) {
+    play_to_measure(own_.view(), fir, job_, room_);
+    add_others(room_);
+    take_rest(room_.view(), GainCurve(room_.view(), kFittingGain, job_), job_, room_);
+    return level_of(room_);
   }
 
   Trial try_equaliser(std::size_t tap) {
-    set_apart(tap);
-    FilterFit fit(job_, own_.view(), {.others = heard_.view(), .gain = &*gain_});
+    FilterFit fit(job_, own_.view(), {.others = others_.view(), .gain = &*gain_});
     for (int step = 0; step < kEqualiserSteps; ++step) fit.step(own_.view());
     Trial trial{.filter = {.tap = tap,
                            .cross_validation = fit.cross_validate(own_.view()),
@@ -237,41 +240,50 @@ class Search {
                            .deviation = fit.deviation(),
                            .decay_db = {}},
                 .fir = fit.fir()};
-    trial.left = left_with(tap, trial.fir);
+    trial.left = left_with(trial.fir);
     return trial;
   }
 
-  Trial try_effect(std::size_t tap) {
+  /// Nothing if it does not hold on passages that it has not seen.
+  std::optional<Trial> try_effect(std::size_t tap) {
     const bool again = filters_[tap] && filters_[tap]->is_effect;
-    set_apart(tap);
-    if (filters_[tap] && !again) {
-      add(own_, 1.0F);
-      measure(*gain_);
-      add(own_, -1.0F);
+    const bool instead = filters_[tap] && !again;
+    if (instead) {
+      std::ranges::copy(own_.flat(), room_.data());
+      add_others(room_);
+      take_rest(room_.view(), *gain_, job_, room_);
+      passages_.silence_rest(room_);
     }
-    const ChainFir* const before = again ? &*taps_.paths[tap].own : nullptr;
-    EffectFit fit = fit_effect({own_.view(), rest_.view(), *gain_, before}, job_);
+    auto fit = fit_effect({.source = own_.view(),
+                           .rest = (instead ? room_ : rest_).view(),
+                           .gain = *gain_,
+                           .judged = passages_.judged(),
+                           .before = again ? &*taps_.paths[tap].own : nullptr},
+                          kLeastValidated, job_);
+    if (!fit) return std::nullopt;
     Trial trial{.filter = {.tap = tap,
                            .is_effect = true,
                            .cross_validation =
-                               again ? filters_[tap]->cross_validation : fit.cross_validation,
+                               again ? filters_[tap]->cross_validation : fit->cross_validation,
                            .hz = {},
                            .curves = {},
                            .deviation = {},
-                           .decay_db = decay_of(fit.fir, job_.sr)},
-                .fir = std::move(fit.fir)};
+                           .decay_db = decay_of(fit->fir, job_.sr)},
+                .fir = std::move(fit->fir)};
     trial.filter.seconds = reverberation_seconds(trial.filter.decay_db);
-    trial.left = left_with(tap, trial.fir);
+    trial.left = left_with(trial.fir);
     return trial;
   }
 
-  const ChainJob& job_;
+  const Passages passages_;
+  const ChainJob& job_;  // of the passages
   HeardTaps& taps_;
   const ChainFir* master_;
-  double mix_energy_;
+  double mix_energy_ = 0.0;
   std::vector<std::optional<TapFilter>> filters_;
   std::vector<bool> settled_;
-  Heard heard_, own_, rest_;
+  bool new_equaliser_ = false;
+  Heard heard_, others_, own_, rest_, room_;
   std::optional<GainCurve> gain_;
   double left_ = 0.0;
 };

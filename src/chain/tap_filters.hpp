@@ -37,14 +37,16 @@ struct TapFiltersFinding {
   std::vector<bool> settled;  ///< by tap: whether another try is not worth it
 };
 
-/// How long to look for filters of single taps: for one filter, new or better; for that of one more
-/// tap and then for better ones of those that are there; or for all.
-enum class TapSearch { kOnce, kOneTap, kAll };
+/// How long to look for filters of single taps: for one, new or better, and then for better ones of
+/// those that are there; or for all effects, and one equaliser at most: what would be the next
+/// one's may be the master's.
+enum class TapSearch { kOneTap, kAll };
 
 /// Looks, tap by tap, for what it went through on its own, behind a master filter or none: takes
-/// the tap that takes most off what is left, if that is clear and holds on passages that the filter
-/// has not seen, and looks again with it in place. The taps' paths and `finding` get what is found;
-/// a filter that was there may become a better one. Returns whether anything was found.
+/// the tap that promises most, if its filter takes a clear part off what is left and holds on
+/// passages that it has not seen, and looks again with it in place. The taps' paths and `finding`
+/// get what is found; a filter that was there may become a better one. Returns whether anything was
+/// found.
 ///
 /// Errors: Cancelled; those of memory.
 bool find_tap_filters(const ChainJob& job, HeardTaps& taps, const ChainFir* master,

@@ -1,34 +1,43 @@
 #include "chain/tap_promise.hpp"
 
-#include <Eigen/Cholesky>
 #include <algorithm>
-#include <array>
 #include <cmath>
 #include <complex>
+#include <memory>
 
-#include "chain/spectral_products.hpp"
+#include "signal/instruction_sets.hpp"
 #include "signal/transforms.hpp"
 #include "signal/windows.hpp"
+#include "support/scratch_pool.hpp"
 
 namespace verdel::internal {
 namespace {
 
 constexpr double kFrameSeconds = 0.186;
 constexpr std::size_t kLags = 13;  // half frames that an effect is followed for
-constexpr std::size_t kRuns = 4, kRunFrames = 108;
+constexpr std::size_t kRuns = 4, kRunFrames = 80;
+constexpr std::size_t kTile = 16;  // bins at a time: their sums stay in the nearest cache
 // Frames that overlap by half count as so many independent ones.
 constexpr double kIndependent = 1.0 / 1.5;
+constexpr double kSmallRidge = 1e-4;  // of the tap's energy
 
-using Complex = std::complex<float>;
-using Spectrum = Array2D<Complex>;
+using Spectrum = Array2D<std::complex<float>>;
 
-/// Sums over the frames, by half frames that the tap is taken earlier, [lags][bins].
-struct LagSums {
-  Spectrum own, rest;        ///< of the tap and of the rest, each with the tap earlier
-  std::vector<float> power;  ///< of the rest
+/// Spectra of a run of frames, real and imaginary parts apart, [frames][bins in whole tiles].
+struct RunSpectra {
+  Array2D<float> re, im;
 
-  LagSums(std::size_t bins, std::size_t row)
-      : own(Spectrum::zeros(kLags, row)), rest(Spectrum::zeros(kLags, row)), power(bins) {}
+  explicit RunSpectra(std::size_t bins)
+      : re(Array2D<float>::zeros(kRunFrames, (bins + kTile - 1) / kTile * kTile)),
+        im(Array2D<float>::zeros(kRunFrames, re.columns())) {}
+};
+
+/// Sums over frames for a tile of bins, by half frames that the tap is taken earlier: of the tap
+/// itself and of the rest, each with the tap earlier.
+struct TileSums {
+  float own_re[kLags][kTile] = {}, own_im[kLags][kTile] = {};
+  float rest_re[kLags][kTile] = {}, rest_im[kLags][kTile] = {};
+  float power[kTile] = {};  ///< of the rest
 };
 
 /// Energy of the rest and what is left of it, over the bins.
@@ -36,156 +45,211 @@ struct Left {
   double rest = 0.0, behind_equaliser = 0.0, behind_effect = 0.0;
 };
 
+/// re, im += conj(x) times y, for a tile.
+VERDEL_INLINE void add_products(const float* x_re, const float* x_im, const float* y_re,
+                                const float* y_im, float* __restrict re, float* __restrict im) {
+  for (std::size_t i = 0; i < kTile; ++i) {
+    re[i] += x_re[i] * y_re[i] + x_im[i] * y_im[i];
+    im[i] += x_re[i] * y_im[i] - x_im[i] * y_re[i];
+  }
+}
+
+/// Adds the frames of a run, with silence before and behind: only so are they sums over the same
+/// frames for every lag, and no combination explains more than there is. The spectra are those from
+/// the tile's first bin on, frames `stride` apart.
+VERDEL_INLINE void add_run(const float* own_re, const float* own_im, const float* rest_re,
+                           const float* rest_im, std::size_t stride, std::size_t frames,
+                           TileSums& sums) {
+  for (std::size_t k = 0; k < frames; ++k) {
+    const std::size_t now = k * stride;
+    for (std::size_t lag = 0; lag < kLags && lag <= k; ++lag) {
+      const float *const re = own_re + now - lag * stride, *const im = own_im + now - lag * stride;
+      add_products(re, im, own_re + now, own_im + now, sums.own_re[lag], sums.own_im[lag]);
+      add_products(re, im, rest_re + now, rest_im + now, sums.rest_re[lag], sums.rest_im[lag]);
+    }
+    for (std::size_t i = 0; i < kTile; ++i) {
+      sums.power[i] += rest_re[now + i] * rest_re[now + i] + rest_im[now + i] * rest_im[now + i];
+    }
+  }
+}
+
+/// What the tap's frame, and it with those before, explain of the rest, for a tile. The equations
+/// of the second are Hermitian and Toeplitz: each longer predictor explains what its own error has
+/// in common with the rest (Levinson 1946, Durbin 1960).
+VERDEL_INLINE void explain(const TileSums& sums, double* equaliser, double* effect) {
+  double a_re[kLags][kTile] = {}, a_im[kLags][kTile] = {};  // the predictor from later frames
+  double error[kTile];
+  for (std::size_t i = 0; i < kTile; ++i) {
+    a_re[0][i] = 1.0;
+    error[i] = static_cast<double>(sums.own_re[0][i]) * (1.0 + kSmallRidge) + 1e-30;
+    effect[i] = 0.0;
+  }
+  for (std::size_t order = 0; order < kLags; ++order) {
+    double re[kTile] = {}, im[kTile] = {}, next_re[kTile] = {}, next_im[kTile] = {};
+    for (std::size_t j = 0; j <= order; ++j) {
+      // The frame that lies order - j half frames back.
+      const float *const b_re = sums.rest_re[order - j], *const b_im = sums.rest_im[order - j];
+      const std::size_t ahead = order + 1 < kLags ? order + 1 - j : 0;
+      const float *const r_re = sums.own_re[ahead], *const r_im = sums.own_im[ahead];
+      for (std::size_t i = 0; i < kTile; ++i) {
+        const auto c = static_cast<double>(b_re[i]), d = static_cast<double>(b_im[i]);
+        re[i] += a_re[j][i] * c + a_im[j][i] * d;
+        im[i] += a_re[j][i] * d - a_im[j][i] * c;
+        const auto p = static_cast<double>(r_re[i]), q = static_cast<double>(r_im[i]);
+        next_re[i] += a_re[j][i] * p + a_im[j][i] * q;
+        next_im[i] += a_im[j][i] * p - a_re[j][i] * q;
+      }
+    }
+    for (std::size_t i = 0; i < kTile; ++i) {
+      effect[i] += (re[i] * re[i] + im[i] * im[i]) / error[i];
+    }
+    if (order == 0) std::copy_n(effect, kTile, equaliser);
+    if (order + 1 == kLags) break;
+    double k_re[kTile], k_im[kTile];
+    for (std::size_t i = 0; i < kTile; ++i) {
+      k_re[i] = -next_re[i] / error[i];
+      k_im[i] = -next_im[i] / error[i];
+      error[i] *= std::max(1.0 - k_re[i] * k_re[i] - k_im[i] * k_im[i], 1e-12);
+    }
+    // a[j] + k conj(a[order + 1 - j]), both ends at once.
+    for (std::size_t j = 0; 2 * j <= order + 1; ++j) {
+      const std::size_t other = order + 1 - j;
+      for (std::size_t i = 0; i < kTile; ++i) {
+        const double p = a_re[j][i], q = a_im[j][i], r = a_re[other][i], s = a_im[other][i];
+        a_re[j][i] = p + k_re[i] * r + k_im[i] * s;
+        a_im[j][i] = q + k_im[i] * r - k_re[i] * s;
+        if (j == other) continue;
+        a_re[other][i] = r + k_re[i] * p + k_im[i] * q;
+        a_im[other][i] = s + k_im[i] * p - k_re[i] * q;
+      }
+    }
+  }
+}
+
 /// The part of `power` that no combination of so many values leaves by chance, if `left` is what
 /// their best one leaves.
 double corrected(double left, double power, double values, double frames) {
-  return std::min(power, left * frames / std::max(frames - values, 1.0));
+  return std::min(power, std::max(left, 0.0) * frames / std::max(frames - values, 1.0));
 }
 
 class Glance {
  public:
-  Glance(const ChainJob& job, const HeardTaps& taps, const GainCurve& gain, HeardView rest)
-      : job_(job),
-        taps_(taps),
+  Glance(const Passages& passages, const GainCurve& gain, HeardView rest)
+      : passages_(passages),
         gain_(gain),
         rest_(rest),
         transform_(std::size_t{1} << static_cast<unsigned>(
-                       std::lround(std::log2(kFrameSeconds * job.sr)))),
-        window_(get_window(transform_.length())) {}
+                       std::lround(std::log2(kFrameSeconds * passages.job().sr)))) {
+    for (const double value : get_window(transform_.length())) {
+      window_.push_back(static_cast<float>(value));
+    }
+    const std::size_t frames =
+        rest.columns() < window_.size() ? 0 : (rest.columns() - window_.size()) / hop() + 1;
+    run_frames_ = std::min(frames, kRunFrames);
+    const std::size_t runs = std::clamp<std::size_t>(frames / kRunFrames, 1, kRuns);
+    for (std::size_t i = 0; i < runs; ++i) {
+      starts_.push_back(i * (frames - run_frames_) / std::max<std::size_t>(runs - 1, 1));
+    }
+    for (std::size_t i = 0; i < rest.rows() * runs; ++i) rests_.emplace_back(transform_.bins());
+    run_indexed(passages.job().pool, rests_.size(), [&](std::size_t i) {
+      take_run(i % runs, rests_[i], [&](std::size_t at, std::span<float> time) {
+        std::ranges::copy(rest_.row(i / runs).subspan(at, time.size()), time.begin());
+      });
+    });
+  }
 
-  Left of(std::size_t tap, std::size_t channel) const {
-    LagSums sums(transform_.bins(), row_bins());
-    const std::size_t frames = frame_count();
-    const std::size_t taken = std::min(frames, kRuns * kRunFrames);
-    if (taken == frames) {
-      sum_run(tap, channel, 0, frames, sums);
-    } else {
-      for (std::size_t run = 0; run < kRuns; ++run) {
-        sum_run(tap, channel, run * (frames - kRunFrames) / (kRuns - 1), kRunFrames, sums);
+  Left of(std::size_t tap, std::size_t channel) {
+    std::vector<TileSums> sums(rests_.front().re.columns() / kTile);
+    const auto own = spectra_.lease();
+    std::vector<float> gains(window_.size());
+    for (std::size_t run = 0; run < starts_.size(); ++run) {
+      take_run(run, *own, [&](std::size_t at, std::span<float> time) {
+        gain_.read(channel, at, gains);
+        passages_.read(tap, channel, at, time);
+        for (std::size_t i = 0; i < time.size(); ++i) time[i] *= gains[i];
+      });
+      const RunSpectra& rest = rests_[channel * starts_.size() + run];
+      for (std::size_t tile = 0; tile < sums.size(); ++tile) {
+        const std::size_t bin = tile * kTile;
+        run_kernel<add_run>((*own).re.data() + bin, (*own).im.data() + bin, rest.re.data() + bin,
+                            rest.im.data() + bin, rest.re.columns(), run_frames_, sums[tile]);
       }
     }
-    return left_of(sums, static_cast<double>(taken) * kIndependent);
+    return left_of(sums);
   }
 
  private:
-  // Every row begins where a transform may write.
-  std::size_t row_bins() const { return (transform_.bins() + 7) / 8 * 8; }
   std::size_t hop() const { return window_.size() / 2; }
-  std::size_t frame_count() const {
-    const std::size_t frames = rest_.columns();
-    return frames < window_.size() ? 0 : (frames - window_.size()) / hop() + 1;
-  }
 
-  /// Sums over frames first .. first + count - 1, with silence before and behind both: only so are
-  /// they sums over the same frames for every lag, and no combination explains more than there is.
-  void sum_run(std::size_t tap, std::size_t channel, std::size_t first, std::size_t count,
-               LagSums& sums) const {
-    auto past = Spectrum::zeros(kLags, row_bins());
-    auto rest = Spectrum::zeros(1, row_bins());
+  /// Reads a run's frames with read(first sample, into) and transforms them.
+  template <class Read>
+  void take_run(std::size_t run, RunSpectra& spectra, Read read) const {
     auto time = Array2D<float>::uninitialised(1, window_.size());
-    std::vector<float> gains(window_.size());
-    for (std::size_t k = 0; k < count; ++k) {
-      job_.stop.check();
-      const std::size_t at = (first + k) * hop();
-      gain_.read(channel, at, gains);
-      read_tap(tap, channel, at, gains, time);
-      transform_.forward(time.data(), past.row(k % kLags).data());
-      for (std::size_t i = 0; i < window_.size(); ++i) {
-        time.data()[i] = static_cast<float>(window_[i]) * rest_.row(channel)[at + i];
+    auto spectrum = Spectrum::uninitialised(1, transform_.bins());
+    for (std::size_t k = 0; k < run_frames_; ++k) {
+      passages_.job().stop.check();
+      read((starts_[run] + k) * hop(), time.flat());
+      for (std::size_t i = 0; i < window_.size(); ++i) time.data()[i] *= window_[i];
+      transform_.forward(time.data(), spectrum.data());
+      const auto re = spectra.re.row(k), im = spectra.im.row(k);
+      for (std::size_t bin = 0; bin < spectrum.size(); ++bin) {
+        re[bin] = spectrum.data()[bin].real();
+        im[bin] = spectrum.data()[bin].imag();
       }
-      transform_.forward(time.data(), rest.data());
-      add(past, k, rest, sums);
     }
   }
 
-  void read_tap(std::size_t tap, std::size_t channel, std::size_t at,
-                const std::vector<float>& gains, Array2D<float>& time) const {
-    const auto row = taps_.given(tap).row(channel);
-    const auto begin = static_cast<std::ptrdiff_t>(at) - taps_.paths[tap].lag;
-    for (std::size_t i = 0; i < gains.size(); ++i) {
-      const std::ptrdiff_t place = begin + static_cast<std::ptrdiff_t>(i);
-      const bool inside = place >= 0 && place < static_cast<std::ptrdiff_t>(row.size());
-      const auto sample = inside ? row[static_cast<std::size_t>(place)] : 0.0F;
-      time.data()[i] = static_cast<float>(window_[i]) * gains[i] * sample;
-    }
-  }
-
-  static void add(const Spectrum& past, std::size_t newest, const Spectrum& rest, LagSums& sums) {
-    for (std::size_t lag = 0; lag < std::min(kLags, newest + 1); ++lag) {
-      const auto earlier = past.row((newest - lag) % kLags);
-      add_correlation(earlier, past.row(newest % kLags), sums.own.row(lag));
-      add_correlation(earlier, rest.flat(), sums.rest.row(lag));
-    }
-    for (std::size_t bin = 0; bin < sums.power.size(); ++bin) {
-      sums.power[bin] += std::norm(rest.data()[bin]);
-    }
-  }
-
-  static Left left_of(const LagSums& sums, double frames) {
-    using Matrix = Eigen::Matrix<std::complex<double>, kLags, kLags>;
-    using Vector = Eigen::Matrix<std::complex<double>, kLags, 1>;
+  Left left_of(const std::vector<TileSums>& sums) const {
+    const double frames = static_cast<double>(starts_.size() * run_frames_) * kIndependent;
     Left total;
-    for (std::size_t bin = 0; bin < sums.power.size(); ++bin) {
-      const auto own_at = [&](std::size_t lag) {
-        return std::complex<double>(sums.own.row(lag)[bin]);
-      };
-      const auto rest_at = [&](std::size_t lag) {
-        return std::complex<double>(sums.rest.row(lag)[bin]);
-      };
-      const auto power = static_cast<double>(sums.power[bin]);
-      const double own = own_at(0).real();
-      total.rest += power;
-      double behind_equaliser = power, behind_effect = power;
-      if (own > 0.0) {
-        Matrix a;
-        Vector b;
-        for (std::size_t i = 0; i < kLags; ++i) {
-          const auto row = static_cast<Eigen::Index>(i);
-          b[row] = rest_at(i);
-          for (std::size_t j = 0; j <= i; ++j) {
-            // The tap j half frames ago with the tap i half frames ago.
-            a(row, static_cast<Eigen::Index>(j)) = own_at(i - j);
-          }
-          a(row, row) += 1e-4 * own;
-        }
-        behind_equaliser -= std::norm(rest_at(0)) / own;
-        const Eigen::LLT<Matrix, Eigen::Lower> factors(a);
-        behind_effect -= b.dot(factors.solve(b)).real();
+    for (std::size_t tile = 0; tile < sums.size(); ++tile) {
+      double equaliser[kTile], effect[kTile];
+      run_kernel<explain>(sums[tile], equaliser, effect);
+      // What fills up the last tile is silent.
+      for (std::size_t i = 0; i < kTile; ++i) {
+        const auto power = static_cast<double>(sums[tile].power[i]);
+        total.rest += power;
+        total.behind_equaliser += corrected(power - equaliser[i], power, 1.0, frames);
+        total.behind_effect +=
+            corrected(power - effect[i], power, static_cast<double>(kLags), frames);
       }
-      total.behind_equaliser += corrected(behind_equaliser, power, 1.0, frames);
-      total.behind_effect += corrected(behind_effect, power, static_cast<double>(kLags), frames);
     }
     return total;
   }
 
-  const ChainJob& job_;
-  const HeardTaps& taps_;
+  const Passages& passages_;
   const GainCurve& gain_;
   HeardView rest_;
   RealTransform<float> transform_;
-  std::vector<double> window_;
+  std::vector<float> window_;
+  std::size_t run_frames_ = 0;
+  std::vector<std::size_t> starts_;  // of the runs, in frames
+  std::vector<RunSpectra> rests_;    // [channel * runs + run]
+  ScratchPool<RunSpectra> spectra_{
+      [this] { return std::make_unique<RunSpectra>(transform_.bins()); }};
 };
 
 }  // namespace
 
-std::vector<TapPromise> glance_at_taps(const ChainJob& job, const HeardTaps& taps,
-                                       const GainCurve& gain, HeardView rest) {
-  const Glance glance(job, taps, gain, rest);
+std::vector<TapPromise> glance_at_taps(const Passages& passages,
+                                       std::span<const std::size_t> chosen, const GainCurve& gain,
+                                       HeardView rest) {
+  Glance glance(passages, gain, rest);
   const std::size_t channels = rest.rows();
-  std::vector<Left> left(taps.size() * channels);
-  run_indexed(job.pool, left.size(),
-              [&](std::size_t i) { left[i] = glance.of(i / channels, i % channels); });
-  std::vector<TapPromise> promises(taps.size());
-  for (std::size_t tap = 0; tap < taps.size(); ++tap) {
+  std::vector<Left> left(chosen.size() * channels);
+  run_indexed(passages.job().pool, left.size(),
+              [&](std::size_t i) { left[i] = glance.of(chosen[i / channels], i % channels); });
+  std::vector<TapPromise> promises(chosen.size());
+  for (std::size_t k = 0; k < promises.size(); ++k) {
     Left all;
     for (std::size_t c = 0; c < channels; ++c) {
-      const Left& part = left[tap * channels + c];
+      const Left& part = left[k * channels + c];
       all.rest += part.rest;
       all.behind_equaliser += part.behind_equaliser;
       all.behind_effect += part.behind_effect;
     }
-    promises[tap] = {energy_db(all.rest / std::max(all.behind_equaliser, 1e-30)),
-                     energy_db(all.rest / std::max(all.behind_effect, 1e-30))};
+    promises[k] = {energy_db(all.rest / std::max(all.behind_equaliser, 1e-30)),
+                   energy_db(all.rest / std::max(all.behind_effect, 1e-30))};
   }
   return promises;
 }

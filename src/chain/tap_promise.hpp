@@ -1,10 +1,10 @@
 #pragma once
 
+#include <span>
 #include <vector>
 
 #include "chain/chain_gain.hpp"
-#include "chain/chain_job.hpp"
-#include "chain/heard_taps.hpp"
+#include "chain/passages.hpp"
 
 namespace verdel::internal {
 
@@ -14,10 +14,11 @@ struct TapPromise {
   double effect = 0.0;
 };
 
-/// Looks at every tap: how far the rest of the mix follows it in each frequency, at once (an
-/// equaliser) and up to 1.2 s later (an effect), in short spectra over some forty seconds, evenly
-/// spread. By tap. `rest` is mix - gain * all that is heard.
-std::vector<TapPromise> glance_at_taps(const ChainJob& job, const HeardTaps& taps,
-                                       const GainCurve& gain, HeardView rest);
+/// Looks at the chosen taps: how far the rest of the mix follows each in each frequency, at once
+/// (an equaliser) and up to 1.2 s later (an effect), in short spectra over half a minute, evenly
+/// spread. In the order of `chosen`. `rest` is mix - gain * all that is heard.
+std::vector<TapPromise> glance_at_taps(const Passages& passages,
+                                       std::span<const std::size_t> chosen, const GainCurve& gain,
+                                       HeardView rest);
 
 }  // namespace verdel::internal
