@@ -13,7 +13,7 @@ namespace {
 
 constexpr std::size_t kPassageSeconds = 2;
 constexpr std::size_t kThirds = 3;  // every third passage judges
-constexpr int kJudgedSteps = 3, kMoreSteps = 2, kBetterSteps = 3;
+constexpr int kJudgedSteps = 3, kMoreSteps = 3, kBetterSteps = 3;
 constexpr std::size_t kTasksPerChannel = 4;
 
 using Spans = std::vector<SampleSpan>;

@@ -143,13 +143,8 @@ class Glance {
     for (const double value : get_window(transform_.length())) {
       window_.push_back(static_cast<float>(value));
     }
-    const std::size_t frames =
-        rest.columns() < window_.size() ? 0 : (rest.columns() - window_.size()) / hop() + 1;
-    run_frames_ = std::min(frames, kRunFrames);
-    const std::size_t runs = std::clamp<std::size_t>(frames / kRunFrames, 1, kRuns);
-    for (std::size_t i = 0; i < runs; ++i) {
-      starts_.push_back(i * (frames - run_frames_) / std::max<std::size_t>(runs - 1, 1));
-    }
+    choose_runs();
+    const std::size_t runs = starts_.size();
     for (std::size_t i = 0; i < rest.rows() * runs; ++i) rests_.emplace_back(transform_.bins());
     run_indexed(passages.job().pool, rests_.size(), [&](std::size_t i) {
       take_run(i % runs, rests_[i], [&](std::size_t at, std::span<float> time) {
@@ -159,6 +154,7 @@ class Glance {
   }
 
   Left of(std::size_t tap, std::size_t channel) {
+    if (starts_.empty()) return {};
     std::vector<TileSums> sums(rests_.front().re.columns() / kTile);
     const auto own = spectra_.lease();
     std::vector<float> gains(window_.size());
@@ -181,6 +177,25 @@ class Glance {
  private:
   std::size_t hop() const { return window_.size() / 2; }
 
+  /// Evenly spread over what is judged, each in one passage.
+  void choose_runs() {
+    std::size_t judged = 0, shortest = rest_.columns();
+    for (const SampleSpan& span : passages_.judged()) {
+      judged += span.length();
+      shortest = std::min(shortest, span.length());
+    }
+    if (shortest < window_.size()) return;
+    run_frames_ = std::min(kRunFrames, (shortest - window_.size()) / hop() + 1);
+    const std::size_t length = (run_frames_ + 1) * hop();
+    const std::size_t runs = std::clamp<std::size_t>(judged / length, 1, kRuns);
+    for (std::size_t i = 0; i < runs; ++i) {
+      std::size_t at = i * (judged - length) / std::max<std::size_t>(runs - 1, 1);
+      const auto* span = passages_.judged().data();
+      for (; at >= span->length(); ++span) at -= span->length();
+      starts_.push_back(std::min(span->first + at, span->stop - length));
+    }
+  }
+
   /// Reads a run's frames with read(first sample, into) and transforms them.
   template <class Read>
   void take_run(std::size_t run, RunSpectra& spectra, Read read) const {
@@ -188,7 +203,7 @@ class Glance {
     auto spectrum = Spectrum::uninitialised(1, transform_.bins());
     for (std::size_t k = 0; k < run_frames_; ++k) {
       passages_.job().stop.check();
-      read((starts_[run] + k) * hop(), time.flat());
+      read(starts_[run] + k * hop(), time.flat());
       for (std::size_t i = 0; i < window_.size(); ++i) time.data()[i] *= window_[i];
       transform_.forward(time.data(), spectrum.data());
       const auto re = spectra.re.row(k), im = spectra.im.row(k);
@@ -223,7 +238,7 @@ class Glance {
   RealTransform<float> transform_;
   std::vector<float> window_;
   std::size_t run_frames_ = 0;
-  std::vector<std::size_t> starts_;  // of the runs, in frames
+  std::vector<std::size_t> starts_;  // of the runs, in samples
   std::vector<RunSpectra> rests_;    // [channel * runs + run]
   ScratchPool<RunSpectra> spectra_{
       [this] { return std::make_unique<RunSpectra>(transform_.bins()); }};
