@@ -146,6 +146,40 @@ class RenderCancelled : public std::runtime_error {
 /// std::bad_alloc; a stem that misses the mix by -140 dBFS or more is a RenderError too.
 RenderResult render(const RenderRequest& request);
 
+/// A stem to be handed over, such as one of a RenderResult.
+struct FloatStem {
+  std::string name;
+  std::vector<std::span<const float>> channels;  ///< as many and as long as those of the mix
+};
+
+struct DeliverRequest {
+  int bits = 24;                 ///< 16 or 24
+  std::vector<ChannelView> mix;  ///< at least one channel, all of one length
+  std::vector<FloatStem> stems;  ///< at least one; rendered against this mix
+};
+
+struct IntegerStem {
+  std::string name;
+  std::vector<std::vector<std::int32_t>> channels;  ///< [channels][samples], in steps
+  int largest_departure = 0;                        ///< steps from rounding this stem for itself
+  double rms_departure = 0.0;                       ///< the same over all samples
+  std::uint64_t samples_relieved =
+      0;                            ///< where it would have clipped, and others hold what is over
+  std::uint64_t samples_taken = 0;  ///< where it holds what is over in others
+};
+
+struct DeliverResult {
+  std::vector<std::vector<std::int32_t>> mix;  ///< the integers that the stems sum to
+  double largest_mix_change = 0.0;             ///< steps; 0 where the mix was integers already
+  std::vector<IntegerStem> stems;              ///< in the order of the request
+};
+
+/// Rounds stems together to integers, full scale at 2 to the power of `bits` less one, so that they
+/// sum to those of the mix at every sample; what verdel-deliver does, without files. Throws
+/// RenderError for shapes that do not fit, a mix beyond full scale, samples that are not finite,
+/// and stems that miss the mix by more than two steps.
+DeliverResult deliver(const DeliverRequest& request);
+
 /// The version of the library, such as "0.1.0".
 const char* version();
 

@@ -15,7 +15,10 @@ class Verdel < Formula
   depends_on "eigen" => :build
   depends_on "fmt"
   depends_on "icu4c"
+  depends_on "libebur128"
   depends_on "libsndfile"
+  depends_on "nettle"
+  depends_on "nlohmann-json" => :build
 
   def install
     system "cmake", "-S", ".", "-B", "build", "-G", "Ninja",

@@ -20,6 +20,8 @@ class UnfinishedFile {
   UnfinishedFile& operator=(const UnfinishedFile&) = delete;
 
   int descriptor() const { return opened_.get(); }
+  /// Where it lies until it has its target's name.
+  const std::string& path() const { return file_.path(); }
 
   /// Replaces what stands under the target's name in one step, once the disk holds all that was
   /// written; the last call.

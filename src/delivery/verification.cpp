@@ -7,8 +7,8 @@
 #include <span>
 #include <system_error>
 
+#include "inputs/audio_blocks.hpp"
 #include "inputs/audio_header.hpp"
-#include "inputs/audio_loading.hpp"
 #include "support/errors.hpp"
 #include "support/unicode_text.hpp"
 
@@ -96,8 +96,14 @@ std::vector<StemInput> oldest_first(std::vector<StemInput> stems) {
 }  // namespace
 
 bool is_null_residual(const StemInput& stem, const StopToken& stop) {
-  return stem.name == kNullResidualName &&
-         levels(load_audio_input(stem, stop).audio.view()).peak <= kLoudestNullResidual;
+  if (stem.name != kNullResidualName) return false;
+  AudioBlocks blocks(stem);
+  auto block = AudioArray::uninitialised(blocks.header().channels, kBlockFrames);
+  while (const std::size_t count = blocks.read(block.view())) {
+    stop.check();
+    if (!(levels(block.view().column_range(0, count)).peak <= kLoudestNullResidual)) return false;
+  }
+  return true;
 }
 
 AudioArray written_residual(const std::vector<StemInput>& stems, AudioView mix, int sr,

@@ -9,6 +9,7 @@
 
 #include "driver/chain_picture.hpp"
 #include "driver/chain_stage.hpp"
+#include "driver/deliver_stage.hpp"
 #include "driver/engine_arguments.hpp"
 #include "driver/folder_proof.hpp"
 #include "driver/option_parser.hpp"
@@ -134,6 +135,17 @@ int chain_main(const std::vector<std::string>& arguments, RunContext& context) {
                 .stop = context.stop,
                 .lines = lines,
                 .chain = &*chain});
+  });
+}
+
+int deliver_main(const std::vector<std::string>& arguments, RunContext& context) {
+  return exit_status_of(context, [&](OutputLines& lines) {
+    if (print_version("verdel-deliver", arguments, lines)) return;
+    const CommandLine command_line(context.program_name, entries_of(deliver_option_table()));
+    const auto options = parse_record(command_line, deliver_option_table(), arguments);
+    if (!options) return lines.write(command_line.help());
+    if (!options->progress_json) lines.show_stages_on(context.err);
+    deliver_folder(*options, context.machine.processors(), lines, context.stop);
   });
 }
 

@@ -33,4 +33,7 @@ int verify_main(const std::vector<std::string>& arguments, RunContext& context);
 /// A render that hears the master chain first: its own lines, then those of main.
 int chain_main(const std::vector<std::string>& arguments, RunContext& context);
 
+/// Hands a folder of stems over as integers whose sum is the mix.
+int deliver_main(const std::vector<std::string>& arguments, RunContext& context);
+
 }  // namespace verdel::internal

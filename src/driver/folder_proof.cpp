@@ -4,13 +4,16 @@
 
 #include <algorithm>
 #include <cmath>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "delivery/verification.hpp"
+#include "driver/delivered_folder.hpp"
 #include "inputs/audio_header.hpp"
 #include "inputs/audio_loading.hpp"
+#include "inputs/path_text.hpp"
 #include "support/errors.hpp"
 #include "support/number_text.hpp"
 #include "support/unicode_text.hpp"
@@ -28,16 +31,9 @@ struct Folder {
   std::vector<StemInput> stems;
   Part part;
   int sr = 0;
+  std::optional<Manifest> manifest = {};  ///< its hashes hold
+  bool exact = false;                     ///< where there is one: the sum is its mix, bit for bit
 };
-
-std::vector<StemInput> stems_of(const std::string& folder, const StopToken& stop) {
-  auto stems = plan_stem_inputs(folder);
-  std::erase_if(stems, [&](const StemInput& stem) { return is_null_residual(stem, stop); });
-  if (stems.empty()) {
-    throw ValueError("no stems in " + quoted_path(folder) + ". Pass the folder that holds them.");
-  }
-  return stems;
-}
 
 /// `has`: a number and what is counted.
 std::string difference_text(const StemInput& stem, const std::string& has, std::size_t wanted) {
@@ -106,6 +102,46 @@ std::size_t start_of(const VerifyOptions& options, const LoadedAudio& mix, std::
   return start < static_cast<double>(latest) ? static_cast<std::size_t>(start) : latest;
 }
 
+bool is_silence(AudioView audio) {
+  for (std::size_t channel = 0; channel < audio.rows(); ++channel) {
+    if (std::ranges::any_of(audio.row(channel), [](double x) { return x != 0.0; })) return false;
+  }
+  return true;
+}
+
+/// Whether the stems are the mix bit for bit: that of their own folder where it was delivered, or
+/// else the one at hand, whose residual that is.
+bool sums_exactly(const VerifyOptions& options, const Folder& folder, AudioView residual,
+                  const StopToken& stop) {
+  if (!folder.manifest->mix) return is_silence(residual);
+  const StemInput delivered{"mix", {join(*options.stems, folder.manifest->mix->file)}};
+  const LoadedAudio mix = load_audio_input(delivered, stop);
+  return mix.audio.columns() == folder.part.frames &&
+         is_silence(written_residual(folder.stems, mix.audio.view(), mix.sr, stop).view());
+}
+
+/// A folder keeps what its manifest promises, whatever the threshold.
+bool keeps_promise(const Folder& folder) {
+  return !folder.manifest || !folder.manifest->sums_exactly || folder.exact;
+}
+
+void require_promised_sum(const VerifyOptions& options, const Folder& folder) {
+  if (keeps_promise(folder)) return;
+  throw RuntimeError("the manifest of " + quoted_path(*options.stems) +
+                     " promises stems that sum to the mix exactly, and they do not: this is "
+                     "another mix, or one of more bits");
+}
+
+void print_manifest(const Folder& folder, OutputLines& lines) {
+  if (!folder.manifest) return;
+  const std::size_t files = folder.stems.size() + (folder.manifest->mix ? 1 : 0);
+  lines.print(fmt::format("manifest: {}, as delivered", counted(files, "file")));
+  if (!folder.exact) return;
+  lines.print(folder.manifest->mix
+                  ? "sums to the mix exactly, as rounded to " + folder.manifest->mix->file
+                  : "sums to the mix exactly");
+}
+
 void print_text(const Folder& folder, const Proof& proof, OutputLines& lines) {
   lines.print(fmt::format("{} stems, {} frames from {}, {} Hz", folder.stems.size(),
                           folder.part.frames, folder.part.start, folder.sr));
@@ -125,6 +161,12 @@ std::string json_number(double value) {
   return std::isfinite(value) ? shortest_float64(value) : "null";
 }
 
+/// The key of a folder that has a manifest; nothing for others.
+std::string manifest_json(const Folder& folder) {
+  if (!folder.manifest) return {};
+  return fmt::format(R"(, "manifest": {{"hashes": true, "sums_exactly": {}}})", folder.exact);
+}
+
 void print_json(const Folder& folder, const Proof& proof, const VerifyOptions& options,
                 OutputLines& lines) {
   std::string channels;
@@ -135,10 +177,11 @@ void print_json(const Folder& folder, const Proof& proof, const VerifyOptions& o
   }
   lines.print(fmt::format(
       R"({{"mix": {}, "stems": {}, "count": {}, "start": {}, "frames": {}, "sample_rate": {}, )"
-      R"("threshold_dbfs": {}, "peak_dbfs": {}, "passed": {}, "channels": [{}]}})",
+      R"("threshold_dbfs": {}, "peak_dbfs": {}, "passed": {}, "channels": [{}]{}}})",
       json_string(*options.mix), json_string(*options.stems), folder.stems.size(),
       folder.part.start, folder.part.frames, folder.sr, json_number(options.threshold),
-      json_number(proof.peak), proof.passed, channels));
+      json_number(proof.peak), proof.passed && keeps_promise(folder), channels,
+      manifest_json(folder)));
 }
 
 std::string advice_on(const std::vector<StemInput>& surplus) {
@@ -156,7 +199,9 @@ std::string advice_on(const std::vector<StemInput>& surplus) {
 }  // namespace
 
 void prove_folder(const VerifyOptions& options, OutputLines& lines, const StopToken& stop) {
-  Folder folder{.stems = stems_of(*options.stems, stop), .part = {}};
+  auto [stems, manifest] = delivered_folder(*options.stems, stop);
+  if (manifest) require_hashes(*options.stems, *manifest, stop);
+  Folder folder{.stems = std::move(stems), .part = {}, .manifest = std::move(manifest)};
   const LoadedAudio mix = load_audio_input(plan_mix_input(*options.mix), stop);
   folder.sr = mix.sr;
   folder.part.frames = common_length(folder.stems, mix, stop);
@@ -166,16 +211,25 @@ void prove_folder(const VerifyOptions& options, OutputLines& lines, const StopTo
       mix.audio.view().column_range(folder.part.start, folder.part.start + folder.part.frames);
   AudioArray residual = written_residual(folder.stems, part, mix.sr, stop);
   const Proof proof = prove(residual.view(), options.threshold);
+  if (folder.manifest) folder.exact = sums_exactly(options, folder, residual.view(), stop);
   if (options.json) {
     print_json(folder, proof, options, lines);
   } else {
     print_text(folder, proof, lines);
+    print_manifest(folder, lines);
   }
-  if (proof.passed) return;
-  const std::string failure = "the stems do not add up to the mix";
+  if (proof.passed) return require_promised_sum(options, folder);
+  std::string failure = "the stems do not add up to the mix";
+  if (folder.exact && folder.manifest->mix) {
+    throw RuntimeError(failure + "\nThey do add up to " +
+                       quoted_path(join(*options.stems, folder.manifest->mix->file)) +
+                       ", the mix in " + folder.manifest->bits +
+                       " bits that was delivered with them: pass that one.");
+  }
   const auto surplus =
       surplus_stems(folder.stems, std::move(residual), mix.sr, options.threshold, stop);
-  throw RuntimeError(surplus.empty() ? failure : failure + "\n" + advice_on(surplus));
+  if (!surplus.empty()) failure.append("\n").append(advice_on(surplus));
+  throw RuntimeError(failure);
 }
 
 }  // namespace verdel::internal

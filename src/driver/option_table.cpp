@@ -370,6 +370,42 @@ OptionTable<ChainOptions> make_chain_option_table() {
   };
 }
 
+OptionTable<DeliverOptions> make_deliver_option_table() {
+  return {
+      {.name = "--mix",
+       .field = &DeliverOptions::mix,
+       .help = "the finished mix",
+       .required = true,
+       .path = PathKind::kFile},
+      {.name = "--stems",
+       .field = &DeliverOptions::stems,
+       .help = "folder of the stems that were rendered against it",
+       .required = true,
+       .path = PathKind::kFolder},
+      {.name = "--to",
+       .field = &DeliverOptions::to,
+       .help = "folder for the files to hand over",
+       .required = true,
+       .path = PathKind::kFolder},
+      {.name = "--bits",
+       .field = &DeliverOptions::bits,
+       .help = "integers of 16 or 24 bits whose sum is the mix, or 32-bit floats",
+       .choices = "16,24,32f"},
+      {.name = "--format",
+       .field = &DeliverOptions::format,
+       .help = "container of the files; flac and aiff with 16 or 24 bits",
+       .choices = "wav,flac,aiff"},
+      {.name = "--name",
+       .field = &DeliverOptions::name,
+       .help = "how the files are called, with {song}, {stem}, {index}, {rate} and {bits}",
+       .metavar = "TEMPLATE"},
+      {.name = "--json",
+       .field = &DeliverOptions::json,
+       .help = "print one JSON object instead of lines for people"},
+      {.name = "--progress-json", .field = &DeliverOptions::progress_json, .hidden = true},
+  };
+}
+
 }  // namespace
 
 const OptionTable<Options>& option_table() {
@@ -392,6 +428,11 @@ const OptionTable<ChainOptions>& chain_option_table() {
   return table;
 }
 
+const OptionTable<DeliverOptions>& deliver_option_table() {
+  static const OptionTable<DeliverOptions> table = make_deliver_option_table();
+  return table;
+}
+
 std::vector<OptionEntry> entries_of(const OptionTable<Options>& table) {
   return entries_of_table(table);
 }
@@ -405,6 +446,10 @@ std::vector<OptionEntry> entries_of(const OptionTable<VerifyOptions>& table) {
 }
 
 std::vector<OptionEntry> entries_of(const OptionTable<ChainOptions>& table) {
+  return entries_of_table(table);
+}
+
+std::vector<OptionEntry> entries_of(const OptionTable<DeliverOptions>& table) {
   return entries_of_table(table);
 }
 

@@ -72,6 +72,16 @@ struct ChainOptions {
   std::optional<std::string> picture;  ///< the same to look at
 };
 
+/// What handing stems over asks for.
+struct DeliverOptions {
+  std::optional<std::string> mix, stems, to;
+  std::string bits = "24";
+  std::string format = "wav";
+  std::string name = "{stem}";
+  bool json = false;
+  bool progress_json = false;
+};
+
 /// What a second opinion on a folder of stems needs.
 struct VerifyOptions {
   std::optional<std::string> mix, stems;

@@ -47,16 +47,20 @@ std::optional<Plans> plan(const Options& options) {
   }
 }
 
-std::map<FileIdentity, std::string> inputs_by_identity(const Plans& plans) {
-  std::map<FileIdentity, std::string> inputs;
-  const auto add = [&](const StemInput& input) {
-    for (const std::string& file : input.files) {
-      if (const auto entry = entry_at(file)) inputs.emplace(identity_of(*entry), file);
-    }
-  };
-  add(plans.mix);
-  for (const StemInput& stem : plans.stems) add(stem);
+std::vector<StemInput> inputs_of(const Plans& plans) {
+  std::vector<StemInput> inputs = plans.stems;
+  inputs.insert(inputs.begin(), plans.mix);
   return inputs;
+}
+
+std::map<FileIdentity, std::string> by_identity(const std::vector<StemInput>& inputs) {
+  std::map<FileIdentity, std::string> identities;
+  for (const StemInput& input : inputs) {
+    for (const std::string& file : input.files) {
+      if (const auto entry = entry_at(file)) identities.emplace(identity_of(*entry), file);
+    }
+  }
+  return identities;
 }
 
 void refuse_null_residual_as_stem(const Plans& plans) {
@@ -71,7 +75,7 @@ void refuse_null_residual_as_stem(const Plans& plans) {
 
 /// Looks at what stands under an output's name. `written` holds the files of the outputs before it,
 /// behind all links: those are written through, and no file can hold two stems.
-void refuse_target(const std::string& target, const std::string& name,
+void refuse_target(const std::string& target, const std::string& name, const std::string& option,
                    const std::map<FileIdentity, std::string>& inputs,
                    std::map<std::string, std::string>& written) {
   const auto entry = entry_at(target);
@@ -79,20 +83,20 @@ void refuse_target(const std::string& target, const std::string& name,
   if (S_ISDIR(entry->st_mode)) {
     throw ValueError(
         fmt::format("{} is a folder, but {} is to be written there. Move the folder, or pass "
-                    "another --out.",
-                    quoted_path(target), quoted_path(name)));
+                    "another {}.",
+                    quoted_path(target), quoted_path(name), option));
   }
   const auto input = inputs.find(identity_of(*entry));
   if (input != inputs.end()) {
     throw ValueError(fmt::format(
-        "{} would be overwritten: it is the same file as the input {}. Pass another --out.",
-        quoted_path(target), quoted_path(input->second)));
+        "{} would be overwritten: it is the same file as the input {}. Pass another {}.",
+        quoted_path(target), quoted_path(input->second), option));
   }
   const auto [other, is_first] = written.emplace(std::filesystem::canonical(target), target);
   if (is_first) return;
-  throw ValueError(fmt::format(
-      "{} and {} are one file by way of a link. Remove the link, or pass another --out.",
-      quoted_path(other->second), quoted_path(target)));
+  throw ValueError(
+      fmt::format("{} and {} are one file by way of a link. Remove the link, or pass another {}.",
+                  quoted_path(other->second), quoted_path(target), option));
 }
 
 /// What is missing is told in its turn, before a place that cannot be used.
@@ -111,24 +115,29 @@ void refuse_overwriting(const Options& options) {
   if (!plans) return;
   if (options.write_null) refuse_null_residual_as_stem(*plans);
 
-  const auto out = entry_at(*options.out);
-  if (out && !S_ISDIR(out->st_mode)) {
+  OutputFiles outputs{.folder = *options.out, .option = "--out", .names = {}, .paths = {}};
+  for (const StemInput& stem : plans->stems) outputs.names.push_back(stem.name);
+  if (options.write_null) outputs.names.emplace_back(kNullResidualName);
+  for (const std::string& name : outputs.names) {
+    outputs.paths.push_back(join(outputs.folder, name + ".wav"));
+  }
+  refuse_overwriting(outputs, inputs_of(*plans));
+  if (all_are_there(*plans)) require_usable_place(outputs.folder, outputs.paths);
+}
+
+void refuse_overwriting(const OutputFiles& outputs, const std::vector<StemInput>& inputs) {
+  const auto folder = entry_at(outputs.folder);
+  if (folder && !S_ISDIR(folder->st_mode)) {
     throw ValueError(fmt::format(
         "“{}” is a file, but the stems are to be written into a folder of that name. Pass another "
-        "--out.",
-        *options.out));
+        "{}.",
+        outputs.folder, outputs.option));
   }
-  std::vector<std::string> names;
-  for (const StemInput& stem : plans->stems) names.push_back(stem.name);
-  if (options.write_null) names.emplace_back(kNullResidualName);
-  const auto inputs = inputs_by_identity(*plans);
-  std::vector<std::string> targets;
+  const auto identities = by_identity(inputs);
   std::map<std::string, std::string> written;
-  for (const std::string& name : names) {
-    targets.push_back(join(*options.out, name + ".wav"));
-    refuse_target(targets.back(), name, inputs, written);
+  for (std::size_t i = 0; i < outputs.paths.size(); ++i) {
+    refuse_target(outputs.paths[i], outputs.names[i], outputs.option, identities, written);
   }
-  if (all_are_there(*plans)) require_usable_place(*options.out, targets);
 }
 
 }  // namespace verdel::internal

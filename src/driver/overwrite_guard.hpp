@@ -1,6 +1,10 @@
 #pragma once
 
+#include <string>
+#include <vector>
+
 #include "driver/options.hpp"
+#include "inputs/input_planning.hpp"
 
 namespace verdel::internal {
 
@@ -12,5 +16,16 @@ namespace verdel::internal {
 /// there passes in silence, since planning and loading say why in their turn.
 /// Throws ValueError and OSError.
 void refuse_overwriting(const Options& options);
+
+/// What is to be written, and where.
+struct OutputFiles {
+  std::string folder;
+  std::string option;              ///< which names the folder, with its dashes
+  std::vector<std::string> names;  ///< as messages call them
+  std::vector<std::string> paths;  ///< one for each name
+};
+
+/// The first half of that for any files: what is in the way of them, or one of the inputs.
+void refuse_overwriting(const OutputFiles& outputs, const std::vector<StemInput>& inputs);
 
 }  // namespace verdel::internal

@@ -117,6 +117,35 @@ std::uint64_t sample_bytes(int format) {
   }
 }
 
+std::optional<int> integer_bits_of(int format) {
+  switch (format & SF_FORMAT_SUBMASK) {
+    case SF_FORMAT_PCM_S8:
+    case SF_FORMAT_PCM_U8:
+      return 8;
+    case SF_FORMAT_PCM_16:
+    case SF_FORMAT_ALAC_16:
+    case SF_FORMAT_ULAW:
+    case SF_FORMAT_ALAW:
+      return 16;
+    case SF_FORMAT_ALAC_20:
+      return 20;
+    case SF_FORMAT_PCM_24:
+    case SF_FORMAT_ALAC_24:
+      return 24;
+    case SF_FORMAT_PCM_32:
+    case SF_FORMAT_ALAC_32:
+      return 32;
+    default:
+      return std::nullopt;
+  }
+}
+
+/// A field of fixed length, which ends early at a zero.
+template <std::size_t size>
+std::string text_of(const char (&field)[size]) {
+  return {field, std::find(field, field + size, '\0')};
+}
+
 bool is_flac_or_alac(int format) {
   constexpr std::array<int, 4> kAlac = {SF_FORMAT_ALAC_16, SF_FORMAT_ALAC_20, SF_FORMAT_ALAC_24,
                                         SF_FORMAT_ALAC_32};
@@ -147,6 +176,7 @@ struct AudioFile::State {
   DecoderInput input;
   FileHandle file;
   AudioHeader header;
+  int format = 0;
   bool length_is_verified = false;
   std::size_t position = 0;  // frames decoded
 
@@ -173,6 +203,7 @@ AudioFile::AudioFile(ByteSource source, const std::string& path)
   SF_INFO properties{};
   state.file = open_decoder(state.input, path, properties);
   state.header = header_of(properties, path);
+  state.format = properties.format;
 
   const std::uint64_t bytes = sample_bytes(properties.format);
   // A header may say different things to the walk and to the decoder.
@@ -199,6 +230,23 @@ const AudioHeader& AudioFile::header() const {
 }
 bool AudioFile::length_is_verified() const {
   return state_->length_is_verified;
+}
+
+std::optional<int> AudioFile::integer_bits() const {
+  return integer_bits_of(state_->format);
+}
+
+std::optional<BroadcastInfo> AudioFile::broadcast_info() const {
+  SF_BROADCAST_INFO info{};
+  if (sf_command(state_->file.get(), SFC_GET_BROADCAST_INFO, &info, sizeof info) != SF_TRUE) {
+    return std::nullopt;
+  }
+  return BroadcastInfo{
+      .description = text_of(info.description),
+      .originator = text_of(info.originator),
+      .date = text_of(info.origination_date),
+      .time = text_of(info.origination_time),
+      .time_reference = std::uint64_t{info.time_reference_high} << 32 | info.time_reference_low};
 }
 
 std::size_t AudioFile::read(std::span<double> interleaved) {

@@ -6,6 +6,7 @@
 #include <span>
 #include <string>
 
+#include "inputs/broadcast_info.hpp"
 #include "inputs/byte_source.hpp"
 
 namespace verdel::internal {
@@ -36,6 +37,12 @@ class AudioFile {
   /// Whether the header's length stands for samples whose bytes are known to be in the file, so
   /// that memory for them may be taken beforehand.
   bool length_is_verified() const;
+  /// The bits of the integers that the samples are, so that a sample times two to the power of one
+  /// less is a whole number; absent for floating point. (Companded samples count as the 16 bits
+  /// that they stand for.)
+  std::optional<int> integer_bits() const;
+  /// What a Broadcast WAV says of its place in time; absent where the file says nothing of it.
+  std::optional<BroadcastInfo> broadcast_info() const;
 
   /// Decodes the next frames into `interleaved`, all channels of a frame in a row; full scale is
   /// 1.0. Returns how many frames there were, 0 at the end. Throws RuntimeError if the audio cannot

@@ -53,14 +53,14 @@ one_song=$(verdel-song-memory one)
 
 with_parallel() {
   command -v parallel >/dev/null || not_tested "GNU parallel is not installed"
-  run() { VERDEL_BATCH_MEMORY=$((one_song * 3 / 2)) verdel-parallel "$@" one two three; }
+  run() { VERDEL_BATCH_MEMORY=$((one_song * 3 / 2)) verdel-parallel --deliver "$@" one two three; }
 }
 
 with_snakemake() {
   command -v snakemake >/dev/null || not_tested "Snakemake is not installed"
   run() {
     snakemake --snakefile "$source/packaging/batch/Snakefile" --directory . --cores 4 \
-      --resources mem_mb=$((one_song * 3 / 2)) --retries 2 --keep-going ${1:+--config chain=yes}
+      --resources mem_mb=$((one_song * 3 / 2)) --retries 2 --keep-going --config deliver=yes ${1:+chain=yes}
   }
 }
 
@@ -92,7 +92,7 @@ with_slurm() {
     [[ $(sinfo -h -o %t 2>/dev/null) == idle ]] && break
     sleep 0.1
   done
-  run() { SBATCH_WAIT=1 verdel-slurm "$@" one two three; }
+  run() { SBATCH_WAIT=1 verdel-slurm --deliver "$@" one two three; }
 }
 
 "with_$scheduler"
@@ -116,6 +116,7 @@ run >"$work/second.log" 2>&1 || fail "a repaired song failed"
 [[ $(stat -c '%n %i %Y' one/out/*.wav three/out/*.wav) == "$before" ]] || fail "rendered anew"
 for song in one two three; do
   grep -q '"passed": true' "$song/proof.json" || fail "$song is not proved"
+  grep -q '"sums_exactly": true' "$song/delivery/manifest.json" || fail "$song is not delivered"
 done
 
 rm one/proof.json

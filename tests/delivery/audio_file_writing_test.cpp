@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include "delivery/delivery_files.hpp"
+#include "inputs/audio_file.hpp"
 #include "inputs/audio_loading.hpp"
 #include "support/noise.hpp"
 
@@ -21,7 +22,8 @@ TEST(AudioFileWriting, FilesReadBackBitForBitAndTheirBytesRepeat) {
     std::copy_n(special, std::min<std::size_t>(audio.size(), 4), audio.data());
     for (const auto& [container, tag] :
          {std::pair{WavContainer::kPlain, "RIFF"}, {WavContainer::kRf64, "RF64"}}) {
-      const AudioFileFormat format{44100, channels, frames, container};
+      const AudioFileFormat format{
+          .sr = 44100, .channels = channels, .frames = frames, .container = container};
       write_in_parts(path, format, audio.view());
       const std::string bytes = testing::bytes_of(path);
       EXPECT_EQ(bytes.substr(0, 4), tag);
@@ -37,6 +39,53 @@ TEST(AudioFileWriting, FilesReadBackBitForBitAndTheirBytesRepeat) {
   }
   umask(mask);
   EXPECT_EQ(std::filesystem::status(path).permissions(), std::filesystem::perms{0640});
+}
+
+TEST(AudioFileWriting, IntegersReadBackAndTheirPlaceInTimeStandsAheadOfThem) {
+  const testing::TemporaryFolder folder;
+  const BroadcastInfo place{.description = std::string(255, 'a') + "ä",
+                            .originator = "desk",
+                            .date = "2026-11-24",
+                            .time = "01:02:03",
+                            .time_reference = std::uint64_t{1} << 33};
+  for (const auto& [type, samples, container] :
+       {std::tuple{FileType::kWav, SampleType::kInteger24, WavContainer::kPlain},
+        {FileType::kWav, SampleType::kInteger24, WavContainer::kRf64},
+        {FileType::kWav, SampleType::kInteger16, WavContainer::kPlain},
+        {FileType::kFlac, SampleType::kInteger24, WavContainer::kPlain},
+        {FileType::kAiff, SampleType::kInteger16, WavContainer::kPlain}}) {
+    const bool is_wav = type == FileType::kWav;
+    const std::int32_t steps = samples == SampleType::kInteger16 ? 1 << 15 : 1 << 23;
+    auto integers = Array2D<std::int32_t>::uninitialised(1, 70001);  // an odd number of bytes
+    for (std::size_t i = 0; i < 70001; ++i) {
+      integers.data()[i] = static_cast<std::int32_t>(i * 7919 * 7919) % steps;
+    }
+    integers.data()[5] = -steps;
+    AudioFileWriter writer(folder.path("a"),
+                           {.sr = 48000,
+                            .channels = 1,
+                            .frames = 70001,
+                            .type = type,
+                            .samples = samples,
+                            .broadcast = is_wav ? std::optional(place) : std::nullopt,
+                            .container = container});
+    writer.write(integers.view());
+    const LoadedAudio before = load(writer.finish());
+    EXPECT_FALSE(std::filesystem::exists(folder.path("a")));
+    writer.commit();
+    const AudioFile file(folder.path("a"));
+    EXPECT_EQ(file.integer_bits(), 8 * bytes_of(samples));
+    EXPECT_TRUE(std::ranges::equal(before.audio.flat(), integers.flat(), {},
+                                   [&](double x) { return x * steps; }));
+    const std::string bytes = testing::bytes_of(folder.path("a"));
+    if (is_wav) {
+      BroadcastInfo cut = place;
+      cut.description.resize(255);
+      EXPECT_EQ(file.broadcast_info(), cut);
+      EXPECT_LT(bytes.find("bext"), bytes.find("data"));
+    }
+    std::filesystem::remove(folder.path("a"));
+  }
 }
 
 TEST(AudioFileWriting, Rf64OnlyWherePlainWavEnds) {

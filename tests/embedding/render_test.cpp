@@ -71,6 +71,28 @@ TEST_F(Embedding, StemsAddUpAndProgressRises) {
   EXPECT_NEAR(part.stems[1].channels[0][0], result.stems[1].channels[0][9000], 1e-6F);
 }
 
+TEST_F(Embedding, DeliveredIntegersAreTheMix) {
+  const RenderResult rendered = render(request_);
+  DeliverRequest request{.bits = 16, .mix = request_.mix, .stems = {}};
+  for (const RenderedStem& stem : rendered.stems) {
+    request.stems.push_back({stem.name, {stem.channels[0], stem.channels[1]}});
+  }
+  const DeliverResult result = deliver(request);
+  for (std::size_t i = 0; i < kFrames; ++i) {
+    const auto sum = result.stems[0].channels[1][i] + result.stems[1].channels[1][i];
+    ASSERT_EQ(sum, result.mix[1][i]);
+    ASSERT_EQ(sum, static_cast<std::int32_t>(std::nearbyint(mix_[i] * 32768.0)));
+  }
+  EXPECT_EQ(result.stems[0].largest_departure, 1);
+  EXPECT_GT(result.stems[0].rms_departure, 0.0);
+  request.stems.pop_back();
+  EXPECT_THAT(testing::failure_of<RenderError>([&] { deliver(request); }),
+              ::testing::StartsWith("the stems miss the mix at sample "));
+  request.stems.front().channels.pop_back();
+  EXPECT_THAT(testing::failure_of<RenderError>([&] { deliver(request); }),
+              "stem “Low”: channels and length must be those of the mix");
+}
+
 // The master turns the high tap down, and both came 12 samples early.
 TEST_F(Embedding, HearsTheChainFirstWhereThatIsWished) {
   Signal low(kFrames), high(kFrames);

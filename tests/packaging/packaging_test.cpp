@@ -24,6 +24,7 @@ const std::vector<std::pair<std::string, std::string>> kPresses = {
     {"verdel-engine --strict", "--strict-inputs"},
     {"verdel-verify --stems=sub", "--stems=subfolder"},
     {"verdel-chain --picture=My", "--picture=My mix.wav"},
+    {"verdel-deliver --format fl", "flac"},
 };
 
 /// A shell's own way to press TAB. Reads presses from "presses" and leaves the words in "words";
@@ -33,7 +34,7 @@ const std::vector<std::pair<std::string, std::string>> kShells = {
 {
   echo 'for file in "$COMPLETIONS"/bash/*; do . "$file"; done'
   echo 'report() { printf "%s\n" "${!#}" >>words; }'
-  echo 'verdel() { report "$@"; }; verdel-engine() { report "$@"; }; verdel-verify() { report "$@"; }; verdel-chain() { report "$@"; }'
+  echo 'verdel() { report "$@"; }; verdel-engine() { report "$@"; }; verdel-verify() { report "$@"; }; verdel-chain() { report "$@"; }; verdel-deliver() { report "$@"; }'
   while read -r line; do printf '%s\t\n' "$line"; done <presses
 } | bash --norc --noprofile -i >/dev/null 2>&1
 )"},
@@ -43,7 +44,7 @@ zpty terminal zsh -f -i
 zpty -w terminal 'PS1=; TERM=dumb; fpath=($COMPLETIONS/zsh $fpath)'
 zpty -w terminal 'autoload -U compinit; compinit -D -u'
 zpty -w terminal 'report() { print -r -- "${@[-1]}" >>words }'
-zpty -w terminal 'for name in verdel{,-engine,-chain,-verify}; do functions[$name]="report \"\$@\""; done'
+zpty -w terminal 'for name in verdel{,-engine,-chain,-deliver,-verify}; do functions[$name]="report \"\$@\""; done'
 while read -r line; do zpty -w terminal "$line"$'\t'; done <presses
 zpty -w terminal exit
 while zpty -r terminal line; do :; done
@@ -95,6 +96,7 @@ TEST(ManPages, HaveAnEntryForEachOptionAShellUserSeesAndNameNoOther) {
       {"verdel", entries_of(option_table())},
       {"verdel-engine", entries_of(engine_option_table())},
       {"verdel-chain", entries_of(chain_option_table())},
+      {"verdel-deliver", entries_of(deliver_option_table())},
       {"verdel-verify", entries_of(verify_option_table())}};
   for (const auto& [page, options] : kPages) {
     const auto text = testing::bytes_of(VERDEL_SOURCE_ROOT "/packaging/man/" + page + ".1");
