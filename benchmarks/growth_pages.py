@@ -17,10 +17,6 @@ def stage_rows(results):
     for entry in results["stages"]:
         yield [entry["name"], f"{entry['wall']:.2f}", f"{entry['cpu']:.2f}",
                f"{entry['system']:.2f}", entry["peak_bytes"] // MEBIBYTE]
-        if entry["name"] == "allocate":
-            for phase in results["phases"]:
-                cpu = phase["first_cpu"] + phase["repeated_cpu"]
-                yield [f"… {phase['name']}", "", f"{cpu:.2f}", "", ""]
 
 
 def song_text(plan, results):
@@ -31,28 +27,6 @@ def song_text(plan, results):
             f"Allocator: {results['allocator_multiple']:.2f} times its nine bare transforms of "
             f"{1e6 * results['nine_transforms']:.1f} µs. Report: {report:.3f} s of processor time "
             "per stem, channel and minute.", ""]
-
-
-def phase_text(results):
-    kinds = ("first", "repeated")
-    bare = results["nine_transforms"]
-
-    def cells(cpu):
-        for kind in kinds:
-            units = results[f"{kind}_units"]
-            yield f"{1e6 * cpu[kind] / units:.2f}" if units else "–"
-            yield f"{cpu[kind] / units / bare:.2f}" if units else "–"
-
-    rows, sums = [], dict.fromkeys(kinds, 0.0)
-    for phase in results["phases"]:
-        cpu = {kind: phase[f"{kind}_cpu"] for kind in kinds}
-        sums = {kind: sums[kind] + cpu[kind] for kind in kinds}
-        rows.append([phase["name"], *cells(cpu)])
-    rows.append(["sum", *cells(sums)])
-    intervals = {kind: results[f"{kind}_intervals"] for kind in kinds}
-    return ["### The allocator's phases in that render", "",
-            table(["phase", f"first ({intervals['first']}), µs", "× bare",
-                   f"repeated ({intervals['repeated']}), µs", "× bare"], rows), ""]
 
 
 def growth_rows(jobs, best):
@@ -102,7 +76,7 @@ def figures_text(plan, best, revision):
         if "refused" in results:
             raise SystemExit(f"this machine is too small to be measured: {results['refused']}")
     return "\n".join([f"Revision {revision}; {machine()}. Of the runs of a job, the quickest.", "",
-                      *song_text(plan, song), *phase_text(song), *growth_text(plan, best),
+                      *song_text(plan, song), *growth_text(plan, best),
                       *worker_text(plan, one, two), *excerpt_text(plan, excerpt, alone)])
 
 

@@ -6,7 +6,6 @@
 #include <string>
 #include <vector>
 
-#include "allocator_phases.hpp"
 #include "measures.hpp"
 
 /// What a measured render was and what it cost, as tables for people and as JSON for programs.
@@ -26,18 +25,13 @@ struct Results {
   int sr = 0;                           ///< Hz
   std::size_t processors = 0;           ///< as the engine was told
   std::string instruction_set;          ///< of the engine's own kernels
-  std::size_t channels_at_once = 0, intervals_at_once = 0;
 
   // What it cost.
   std::vector<StageCost> stages;  ///< in the order of the run
-  PhaseTimes first, repeated;     ///< processor time in the allocator's intervals
-  bool phases_by_clock = false;   ///< shares of time on the clock, scaled to processor time
-  /// Spectrum frames times stems, in the two kinds of intervals.
-  double first_units = 0.0, repeated_units = 0.0;
-  double nine_transforms = 0.0;  ///< s; see nine_bare_transforms()
-  double bytes_per_cell = 0.0;   ///< see working_bytes_per_cell()
-  double result_bytes = 0.0;     ///< new memory for the stems that the allocator returns
-  double null_peak = 0.0;        ///< dBFS
+  double units = 0.0;             ///< spectrum frames of the allocator times stems
+  double nine_transforms = 0.0;   ///< s; see nine_bare_transforms()
+  double result_bytes = 0.0;      ///< new memory for the stems that the allocator returns
+  double null_peak = 0.0;         ///< dBFS
 
   StageCost total() const;
   const StageCost* find(const std::string& stage) const;

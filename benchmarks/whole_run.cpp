@@ -7,17 +7,13 @@
 #include <cstdlib>
 #include <map>
 #include <memory>
-#include <numeric>
-#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
 
-#include "allocation/c14_constants.hpp"
-#include "allocation/worker_budgets.hpp"
-#include "allocator_phases.hpp"
+#include "allocation/interval_rendering.hpp"
 #include "chain/hear_chain.hpp"
 #include "driver/input_stage.hpp"
 #include "driver/option_rules.hpp"
@@ -105,35 +101,11 @@ Results results_of_job(const Run& run, const Mix& mix, std::size_t stems, const 
   results.sr = mix.sr;
   results.processors = run.machine.processors();
   results.instruction_set = name_of(instruction_set());
-  results.channels_at_once =
-      _c14_channel_worker_count(mix.frames(), range.length(), stems, mix.channels(), run.machine);
-  results.intervals_at_once =
-      _c14_time_worker_count(range.length(), mix.sr, stems, results.channels_at_once, run.machine);
+  results.units = static_cast<double>(
+      stems * frames_to_render(range, mix.frames(), stems, mix.channels(), run.machine));
   results.result_bytes =
       static_cast<double>(stems * mix.channels() * range.length() * sizeof(float));
   return results;
-}
-
-/// Tells the frames of first and repeated intervals apart as the watch has counted them.
-/// `allocator`: the stage's processor time.
-void take_phases(const PhaseWatch& watch, const std::vector<std::size_t>& frames, double allocator,
-                 Results& results) {
-  results.first = watch.first();
-  results.repeated = watch.repeated();
-  if (results.phases_by_clock) {
-    const double factor = allocator / (results.first.sum() + results.repeated.sum());
-    results.first.scale(factor);
-    results.repeated.scale(factor);
-  }
-  // Each channel that renders at once begins with the first of its intervals.
-  const auto firsts = frames.begin() + static_cast<std::ptrdiff_t>(results.first.intervals /
-                                                                   results.channels_at_once);
-  const auto stems = static_cast<double>(results.stems);
-  const double first = std::accumulate(frames.begin(), firsts, 0.0);
-  const double all = std::accumulate(frames.begin(), frames.end(), 0.0);
-  results.first_units = stems * static_cast<double>(results.channels_at_once) * first;
-  results.repeated_units =
-      stems * static_cast<double>(results.channels) * all - results.first_units;
 }
 
 const char* row_of(Stage stage) {
@@ -158,8 +130,7 @@ const char* row_of(Stage stage) {
 /// Measures the stages of a render, and the allocator against its bare transforms.
 class MeasuredSong : public SongObserver {
  public:
-  MeasuredSong(Measurement& measure, const Run& run, const Mix& mix, Results& results)
-      : measure_(measure), run_(run), mix_(mix), results_(results) {}
+  MeasuredSong(Measurement& measure, Results& results) : measure_(measure), results_(results) {}
 
   void begin(Stage stage) override {
     if (stage == Stage::kFitting) return;  // it has begun with the levels in front of it
@@ -167,31 +138,21 @@ class MeasuredSong : public SongObserver {
     measure_.begin(row_of(stage));
   }
   void aligned(const std::vector<AppliedLag>&) override { begin(Stage::kReadingMix); }
-  void fitted(const Model& model) override {
+  void fitted(const Model&) override {
     measure_.end();
-    results_.bytes_per_cell = working_bytes_per_cell(model, run_.machine, mix_.sr);
     nine_before_ = nine_bare_transforms();
-    // With more workers a render hands its stems to threads of its own.
-    results_.phases_by_clock = _c14_inner_worker_count(results_.channels_at_once, run_.machine) > 1;
-    watch_.emplace(results_.stems, !results_.phases_by_clock,
-                   results_.channels_at_once * results_.intervals_at_once);
   }
-  void channel_progress(std::size_t done, std::size_t total) override { watch_->step(done, total); }
 
   /// To be called when the allocation has ended.
-  void take_allocation(const std::vector<std::size_t>& frames) {
+  void take_allocation() {
     measure_.end();
     results_.nine_transforms = 0.5 * (nine_before_ + nine_bare_transforms());
-    take_phases(*watch_, frames, measure_.costs().back().time.cpu, results_);
   }
 
  private:
   Measurement& measure_;
-  const Run& run_;
-  const Mix& mix_;
   Results& results_;
   double nine_before_ = 0.0;
-  std::optional<PhaseWatch> watch_;
 };
 
 /// Plays the taps through what the master chain did. Returns whether they stand in line with it.
@@ -230,13 +191,10 @@ Results measure_render(Run& run, bool chain) {
                     .range = choose_output_range(run, mix),
                     .align = !lined_up,
                     .tell_levels = true};
-  const auto frames = interval_frames(job.range, mix.frames(), mix.sr);
-
   Results results = results_of_job(run, mix, plan.size(), job.range);
-  results.intervals_at_once = std::min(results.intervals_at_once, frames.size());
-  MeasuredSong song(measure, run, mix, results);
+  MeasuredSong song(measure, results);
   CoordinatedStems stems = render_song(job, taps, run.machine, song);
-  song.take_allocation(frames);
+  song.take_allocation();
 
   const SongFiles files{.out = *run.options.out,
                         .report = !run.options.no_report,

@@ -10,7 +10,7 @@
 
 #include "alignment/tap_alignment.hpp"
 #include "allocation/channel_render.hpp"
-#include "allocation/phase_runner.hpp"
+#include "allocation/endpoint_rendering.hpp"
 #include "delivery/audio_file_writing.hpp"
 #include "gain/shared_gain.hpp"
 #include "inputs/audio_loading.hpp"
@@ -21,7 +21,7 @@
 // Renders a project and writes down what a stem goes through on its way, as 32-bit float WAVs:
 // OUT/mix.wav, gain.wav (factors), residual.wav, and for each stem OUT/NAME.tap.wav (aligned),
 // NAME.model.wav, NAME.endpoint09.wav, NAME.endpoint10.wav, NAME.stem.wav. For pictures and for
-// listening to what the stages do; a song of minutes takes gigabytes of scratch space.
+// listening to what the stages do.
 namespace verdel::internal {
 namespace {
 
@@ -59,31 +59,57 @@ void copy_rounded(std::span<const double> from, std::span<float> to) {
   std::ranges::transform(from, to.begin(), [](double v) { return static_cast<float>(v); });
 }
 
-void allocate_channel(const ChannelJob& job, std::size_t channel, const Machine& machine,
-                      Allocation& result) {
-  const std::size_t stems = job.taps.size(), frames = job.mix.size();
-  auto room = AudioArray::uninitialised(stems + 1, frames);
-  const PhaseJob phases = write_out_models(job, room.view());
-  std::ranges::copy(phases.residual, result.residual.row(channel).begin());
-
+/// The model and the residual, and the endpoints' shares behind the models.
+void take_endpoints(const ChannelJob& job, std::size_t channel, Allocation& result) {
   const SpectralTransform transform;
-  const StopToken never_stopped;
-  RenderScratch scratch(machine, stems, frames, 1);
-  ChannelRender render(phases, transform, scratch, never_stopped);
-  auto blended = AudioArray::uninitialised(stems, frames);
-  PhaseRunner(render, 1, machine).run(blended.view());
-  for (std::size_t i = 0; i < stems; ++i) {
-    copy_rounded(phases.source_models[i], result.models[i].audio.row(channel));
-    std::ranges::copy(render.signal_row(render.output09, i),
-                      result.endpoint09[i].audio.row(channel).begin());
-    std::ranges::copy(render.signal_row(render.output10, i),
-                      result.endpoint10[i].audio.row(channel).begin());
-    copy_rounded(blended.row(i), result.stems[i].audio.row(channel));
+  ChannelSpectra spectra(job, transform);
+  SourceScoring scoring(spectra, job.sr);
+  EndpointRendering endpoints(spectra, scoring, transform);
+  const std::size_t frames = spectra.extent().frames();
+  std::size_t transformed = 0, taken = 0;
+  for (std::size_t first = 0; first < frames; first += Block::kFrames) {
+    const Block block{first, std::min(first + Block::kFrames, frames)};
+    const std::size_t ahead = std::min(block.stop + SourceScoring::kAhead, frames);
+    spectra.extend({transformed, ahead});
+    transformed = ahead;
+    scoring.score(block);
+    endpoints.render(block);
+    // A frame's first half overlaps those behind it.
+    const std::size_t finished = block.stop == frames ? frames : block.stop - kFrameHops / 2;
+    for (; taken < finished; ++taken) {
+      const std::size_t at = taken * C14_HOP, count = spectra.extent().hop_samples(taken);
+      for (std::size_t i = 0; i < job.stems(); ++i) {
+        for (std::size_t n = 0; n < count; ++n) {
+          const float model = result.models[i].audio.row(channel)[at + n];
+          const auto& shares = endpoints.shares();
+          result.endpoint09[i].audio.row(channel)[at + n] = model + shares.hop(2 * i, taken)[n];
+          result.endpoint10[i].audio.row(channel)[at + n] = model + shares.hop(2 * i + 1, taken)[n];
+        }
+      }
+    }
   }
 }
 
-Allocation allocate(const StemMap& taps, AudioView gain, AudioView mix, int sr,
-                    const Machine& machine) {
+void allocate_channel(const ChannelJob& job, std::size_t channel, Allocation& result) {
+  const auto residual = result.residual.row(channel);
+  std::ranges::copy(job.mix, residual.begin());
+  for (std::size_t i = 0; i < job.stems(); ++i) {
+    for (std::size_t n = 0; n < job.samples(); ++n) {
+      const double model = static_cast<double>(job.taps[i][n]) * job.gain[n];
+      residual[n] -= model;
+      result.models[i].audio.row(channel)[n] = static_cast<float>(model);
+    }
+  }
+  take_endpoints(job, channel, result);
+  _render_transient_release_tail_channel_full(
+      job, [&](std::size_t first, RowsView<const double> stems) {
+        for (std::size_t i = 0; i < job.stems(); ++i) {
+          copy_rounded(stems.row(i), result.stems[i].audio.row(channel).subspan(first));
+        }
+      });
+}
+
+Allocation allocate(const StemMap& taps, AudioView gain, AudioView mix, int sr) {
   Allocation result;
   result.residual = AudioArray::uninitialised(mix.rows(), mix.columns());
   for (StemMap* stems : {&result.models, &result.endpoint09, &result.endpoint10, &result.stems}) {
@@ -99,7 +125,7 @@ Allocation allocate(const StemMap& taps, AudioView gain, AudioView mix, int sr,
                    .stop = mix.columns(),
                    .progress = {}};
     for (const auto& tap : taps) job.taps.push_back(tap.audio.row(channel));
-    allocate_channel(job, channel, machine, result);
+    allocate_channel(job, channel, result);
   }
   return result;
 }
@@ -123,7 +149,7 @@ void render_stages(const fs::path& project, const fs::path& out) {
   const AudioArray gain = shared_single_band_gain(whole, sum_of_taps(whole, taps), mix.sr);
   files.write("gain", gain.view());
 
-  const Allocation allocation = allocate(taps, gain.view(), whole, mix.sr, machine);
+  const Allocation allocation = allocate(taps, gain.view(), whole, mix.sr);
   files.write_all(allocation.models, "model");
   files.write("residual", allocation.residual.view());
   files.write_all(allocation.endpoint09, "endpoint09");

@@ -28,7 +28,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   require(::setenv("VERDEL_C14_PROJECTION_WORKERS", text.c_str(), 1) == 0, "the variable is set");
   Machine machine;
   machine.physical_memory = [] { return std::uint64_t{1} << 40; };
-  const auto workers = attempt([&] { return _c14_projection_worker_count(8, 1000, 8, machine); });
-  require(workers == expected_workers(text), "a positive whole number lowers the ceiling of three");
+  machine.processors = [] { return std::size_t{3}; };
+  const auto workers = attempt([&] { return render_worker_count(1000, machine); });
+  require(workers == expected_workers(text), "a positive whole number lowers the count of three");
   return 0;
 }

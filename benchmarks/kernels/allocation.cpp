@@ -1,153 +1,113 @@
 #include <benchmark/benchmark.h>
 
 #include <cstddef>
-#include <span>
+#include <functional>
+#include <optional>
 #include <vector>
 
-#include "allocation/channel_render.hpp"
-#include "allocation/onset_history.hpp"
-#include "allocation/phase_runner.hpp"
-#include "allocation/phases.hpp"
-#include "allocation/render_scratch.hpp"
-#include "allocation/spectral_transform.hpp"
+#include "allocation/channel_spectra.hpp"
+#include "allocation/endpoint_rendering.hpp"
+#include "allocation/source_scoring.hpp"
+#include "allocation/stem_onsets.hpp"
+#include "allocation/stem_projection.hpp"
+#include "allocation/tail_candidates.hpp"
 #include "items.hpp"
-#include "support/machine.hpp"
 
-// The allocator's phases, on one stem of a render of some seconds. Times are per cell of its
-// spectrum and include the transforms that a phase makes.
+// The allocator's steps, on one block of three stems in the middle of a song. Times are per cell of
+// the block's spectra, all stems counted, and include the transforms that a step makes.
 namespace verdel::internal {
 namespace {
 
 constexpr std::size_t kStems = 3, kSamples = 5 * 44100;
 constexpr int kRate = 44100;
+constexpr Block kBlock{512, 512 + Block::kFrames};
 
-using Step = void (PhaseRunner::*)();
-constexpr Step kSteps[] = {&PhaseRunner::prepare_residual,     &PhaseRunner::score_sources,
-                           &PhaseRunner::render_all_endpoints, &PhaseRunner::project_stems,
-                           &PhaseRunner::find_all_onsets,      &PhaseRunner::build_whole_gate};
-
-/// A render that stands in front of one of its phases, on pages that have been touched.
-class HalfRender {
- public:
-  explicit HalfRender(std::size_t steps)
-      : models_(Array2D<double>::uninitialised(kStems, kSamples)),
-        residual_(Array2D<double>::uninitialised(1, kSamples)),
-        job_(make_job()),
-        scratch_(machine_, kStems, kSamples, 1),
-        render_(job_, transform_, scratch_, stop_),
-        runner_(render_, 1, machine_) {
-    for (std::size_t step = 0; step < steps; ++step) (runner_.*kSteps[step])();
-  }
-
-  ChannelRender& operator*() { return render_; }
-  ChannelRender* operator->() { return &render_; }
-
- private:
-  PhaseJob make_job() {
-    for (std::size_t s = 0; s < kStems; ++s) fill_with_bursts(models_.row(s), s);
-    fill_with_bursts(residual_.row(0), kStems);
-    PhaseJob job;
-    for (std::size_t s = 0; s < kStems; ++s) job.source_models.emplace_back(models_.row(s));
-    job.residual = residual_.row(0);
+/// A render whose steps have all seen the song up to the end of kBlock.
+struct HalfRender {
+  HalfRender() {
+    for (std::size_t s = 0; s < kStems; ++s) fill_with_bursts(taps.row(s), s);
+    fill_with_bursts(mix.row(0), kStems);
+    for (std::size_t s = 0; s < kStems; ++s) job.taps.emplace_back(taps.row(s));
+    job.gain = gain;
+    job.mix = mix.row(0);
     job.sr = kRate;
     job.stop = kSamples;
-    return job;
+    spectra.emplace(job, transform);
+    scoring.emplace(*spectra, kRate);
+    endpoints.emplace(*spectra, *scoring, transform);
+    onsets.emplace(scoring->support(), kStems, kRate);
+    candidates.emplace(scoring->support(), *onsets, kStems, spectra->extent().frames(), kRate);
+    projection.emplace(*spectra, *endpoints, transform);
+    for (std::size_t first = 0; first < kBlock.stop; first += Block::kFrames) {
+      const Block block{first, first + Block::kFrames};
+      spectra->extend(
+          {first == 0 ? 0 : first + SourceScoring::kAhead, block.stop + SourceScoring::kAhead});
+      scoring->score(block);
+      endpoints->render(block);
+      onsets->find(block);
+    }
   }
 
-  Machine machine_ = system_machine();
-  StopToken stop_;
-  SpectralTransform transform_;
-  Array2D<double> models_, residual_;
-  PhaseJob job_;
-  RenderScratch scratch_;
-  ChannelRender render_;
-  PhaseRunner runner_;
+  Array2D<float> taps = Array2D<float>::uninitialised(kStems, kSamples);
+  AudioArray mix = AudioArray::uninitialised(1, kSamples);
+  std::vector<double> gain = std::vector<double>(kSamples, 1.0);
+  ChannelJob job;
+  SpectralTransform transform;
+  std::optional<ChannelSpectra> spectra;
+  std::optional<SourceScoring> scoring;
+  std::optional<EndpointRendering> endpoints;
+  std::optional<StemOnsets> onsets;
+  std::optional<TailCandidates> candidates;
+  std::optional<StemProjection> projection;
 };
 
-/// Times work(render) on a render that has made so many steps.
-template <class Work>
-void time_on_render(benchmark::State& state, std::size_t steps, Work work) {
-  HalfRender render(steps);
+/// Times step(render, block), which may be done again on the same block.
+void time_step(benchmark::State& state,
+               const std::function<void(HalfRender&, const Block&)>& step) {
+  HalfRender render;
   for (auto _ : state) {
-    work(*render);
+    step(render, kBlock);
     benchmark::ClobberMemory();
   }
-  count_items(state, "cell", render->grid.cells());
+  count_items(state, "cell", kStems * kBlock.length() * C14_BINS);
 }
 
-void spectrum_of_signal(benchmark::State& state) {
-  time_on_render(state, 1, [](ChannelRender& render) {
-    _c14_transform(render.transform, render.job.residual, render.grid, render.residual_spectrum,
-                   render.stop);
-  });
+void spectra(benchmark::State& state) {
+  time_step(state, [](HalfRender& render, const Block& block) { render.spectra->extend(block); });
 }
-BENCHMARK(spectrum_of_signal);
-
-void smoothed_power(benchmark::State& state) {
-  time_on_render(state, 1, [](ChannelRender& render) {
-    for (std::size_t tile = 0; tile < CellGrid::kTiles; ++tile) {
-      smooth_power(render.grid, tile, render.residual_spectrum.data(),
-                   render.residual_power.data());
-    }
-  });
-}
-BENCHMARK(smoothed_power);
+BENCHMARK(spectra);
 
 void scoring(benchmark::State& state) {
-  time_on_render(state, 1, [](ChannelRender& render) {
-    const auto spectrum =
-        render.scratch.scoring_spectrum(0).as<float>(2 * render.grid.stored_cells());
-    score_source(render, 0, spectrum);
-  });
+  time_step(state, [](HalfRender& render, const Block& block) { render.scoring->score(block); });
 }
 BENCHMARK(scoring);
 
 void endpoints(benchmark::State& state) {
-  time_on_render(state, 3, [](ChannelRender& render) { render_endpoints(render, 0); });
+  time_step(state, [](HalfRender& render, const Block& block) { render.endpoints->render(block); });
 }
 BENCHMARK(endpoints);
 
-void projection(benchmark::State& state) {
-  time_on_render(state, 3, [](ChannelRender& render) { project_stem(render, 0); });
-}
-BENCHMARK(projection);
-
 void onsets(benchmark::State& state) {
-  time_on_render(state, 5, [](ChannelRender& render) { find_onsets(render, 0); });
+  time_step(state, [](HalfRender& render, const Block& block) { render.onsets->find(block); });
 }
 BENCHMARK(onsets);
 
-/// The look back alone, on one tile in which every frame is an onset, or none.
-void look_back(benchmark::State& state) {
-  constexpr std::size_t kFrames = 1000, kColumns = CellGrid::kTileBins;
-  std::vector<float> current(kFrames * kColumns), past(kColumns), gated(kColumns);
-  const std::vector<double> onset(kFrames, static_cast<double>(state.range(0)));
-  fill_with_bursts(std::span(current), 0);
-  for (float& value : current) value *= value;
-  const HistoryDecays decays = history_decays(kRate);
-  for (auto _ : state) {
-    for (std::size_t t = 0; t < kFrames; ++t) {
-      _c14_history(current.data(), onset, kColumns, decays, t, past.data(), gated.data());
-    }
-    benchmark::ClobberMemory();
-  }
-  count_items(state, "cell", current.size());
-}
-BENCHMARK(look_back)->ArgName("onset")->Arg(0)->Arg(1);
-
-/// Of all stems, with the look back and the look ahead.
-void gate(benchmark::State& state) {
-  time_on_render(state, 6, [](ChannelRender& render) {
-    for (std::size_t tile = 0; tile < CellGrid::kTiles; ++tile) build_gate(render, tile);
+void candidates(benchmark::State& state) {
+  time_step(state, [](HalfRender& render, const Block& block) {
+    render.candidates->find(
+        {block.first - TailCandidates::kAhead, block.stop - TailCandidates::kAhead});
   });
 }
-BENCHMARK(gate);
+BENCHMARK(candidates);
 
-void blend(benchmark::State& state) {
-  std::vector<double> rendered(kSamples);
-  time_on_render(state, 6, [&rendered](ChannelRender& render) { blend_stem(render, 0, rendered); });
+void projection(benchmark::State& state) {
+  time_step(state, [](HalfRender& render, const Block& block) {
+    for (std::size_t frame = block.first; frame < block.stop; ++frame) {
+      render.projection->project(frame - TailCandidates::kAhead);
+    }
+  });
 }
-BENCHMARK(blend);
+BENCHMARK(projection);
 
 }  // namespace
 }  // namespace verdel::internal

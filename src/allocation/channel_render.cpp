@@ -3,112 +3,193 @@
 #include <fmt/core.h>
 
 #include <algorithm>
-#include <cassert>
 #include <cmath>
+#include <cstdint>
 
-#include "allocation/phase_runner.hpp"
-#include "allocation/worker_budgets.hpp"
+#include "allocation/channel_spectra.hpp"
+#include "allocation/endpoint_rendering.hpp"
+#include "allocation/source_scoring.hpp"
+#include "allocation/stem_blend.hpp"
+#include "allocation/stem_onsets.hpp"
+#include "allocation/stem_projection.hpp"
+#include "allocation/tail_candidates.hpp"
+#include "allocation/tail_gate.hpp"
 #include "signal/sums.hpp"
 #include "support/errors.hpp"
 
 namespace verdel::internal {
 namespace {
 
-std::size_t scoring_workers_of(const PhaseJob& job, const Machine& machine) {
-  const CellGrid grid(spectrum_frames(job.residual.size()));
-  return std::min(_c14_stem_worker_count(grid.cells(), job.workers, machine),
-                  RenderScratch::kMostScoringSpectra);
-}
+/// Gathers hops to blocks of some length, cut to the job's span, for the caller.
+class StemOutput {
+ public:
+  StemOutput(const ChannelJob& job, const StoreStems& store)
+      : job_(job),
+        store_(store),
+        gathered_(AudioArray::uninitialised(job.stems(), kHops * C14_HOP)) {}
 
-// A residual that is not finite may be the mix's fault or a model's.
-void require_finite(const ChannelJob& job, const PhaseJob& phases) {
-  if (!all_finite(job.mix)) throw FloatingPointError("non-finite candidate-14 residual");
-  if (all_finite(phases.residual)) return;
-  throw ValueError("candidate-14 models must match the finite residual");
-}
+  void add(std::size_t hop, RowsView<const double> stems) {
+    const std::size_t begin = hop * C14_HOP, end = begin + C14_HOP;
+    const std::size_t first = std::clamp(job_.start, begin, end);
+    const std::size_t stop = std::clamp(job_.stop, first, end);
+    if (first == stop) return;
+    if (count_ == 0) first_ = first;
+    for (std::size_t stem = 0; stem < job_.stems(); ++stem) {
+      std::copy_n(stems.row(stem).data() + (first - begin), stop - first,
+                  gathered_.row(stem).data() + count_);
+    }
+    count_ += stop - first;
+    if (count_ + C14_HOP > gathered_.columns()) flush();
+  }
+  void finish() {
+    flush();
+    conservation_.require();
+  }
+
+ private:
+  static constexpr std::size_t kHops = 16;
+
+  void flush() {
+    if (count_ == 0) return;
+    const auto stems = std::as_const(gathered_).view().column_range(0, count_);
+    conservation_.add(stems, job_.mix.subspan(first_, count_));
+    store_(first_, stems);
+    count_ = 0;
+  }
+
+  const ChannelJob& job_;
+  const StoreStems& store_;
+  AudioArray gathered_;
+  std::size_t first_ = 0, count_ = 0;
+  Conservation conservation_;
+};
+
+/// The steps of a render, in the order in which a block goes through them. Each reads what those
+/// before it hold out, and writes what is its own.
+class ChannelStream {
+ public:
+  ChannelStream(const ChannelJob& job, const StoreStems& store)
+      : job_(job),
+        spectra_(job, transform_),
+        scoring_(spectra_, job.sr),
+        endpoints_(spectra_, scoring_, transform_),
+        onsets_(scoring_.support(), job.stems(), job.sr),
+        candidates_(scoring_.support(), onsets_, job.stems(), frames(), job.sr),
+        projection_(spectra_, endpoints_, transform_),
+        blend_(job, endpoints_, transform_),
+        gate_(Array2D<float>::zeros(1, Tile::kRow)),
+        output_(job, store) {}
+
+  void run(const FramesFinished& finished, const StopToken& stop) {
+    for (std::size_t first = 0; first < frames(); first += Block::kFrames) {
+      stop.check();
+      const Block block{first, std::min(first + Block::kFrames, frames())};
+      analyse(block);
+      const std::size_t before = blended_;
+      // The last frames have none behind them to wait for.
+      const bool is_last = block.stop == frames();
+      const std::size_t ahead = is_last ? 0 : std::min(block.stop, TailCandidates::kAhead);
+      blend(block.stop - ahead);
+      if (finished) finished(blended_ - before);
+    }
+    for (std::size_t k = 0; k < PairOverlap::frames_after(); ++k) finish(frames() + k);
+    output_.finish();
+  }
+
+ private:
+  std::size_t frames() const { return spectra_.extent().frames(); }
+
+  void analyse(const Block& block) {
+    const std::size_t ahead = std::min(block.stop + SourceScoring::kAhead, frames());
+    spectra_.extend({transformed_, ahead});
+    transformed_ = ahead;
+    scoring_.score(block);
+    endpoints_.render(block);
+    onsets_.find(block);
+  }
+
+  void blend(std::size_t stop) {
+    const Block block{blended_, stop};
+    if (block.length() == 0) return;
+    candidates_.find(block);
+    for (; blended_ < stop; ++blended_) {
+      const auto& candidates = candidates_.of(blended_);
+      if (!candidates.empty() && reaches_span(blended_)) {
+        projection_.project(blended_);
+        if (open_tail_gate(candidates, projection_.projected(), gate_.flat())) {
+          blend_.add(blended_, projection_.projected(), gate_.flat());
+        }
+      }
+      finish(blended_);
+    }
+  }
+
+  void finish(std::size_t frame) {
+    blend_.finish(frame, [&](std::size_t hop) { output_.add(hop, blend_.stems()); });
+  }
+
+  bool reaches_span(std::size_t frame) const {
+    const std::size_t centre = frame * C14_HOP;
+    return centre + C14_FFT_SIZE / 2 > job_.start && centre < job_.stop + C14_FFT_SIZE / 2;
+  }
+
+  const ChannelJob& job_;
+  SpectralTransform transform_;
+  ChannelSpectra spectra_;
+  SourceScoring scoring_;
+  EndpointRendering endpoints_;
+  StemOnsets onsets_;
+  TailCandidates candidates_;
+  StemProjection projection_;
+  StemBlend blend_;
+  Array2D<float> gate_;
+  StemOutput output_;
+  std::size_t transformed_ = 0, blended_ = 0;  // frames
+};
 
 }  // namespace
 
-ChannelRender::ChannelRender(const PhaseJob& phase_job, const SpectralTransform& shared,
-                             RenderScratch& render_scratch, const StopToken& stop_token)
-    : job(phase_job),
-      transform(shared),
-      scratch(render_scratch),
-      stop(stop_token),
-      grid(spectrum_frames(phase_job.residual.size())),
-      support_scores(scratch.support_scores),
-      scores09(scratch.scores09),
-      scores10(scratch.scores10),
-      output09(scratch.output09),
-      output10(scratch.output10) {}
-
-PhaseJob write_out_models(const ChannelJob& job, RowsView<double> room) {
-  assert(room.rows() == job.taps.size() + 1 && room.columns() == job.mix.size());
-  PhaseJob phases{.source_models = {},
-                  .residual = {},
-                  .sr = job.sr,
-                  .start = job.start,
-                  .stop = job.stop,
-                  .workers = job.workers,
-                  .progress = job.progress};
-  const auto residual = room.row(job.taps.size());
-  std::ranges::fill(residual, 0.0);
-  for (std::size_t stem = 0; stem < job.taps.size(); ++stem) {
-    const auto model = room.row(stem);
-    for (std::size_t i = 0; i < model.size(); ++i) {
-      model[i] = static_cast<double>(job.taps[stem][i]) * job.gain[i];
-      residual[i] += model[i];
-    }
-    phases.source_models.emplace_back(model);
-  }
-  for (std::size_t i = 0; i < residual.size(); ++i) residual[i] = job.mix[i] - residual[i];
-  phases.residual = residual;
-  return phases;
-}
-
-void check_channel_job(const ChannelJob& job, std::size_t shortest) {
-  const std::size_t samples = job.mix.size();
+void check_channel_job(const ChannelJob& job) {
+  const std::size_t samples = job.samples();
   if (job.start >= job.stop || job.stop > samples || job.taps.empty()) {
     throw ValueError("invalid candidate-14 allocation inputs or interval");
   }
-  if (samples < shortest) {
-    throw ValueError(fmt::format("Candidate 14 needs at least {} audio frames", shortest));
+  if (samples < C14_FFT_SIZE) {
+    throw ValueError(fmt::format("Candidate 14 needs at least {} audio frames", C14_FFT_SIZE));
   }
-  const auto is_unfit = [samples](const auto& row) { return row.size() != samples; };
-  if (is_unfit(job.gain) || std::ranges::any_of(job.taps, is_unfit)) {
-    throw ValueError("candidate-14 models must match the finite residual");
-  }
-}
-
-void _render_transient_release_tail_channel_full(const ChannelJob& job, const Machine& machine,
-                                                 RenderScratch& scratch, RowsView<double> room,
-                                                 RowsView<double> rendered, const StopToken& stop) {
-  check_channel_job(job, 0);
-  assert(rendered.rows() == job.taps.size());
-  assert(rendered.columns() == job.stop - job.start);
-  const PhaseJob phases = write_out_models(job, room);
-  require_finite(job, phases);
-  const SpectralTransform transform;
-  ChannelRender render(phases, transform, scratch, stop);
-  PhaseRunner(render, scoring_workers_of(phases, machine), machine).run(rendered);
-  check_rendered(job, rendered);
-}
-
-void check_rendered(const ChannelJob& job, RowsView<const double> rendered) {
-  for (std::size_t index = 0; index < rendered.rows(); ++index) {
-    if (all_finite(rendered.row(index))) continue;
-    throw FloatingPointError("non-finite candidate-14 allocation");
-  }
-  double error = 0.0, peak = 0.0;
-  for (std::size_t i = job.start; i < job.stop; ++i) {
-    const double expected = job.mix[i];
-    double sum = 0.0;
-    for (std::size_t index = 0; index < rendered.rows(); ++index) {
-      sum += rendered.row(index)[i - job.start];
+  for (const auto& tap : job.taps) {
+    if (tap.size() != samples || job.gain.size() != samples) {
+      throw ValueError("candidate-14 models must match the finite residual");
     }
-    error = std::max(error, std::abs(sum - expected));
-    peak = std::max(peak, std::abs(expected));
   }
+}
+
+std::uint64_t render_bytes(std::size_t stems) {
+  constexpr std::uint64_t kStem = 5600000, kShared = 9000000;  // measured, rounded up
+  return kShared + stems * kStem;
+}
+
+void _render_transient_release_tail_channel_full(const ChannelJob& job, const StoreStems& store,
+                                                 const FramesFinished& finished,
+                                                 const StopToken& stop) {
+  ChannelStream(job, store).run(finished, stop);
+}
+
+void Conservation::add(RowsView<const double> stems, std::span<const double> mix) {
+  for (std::size_t stem = 0; stem < stems.rows(); ++stem) {
+    if (!all_finite(stems.row(stem))) {
+      throw FloatingPointError("non-finite candidate-14 allocation");
+    }
+  }
+  for (std::size_t i = 0; i < mix.size(); ++i) {
+    double sum = 0.0;
+    for (std::size_t stem = 0; stem < stems.rows(); ++stem) sum += stems.row(stem)[i];
+    error = std::max(error, std::abs(sum - mix[i]));
+    peak = std::max(peak, std::abs(mix[i]));
+  }
+}
+
+void Conservation::require() const {
   if (error > C14_CONSERVATION_TOLERANCE * std::max(1.0, peak)) {
     throw FloatingPointError(
         fmt::format("candidate-14 allocation failed conservation ({:g})", error));

@@ -5,7 +5,6 @@
 #include <vector>
 
 #include "allocation/c14_constants.hpp"
-#include "allocation/worker_budgets.hpp"
 
 namespace verdel::internal {
 namespace {
@@ -50,8 +49,7 @@ Model model_of_part(const StemMap& taps, AudioArray gain, AudioView mix, const S
   return {.taps = column_range(views_of(taps), part.first, part.stop),
           .gain = std::move(gain),
           .mix = mix.column_range(part.first, part.stop),
-          .first = part.first,
-          .source_samples = source_samples};
+          .first = part.first};
 }
 
 std::size_t channel_steps(std::size_t channels, std::size_t stems) {
@@ -65,18 +63,13 @@ void render_channels(const Model& model, const ChannelsJob& job, const Machine& 
   const std::size_t length = job.stop - job.start;
   const std::size_t start = job.start - model.first;
 
-  const std::size_t channel_workers =
-      _c14_channel_worker_count(model.mix.columns(), length, stems, channels, machine);
   SharedCount count(job.progress, channels, channel_steps(channels, stems));
   std::vector<ChannelJob> parts;
   for (std::size_t channel = 0; channel < channels; ++channel) {
     ChannelJob& part = parts.emplace_back(rows_of(model, channel));
     part.sr = job.sr;
-    part.source_samples = model.source_samples;
     part.start = start;
     part.stop = start + length;
-    part.workers = _c14_inner_worker_count(channel_workers, machine);
-    part.active_channels = channel_workers;
     part.progress = [&count, &job, channel](std::size_t done, std::size_t total) {
       count.report(channel, done);
       if (job.watch) job.watch(done, total);

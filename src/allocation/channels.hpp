@@ -2,7 +2,7 @@
 
 #include <cstddef>
 
-#include "allocation/channel_render.hpp"
+#include "allocation/channel_job.hpp"
 #include "allocation/interval_rendering.hpp"
 #include "signal/arrays.hpp"
 #include "support/machine.hpp"
@@ -17,8 +17,6 @@ struct Model {
   AudioArray gain;        ///< plain factors, [channels][part]
   AudioView mix;          ///< [channels][part]
   std::size_t first = 0;  ///< where in the source the part begins
-  /// Samples of the source, whose mix and taps may stand in memory beside a part; 0: of the model.
-  std::size_t source_samples = 0;
 };
 
 /// The model of a part, from the whole source's taps, gain and mix. Taps and mix stay the caller's.

@@ -4,7 +4,7 @@
 #include <functional>
 #include <vector>
 
-#include "allocation/channel_render.hpp"
+#include "allocation/channel_job.hpp"
 #include "signal/arrays.hpp"
 #include "support/machine.hpp"
 #include "support/stop_token.hpp"
@@ -23,21 +23,24 @@ using StoreInterval =
 /// The allocator's front door: shares the residual of each channel among its stems over the jobs'
 /// span.
 ///
-/// A span of C14_INTERVAL_MIN_SECONDS or more is cut into intervals of about C14_INTERVAL_SECONDS,
-/// each rendered by itself with context around it, several at once as the machine allows: temporary
-/// files and working memory then depend on the interval, not on the song. All that a sample depends
-/// on lies inside the context, and the context begins on a multiple of the hop, so intervals abut
-/// without a crossfade. The intervals of all channels form one sequence: threads, scratch files and
-/// buffers pass from one channel to the next.
+/// A channel is rendered in one piece, or, where there are more processors than channels, in as
+/// few as these need, each with context around it. All that a sample depends on lies inside the
+/// context, and the context begins on a multiple of the hop, so pieces abut without a crossfade and
+/// no bit depends on how many there are.
 ///
 /// `channels`: jobs of one shape, each with its own progress, which is called with counts in
-/// 0 .. 6 * stems that never fall, one call at a time but on any thread.
+/// 0 .. 6 * stems that never fall, one call at a time but on any thread: as often as a render in
+/// intervals of C14_INTERVAL_SECONDS would report each step, if the span has
+/// C14_INTERVAL_MIN_SECONDS or more, and spread evenly over the work.
 ///
-/// Errors: those of one render; a signal shorter than C14_FFT_SIZE is a ValueError.
-/// Threads: as many renders at once as have a processor and fit the machine. The failure of the
-/// lowest channel and interval is the one thrown; intervals not yet begun are dropped, one that
-/// runs finishes first.
+/// Errors: those of one render; a signal shorter than C14_FFT_SIZE is a ValueError. The failure of
+/// the lowest channel and piece is the one thrown; pieces not yet begun are dropped.
 void render_channel_intervals(const std::vector<ChannelJob>& channels, const Machine& machine,
                               const StopToken& stop, const StoreInterval& store);
+
+/// The spectrum frames that such a render of a span goes through, context included, of all
+/// channels.
+std::size_t frames_to_render(const SampleSpan& span, std::size_t samples, std::size_t stems,
+                             std::size_t channels, const Machine& machine);
 
 }  // namespace verdel::internal

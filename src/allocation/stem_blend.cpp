@@ -1,56 +1,76 @@
-#include <algorithm>
+#include "allocation/stem_blend.hpp"
 
-#include "allocation/phases.hpp"
 #include "signal/instruction_sets.hpp"
 
 namespace verdel::internal {
 namespace {
 
-VERDEL_INLINE void weigh_columns(const double* __restrict gate, std::size_t columns,
-                                 double* __restrict bins) {
-  for (std::size_t b = 0; b < columns; ++b) {
-    bins[2 * b] *= gate[b];
-    bins[2 * b + 1] *= gate[b];
+constexpr std::size_t kImaginary = Tile::kRow;
+
+// The gated differences of two stems as one complex signal's spectrum; `odd` is `even` with a gate
+// of nothing where there is no second stem.
+VERDEL_INLINE void pair_tails(const float* even, const float* odd, const float* gate, float second,
+                              float* spectrum) {
+  float* mirrored = spectrum + 2 * C14_FFT_SIZE;
+  VERDEL_INDEPENDENT
+  for (std::size_t k = 0; k + 1 < C14_BINS; ++k) {
+    const float a = even[k] * gate[k], b = even[kImaginary + k] * gate[k];
+    const float c = odd[k] * (second * gate[k]), d = odd[kImaginary + k] * (second * gate[k]);
+    spectrum[2 * k] = a - d;
+    spectrum[2 * k + 1] = b + c;
+    *(mirrored - 2 * k) = a + d;
+    *(mirrored - 2 * k + 1) = c - b;
+  }
+  // At 0 and at half the rate a real signal has no imaginary part.
+  for (const std::size_t k : {std::size_t{0}, C14_BINS - 1}) {
+    spectrum[2 * k] = even[k] * gate[k];
+    spectrum[2 * k + 1] = odd[k] * (second * gate[k]);
   }
 }
 
-void weigh_frame(const ChannelRender& render, std::size_t frame, FrameBuffers& buffers) {
-  for (std::size_t tile = 0; tile < CellGrid::kTiles; ++tile) {
-    run_kernel<weigh_columns>(render.gate.data() + render.grid.offset(tile, frame),
-                              CellGrid::columns(tile),
-                              buffers.bins() + 2 * CellGrid::first_bin(tile));
+VERDEL_INLINE void add_up(const float* __restrict tap, const double* __restrict gain,
+                          const float* __restrict share, const double* __restrict tail,
+                          const double* __restrict weight, std::size_t count,
+                          double* __restrict stem) {
+  for (std::size_t n = 0; n < count; ++n) {
+    // In single precision, as it is delivered: what is rounded again is the tails alone.
+    const auto kept =
+        static_cast<float>(static_cast<double>(tap[n]) * gain[n] + static_cast<double>(share[n]));
+    stem[n] = static_cast<double>(kept) + tail[n] * weight[n];
   }
 }
 
 }  // namespace
 
-void blend_stem(const ChannelRender& render, std::size_t index, std::span<double> rendered) {
-  const std::span<const float> output09 = render.signal_row(render.output09, index);
-  const std::span<const float> output10 = render.signal_row(render.output10, index);
-  const std::size_t start = render.job.start;
-  const std::size_t stop = render.job.stop;
-  FrameBuffers buffers;
-  OverlapAdd overlap(render.transform, render.samples());
-  const auto store = [&](std::size_t first, std::span<const double> tail) {
-    const std::size_t from = std::max(first, start);
-    const std::size_t to = std::min(first + tail.size(), stop);
-    for (std::size_t i = from; i < to; ++i) {
-      rendered[i - start] = static_cast<double>(output10[i]) + tail[i - first];
-    }
-  };
-  for (std::size_t frame = 0; frame < render.grid.frames(); ++frame) {
-    if (frame % 256 == 0) render.stop.check();
-    const std::size_t centre = frame * C14_HOP;
-    const bool reaches_span = centre + C14_FFT_SIZE / 2 > start && centre < stop + C14_FFT_SIZE / 2;
-    if (!reaches_span || render.gate_opens[frame] == 0) {
-      overlap.add_zeros(store);
-      continue;
-    }
-    transform_frame_difference(render.transform, output09, output10, frame, buffers);
-    weigh_frame(render, frame, buffers);
-    overlap.add(buffers, store);
+StemBlend::StemBlend(const ChannelJob& job, const EndpointRendering& endpoints,
+                     const SpectralTransform& transform)
+    : job_(job),
+      endpoints_(endpoints),
+      extent_{job.samples()},
+      pairs_((job.stems() + 1) / 2),
+      overlap_(transform, extent_, pairs_),
+      stems_(AudioArray::zeros(job.stems(), C14_HOP)) {}
+
+void StemBlend::add(std::size_t frame, const FrameProjection& projected,
+                    std::span<const float> gate) {
+  for (std::size_t pair = 0; pair < pairs_; ++pair) {
+    const std::size_t even = 2 * pair;
+    const bool has_odd = even + 1 < job_.stems();
+    const std::size_t odd = has_odd ? even + 1 : even;
+    if (endpoints_.is_silent(even, frame) && endpoints_.is_silent(odd, frame)) continue;
+    run_kernel<pair_tails>(projected.differences.row(even).data(),
+                           projected.differences.row(odd).data(), gate.data(),
+                           has_odd ? 1.0F : 0.0F, buffers_.bins());
+    overlap_.add(pair, frame, buffers_);
   }
-  overlap.finish(store);
+}
+
+void StemBlend::finish_stem(std::size_t stem, std::size_t hop, const double* weight,
+                            const double* tail) {
+  const std::size_t first = hop * C14_HOP;
+  run_kernel<add_up>(job_.taps[stem].data() + first, job_.gain.data() + first,
+                     endpoints_.shares().hop(2 * stem + 1, hop), tail, weight,
+                     extent_.hop_samples(hop), stems_.row(stem).data());
 }
 
 }  // namespace verdel::internal

@@ -3,19 +3,19 @@
 #include <algorithm>
 #include <atomic>
 #include <cmath>
-#include <filesystem>
+#include <complex>
 #include <functional>
-#include <mutex>
 #include <numbers>
 
+#include "allocation/channel_render.hpp"
 #include "allocation/channels.hpp"
 #include "allocation/interval_rendering.hpp"
+#include "allocation/spectral_frames.hpp"
 #include "signal/instruction_sets.hpp"
 #include "support/errors.hpp"
 #include "support/files.hpp"
 #include "support/machines.hpp"
 #include "support/noise.hpp"
-#include "support/temporary_folder.hpp"
 
 namespace verdel::internal {
 namespace {
@@ -66,13 +66,15 @@ ChannelJob job_of(const Song& song, int sr, std::size_t channel = 0) {
   return job;
 }
 
-// One render of the whole signal on scratch of its own.
+// One render of the whole signal.
 AudioArray render_full(const ChannelJob& job) {
-  RenderScratch scratch(system_machine(), job.taps.size(), job.mix.size(), 1);
-  auto room = AudioArray::uninitialised(job.taps.size() + 1, job.mix.size());
-  auto rendered = AudioArray::uninitialised(job.taps.size(), job.stop);
-  _render_transient_release_tail_channel_full(job, system_machine(), scratch, room.view(),
-                                              rendered.view());
+  auto rendered = AudioArray::zeros(job.stems(), job.samples());
+  _render_transient_release_tail_channel_full(
+      job, [&](std::size_t first, RowsView<const double> stems) {
+        for (std::size_t s = 0; s < job.stems(); ++s) {
+          std::ranges::copy(stems.row(s), rendered.row(s).subspan(first).begin());
+        }
+      });
   return rendered;
 }
 
@@ -80,8 +82,8 @@ Machine roomy(std::size_t processors) {
   return testing::machine_with(processors, std::uint64_t{64} << 30U, std::uint64_t{64} << 30U);
 }
 
-// In four intervals and in excerpts, of the whole song and of the part that a render looks at, on
-// all instruction sets.
+// In one piece and in three, and in excerpts, of the whole song and of the part that a render looks
+// at, on all instruction sets.
 TEST(Rendering, GivesTheSameBitsHoweverItIsCutAndShared) {
   constexpr int kRate = 8000;
   constexpr std::size_t kEnd = kRate * 62 + 77;
@@ -123,50 +125,53 @@ TEST(Rendering, GivesTheSameBitsHoweverItIsCutAndShared) {
   use_instruction_set(best_instruction_set());
 }
 
-TEST(Rendering, InnerWorkersAndUsedScratchChangeNoBit) {
-  const Song song = test_song(30000, 44100, 7);
-  ChannelJob job = job_of(song, 44100);
-  const auto expected = render_full(job);
-  for (const std::size_t workers : {2U, 3U, 6U}) {
-    job.workers = workers;
-    RenderScratch scratch(roomy(8), 7, 34000, 4);
-    for (int run = 0; run < 2; ++run) {
-      auto rendered = AudioArray::zeros(7, 30000), room = AudioArray::zeros(8, 30000);
-      _render_transient_release_tail_channel_full(job, roomy(8), scratch, room.view(),
-                                                  rendered.view());
-      EXPECT_TRUE(std::ranges::equal(rendered.flat(), expected.flat())) << workers;
+// The last two stems are silent in the second half of the song, and one of them throughout: what is
+// then left out must stay below what anybody hears, and the sum whole.
+TEST(Rendering, LeavesOutWhatSilenceClaims) {
+  constexpr int kRate = 8000;
+  constexpr std::size_t kEnd = kRate * 30;
+  Song song = test_song(kEnd, kRate, 4);
+  std::ranges::fill(song.taps[3].audio.row(0), 0.0F);
+  std::ranges::fill(song.taps[2].audio.row(0).subspan(kEnd / 2), 0.0F);
+  const AudioArray silent = render_full(job_of(song, kRate));
+  // A sample far below all others keeps the silence from being seen, and changes nothing else.
+  for (std::size_t i = 0; i < kEnd; i += 1000) {
+    for (const std::size_t s : {2U, 3U}) {
+      float& sample = song.taps[s].audio.row(0)[i];
+      if (sample == 0.0F) sample = 1e-30F;
+    }
+  }
+  const AudioArray whole = render_full(job_of(song, kRate));
+  for (std::size_t s = 0; s < 4; ++s) {
+    for (std::size_t i = 0; i < kEnd; ++i) {
+      ASSERT_NEAR(silent.row(s)[i], whole.row(s)[i], 3e-8) << "stem " << s << " at " << i;
     }
   }
 }
 
-// At one sample a second: three of a minute, four of a second more, and bounds that a step of no
-// whole number of samples, multiplied, would miss.
-TEST(Rendering, CutsFromAMinuteOnAndCountsItsSteps) {
+// At one sample a second: three intervals of a minute, four of a second more.
+TEST(Rendering, CountsTheStepsOfIntervalsFromAMinuteOn) {
   const Song song = test_song(2100, 1);
   for (const auto& [length, intervals] :
        {std::pair<std::size_t, std::size_t>{59, 1}, {60, 3}, {61, 4}, {436, 22}}) {
-    for (const std::size_t processors : {1U, 4U}) {
-      ChannelJob job = job_of(song, 1);
-      job.start = 20;
-      job.stop = job.start + length;
-      std::vector<std::size_t> counts, firsts, expected;
-      for (std::size_t i = 0; i < intervals; ++i) expected.push_back(20 + i * length / intervals);
-      job.progress = [&](std::size_t done, std::size_t total) {
-        counts.push_back(done);
-        EXPECT_EQ(total, 18U);
-      };
-      std::mutex storing;
-      render_channel_intervals({job}, roomy(processors), {},
-                               [&](std::size_t, std::size_t first, auto) {
-                                 const std::lock_guard lock(storing);
-                                 firsts.push_back(first);
-                               });
-      std::ranges::sort(firsts);
-      EXPECT_EQ(firsts, expected);
-      EXPECT_EQ(counts.size(), 19 * intervals + (intervals > 1 ? 1 : 0)) << length;
-      EXPECT_TRUE(std::ranges::is_sorted(counts));
-      EXPECT_EQ(counts.front() + counts.back(), 18U);
-    }
+    ChannelJob job = job_of(song, 1);
+    job.start = 20;
+    job.stop = job.start + length;
+    std::vector<std::size_t> counts;
+    std::size_t stored = 0;
+    job.progress = [&](std::size_t done, std::size_t total) {
+      counts.push_back(done);
+      EXPECT_EQ(total, 18U);
+    };
+    render_channel_intervals({job}, roomy(4), {},
+                             [&](std::size_t, std::size_t first, RowsView<const double> stems) {
+                               EXPECT_EQ(first, job.start + stored);
+                               stored += stems.columns();
+                             });
+    EXPECT_EQ(stored, length);
+    EXPECT_EQ(counts.size(), 19 * intervals + (intervals > 1 ? 1 : 0)) << length;
+    EXPECT_TRUE(std::ranges::is_sorted(counts));
+    EXPECT_EQ(counts.front() + counts.back(), 18U);
   }
 }
 
@@ -199,16 +204,14 @@ TEST(Rendering, RefusesWhatDoesNotFit) {
 
 TEST(Rendering, FailsWhereItsStemsMissTheSum) {
   for (const double loud : {1.0, 10.0}) {
-    const std::vector<double> mix(9, 1.5 * loud);
-    ChannelJob job;
-    job.mix = mix;
-    job.start = 3;
-    job.stop = 9;
+    const std::vector<double> mix(6, 1.5 * loud);
     auto stems = AudioArray::zeros(2, 6);
     std::ranges::fill(stems.row(1), 1.5 * loud);
     const auto failure = [&](double last) {
       stems.row(0)[5] = last;
-      return failure_of<FloatingPointError>([&] { check_rendered(job, stems.view()); });
+      Conservation conservation;
+      conservation.add(stems.view(), mix);
+      return failure_of<FloatingPointError>([&] { conservation.require(); });
     };
     EXPECT_EQ(failure(2.9e-6 * loud), "");
     EXPECT_EQ(failure(-3.1e-6 * loud),
@@ -217,52 +220,55 @@ TEST(Rendering, FailsWhereItsStemsMissTheSum) {
   }
 }
 
-TEST(Rendering, TheInverseTransformGivesTheSignalBackToItsFirstAndLastSample) {
+TEST(Rendering, TheInverseTransformGivesTheSignalsBackToTheirFirstAndLastSample) {
   const SpectralTransform transform;
   for (const std::size_t samples : {2048U, 2049U, 2303U, 2304U, 2305U, 7777U}) {
-    const std::vector<double> signal = testing::noise(samples, 3);
-    std::vector<double> returned(samples, 99.0);
+    const SignalExtent extent{samples};
+    HopRing<double> signal(1);
+    const std::vector<double> noise = testing::noise(samples, 3);
+    for (std::size_t i = 0; i < samples; ++i) signal.hop(0, i / C14_HOP)[i % C14_HOP] = noise[i];
     FrameBuffers buffers;
-    OverlapAdd overlap(transform, samples);
-    const auto store = [&](std::size_t first, std::span<const double> values) {
-      std::ranges::copy(values, std::span(returned).subspan(first).begin());
-    };
-    for (std::size_t frame = 0; frame < (samples + 255) / 256 + 1; ++frame) {
-      transform_frame(transform, signal, frame, buffers);
-      overlap.add(buffers, store);
+    PairBuffers pair;
+    PairOverlap overlap(transform, extent, 1);
+    std::size_t returned = 0;
+    for (std::size_t frame = 0; frame < extent.frames() + PairOverlap::frames_after(); ++frame) {
+      if (frame < extent.frames()) {
+        transform_frame(transform, signal, frame, extent, buffers);
+        // The signal as the one of a pair, and twice as loud as the other.
+        for (std::size_t k = 0; k < C14_FFT_SIZE; ++k) {
+          const bool mirrored = k >= C14_BINS;
+          const auto value = buffers.spectrum.data()[mirrored ? C14_FFT_SIZE - k : k];
+          const std::complex<double> bin = mirrored ? std::conj(value) : value;
+          pair.spectrum.data()[k] = std::complex<float>(bin * std::complex<double>(1.0, 2.0));
+        }
+        overlap.add(0, frame, pair);
+      }
+      overlap.finish(
+          0, frame,
+          [&](std::size_t hop, const double* weight, const double* first, const double* second) {
+            for (std::size_t n = 0; n < extent.hop_samples(hop); ++n, ++returned) {
+              ASSERT_NEAR(first[n] * weight[n], noise[hop * C14_HOP + n], 2e-6) << samples;
+              ASSERT_NEAR(second[n] * weight[n], 2.0 * noise[hop * C14_HOP + n], 4e-6) << samples;
+            }
+          });
     }
-    overlap.finish(store);
-    for (std::size_t i = 0; i < samples; ++i) ASSERT_NEAR(returned[i], signal[i], 1e-14) << i;
+    EXPECT_EQ(returned, samples);
   }
 }
 
-TEST(Rendering, AFailureOrAStopEndsItAndLeavesNoDirectoryBehind) {
-  const testing::TemporaryFolder folder;
-  const Song song = test_song(2100, 1);  // in several intervals
-  for (const std::size_t processors : {1U, 4U}) {
-    // So little memory that scratch is written back.
-    Machine machine = testing::machine_with(processors, std::uint64_t{1} << 20U, 0);
-    machine.temporary_folder = [&] { return folder.path(); };
-    for (const std::size_t moment : {0U, 3U, 8U, 11U, 17U}) {
-      ChannelJob job = job_of(song, 1);
-      std::atomic<bool> stopped{false};
-      const auto render = [&] {
-        render_channel_intervals({job}, machine, StopToken(stopped), [](auto...) {});
-      };
-      job.progress = [&](std::size_t done, std::size_t) {
-        for (const auto& entry : std::filesystem::directory_iterator(folder.path())) {
-          EXPECT_TRUE(entry.path().filename().string().starts_with("verdel-c14-"));
-          EXPECT_EQ(entry.status().permissions(), std::filesystem::perms::owner_all);
-          EXPECT_TRUE(std::filesystem::is_empty(entry)) << "its files have no names";
-        }
-        EXPECT_FALSE(std::filesystem::is_empty(folder.path()));
-        if (done >= moment) throw RuntimeError("stop here");
-      };
-      EXPECT_EQ(failure_of<RuntimeError>(render), "stop here");
-      job.progress = [&](std::size_t done, std::size_t) { stopped = stopped || done >= moment; };
-      EXPECT_THROW(render(), Cancelled);
-      EXPECT_TRUE(std::filesystem::is_empty(folder.path())) << moment;
-    }
+TEST(Rendering, AFailureOrAStopEndsIt) {
+  const Song song = test_song(2100, 1);
+  for (const std::size_t moment : {0U, 3U, 17U}) {
+    ChannelJob job = job_of(song, 1);
+    std::atomic<bool> stopped{true};
+    const auto render = [&](const StopToken& stop) {
+      render_channel_intervals({job, job}, roomy(4), stop, [](auto...) {});
+    };
+    job.progress = [&](std::size_t done, std::size_t) {
+      if (done >= moment) throw RuntimeError("stop here");
+    };
+    EXPECT_EQ(failure_of<RuntimeError>([&] { render({}); }), "stop here");
+    EXPECT_THROW(render(StopToken(stopped)), Cancelled);
   }
 }
 

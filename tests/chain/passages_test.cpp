@@ -6,6 +6,7 @@
 
 #include "chain/tap_promise.hpp"
 #include "support/noise.hpp"
+#include "support/precision.hpp"
 
 namespace verdel::internal {
 namespace {
@@ -15,7 +16,8 @@ constexpr std::size_t kFrames = 90 * kRate;
 
 StemMap noisy_taps() {
   StemMap taps;
-  for (unsigned t = 0; t < 3; ++t) taps.push_back({"", testing::noise_array(2, kFrames, t)});
+  for (unsigned t = 0; t < 3; ++t)
+    taps.push_back({"", testing::rounded(testing::noise_array(2, kFrames, t).view())});
   return taps;
 }
 
@@ -71,7 +73,7 @@ TEST(Passages, PromiseWhatAnEffectWouldTakeOff) {
   AudioArray mix = testing::noise_array(2, kFrames, 9);
   for (std::size_t c = 0; c < 2; ++c) {
     for (std::size_t i = kDelay; i < kFrames; ++i) {
-      mix.row(c)[i] += taps[1].audio.row(c)[i - kDelay];
+      mix.row(c)[i] += static_cast<double>(taps[1].audio.row(c)[i - kDelay]);
     }
   }
   const ChainJob song{.mix = mix.view(), .sr = kRate};

@@ -161,10 +161,7 @@ mount -t tmpfs none out|mount -o remount,size=120k out|cannot write “out/b.wav
 mount -t tmpfs none out|mount -o remount,size=192k out|cannot write “out/b.wav”: No space left on device|96088
 mount -t tmpfs none out|mount -o remount,nr_inodes=3 out|cannot write “out/a.wav”: No space left on device|4
 mount -t tmpfs none out|mount -o remount,ro out|cannot write “out/a.wav”: Read-only file system|4
-mount -t tmpfs none tmp|mount -o remount,size=8k tmp|cannot reserve 0 MiB of temporary space for .*: No space left.*|4
-mount -t tmpfs none tmp|mount -o remount,nr_inodes=1 tmp|cannot create a temporary directory in .*: No space left.*|4
-mount -t tmpfs none tmp|mount -o remount,ro tmp|cannot create a temporary directory in .*: Read-only.*|4
-:|ulimit -f 16|cannot reserve .*: File too large.*|4
+:|ulimit -f 16|cannot write “out/a.wav”: File too large|4
 )";
   for (const std::string& line : testing::lines_of(kCases)) {
     SCOPED_TRACE(line);

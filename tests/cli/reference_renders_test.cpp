@@ -15,10 +15,18 @@ using testing::TemporaryFolder;
 
 const std::string kData = VERDEL_TEST_DATA "/golden";
 
-/// Equal lines, or in the report one step of a ratio (one digit) or of a likeness (two digits, in
+constexpr const char* kNull = "null residual: ";
+
+/// Equal lines; or 1 dB in what is left of the mix, which is the last bit of one sample; or in the
+/// report one step of a ratio (one digit) or of a likeness (two digits, in
 /// brackets): the figures there come from a computation of their own, and may stand on a rounding
 /// edge.
 void expect_line(const std::string& got, const std::string& expected) {
+  if (got.starts_with(kNull) && expected.starts_with(kNull) && got.ends_with(" dBFS  PASS")) {
+    const std::size_t at = std::string(kNull).size();
+    EXPECT_NEAR(std::stod(got.substr(at)), std::stod(expected.substr(at)), 1.0) << got;
+    return;
+  }
   if (got == expected || expected.find(" foreign ") == std::string::npos) {
     EXPECT_EQ(got, expected);
     return;
