@@ -102,6 +102,16 @@ struct Slots {
   }
 };
 
+// What stem and residual have in common in one bin: stem * conj(residual).
+struct CrossProduct {
+  float re, im;
+};
+VERDEL_INLINE CrossProduct cross_product(const float* model, const float* residual, std::size_t b) {
+  const float re = model[b], im = model[kLanes + b];
+  return {re * residual[b] + im * residual[kLanes + b],
+          im * residual[b] - re * residual[kLanes + b]};
+}
+
 // The stem's frame against the residual's, `delay` frames later, enters the window.
 VERDEL_INLINE void enter(const float* model, const float* residual, const Slots& slots,
                          LagWindow& window) {
@@ -113,12 +123,11 @@ VERDEL_INLINE void enter(const float* model, const float* residual, const Slots&
   float* im_now = window.imaginary_triple[slots.now];
   VERDEL_INDEPENDENT
   for (std::size_t b = 0; b < kLanes; ++b) {
-    const float re = model[b] * residual[b] + model[kLanes + b] * residual[kLanes + b];
-    const float im = model[kLanes + b] * residual[b] - model[b] * residual[kLanes + b];
-    re_now[b] = (re_old[b] + re_new[b]) + re;
-    im_now[b] = (im_old[b] + im_new[b]) + im;
-    re_old[b] = re;
-    im_old[b] = im;
+    const CrossProduct entering = cross_product(model, residual, b);
+    re_now[b] = (re_old[b] + re_new[b]) + entering.re;
+    im_now[b] = (im_old[b] + im_new[b]) + entering.im;
+    re_old[b] = entering.re;
+    im_old[b] = entering.im;
   }
 }
 
@@ -200,14 +209,13 @@ VERDEL_INLINE void claim(const ScoringTile& tile, const Moment& now, std::size_t
   const float weight = kFirst ? 0.0F : C14_COHERENCE_WEIGHT * tile.decays[lag - 1];
   VERDEL_INDEPENDENT
   for (std::size_t b = 0; b < kLanes; ++b) {
-    const float re = model[b] * residual[b] + model[kLanes + b] * residual[kLanes + b];
-    const float im = model[kLanes + b] * residual[b] - model[b] * residual[kLanes + b];
-    const float re_triple = (re_old[b] + re_new[b]) + re;
-    const float im_triple = (im_old[b] + im_new[b]) + im;
+    const CrossProduct entered = cross_product(model, residual, b);
+    const float re_triple = (re_old[b] + re_new[b]) + entered.re;
+    const float im_triple = (im_old[b] + im_new[b]) + entered.im;
     const float re_cross = (re_six[b] + re_three[b]) + re_triple;
     const float im_cross = (im_six[b] + im_three[b]) + im_triple;
-    re_old[b] = re;
-    im_old[b] = im;
+    re_old[b] = entered.re;
+    im_old[b] = entered.im;
     re_six[b] = re_triple;
     im_six[b] = im_triple;
     const float square = re_cross * re_cross + im_cross * im_cross;

@@ -8,7 +8,7 @@
 namespace verdel::internal {
 namespace {
 
-constexpr std::size_t kLanes = Tile::kBins;
+constexpr std::size_t kLanes = Tile::kBins, kDelays = C14_HISTORY_DELAYS.size();
 constexpr auto kFloor = static_cast<float>(C14_POWER_FLOOR);
 
 // Edges a little wider than the tests', so that rounding cannot say no where a test says yes. What
@@ -19,8 +19,12 @@ static_assert(static_cast<float>(C14_TAIL_RATIO_LOW) > kDecayed &&
               static_cast<float>(C14_TRANSIENT_SHARE_LOW) > kStruck &&
               static_cast<float>(C14_LATER_RATIO_HIGH) < kGone);
 
+VERDEL_INLINE float larger(float a, float b) {
+  return a > b ? a : b;
+}
+
 VERDEL_INLINE float floored(float value) {
-  return value > kFloor ? value : kFloor;
+  return larger(value, kFloor);
 }
 
 // Values in sixteen neighbouring bins.
@@ -32,7 +36,7 @@ struct Lanes {
 VERDEL_INLINE void raise(const float* __restrict values, float weight, Lanes& peak) {
   for (std::size_t b = 0; b < kLanes; ++b) {
     const float faded = weight * values[b];
-    peak.value[b] = peak.value[b] > faded ? peak.value[b] : faded;
+    peak.value[b] = larger(peak.value[b], faded);
   }
 }
 
@@ -88,15 +92,30 @@ VERDEL_INLINE bool add_and_test(const float* __restrict history, Tested& cells) 
   return may_open(cells);
 }
 
+// Frames looked ahead at a time: their maxima need not wait for each other's way through memory.
+constexpr std::size_t kStretch = 8;
+
+VERDEL_INLINE void raise_by_stretch(const float* support, std::size_t first, Lanes& peak) {
+  const float* rows[kStretch];
+  for (std::size_t k = 0; k < kStretch; ++k) rows[k] = support + CellRing::offset(first + k);
+  VERDEL_INDEPENDENT
+  for (std::size_t b = 0; b < kLanes; ++b) {
+    float largest = peak.value[b];
+    for (std::size_t k = 0; k < kStretch; ++k) largest = larger(largest, rows[k][b]);
+    peak.value[b] = largest;
+  }
+}
+
 // The strongest value of the next frames, the frame itself excluded; false as soon as no bin can
 // open any more.
 VERDEL_INLINE bool stays_gone(const float* support, std::size_t frame, std::size_t stop,
                               Tested& cells) {
-  constexpr std::size_t kStretch = 8;
-  for (std::size_t t = frame + 1; t < stop; ++t) {
-    raise(support + CellRing::offset(t), 1.0F, cells.later);
-    if ((t - frame) % kStretch == 0 && !may_open(cells)) return false;
+  std::size_t t = frame + 1;
+  for (; t + kStretch <= stop; t += kStretch) {
+    raise_by_stretch(support, t, cells.later);
+    if (!may_open(cells)) return false;
   }
+  for (; t < stop; ++t) raise(support + CellRing::offset(t), 1.0F, cells.later);
   return may_open(cells);
 }
 
@@ -125,13 +144,22 @@ VERDEL_INLINE bool test_cells(const float* support, std::size_t frame, std::size
   return stays_gone(support, frame, stop, cells) && open(cells, fade, bins, gate);
 }
 
+// Over all delays at once. Where the signal had not begun yet, the past is nothing.
 VERDEL_INLINE void make_history(const float* support, std::size_t frame,
-                                const HistoryDecays& decays, float* history) {
-  Lanes peak{};
-  for (std::size_t i = 0; i < decays.size() && C14_HISTORY_DELAYS[i] <= frame; ++i) {
-    raise(support + CellRing::offset(frame - C14_HISTORY_DELAYS[i]), decays[i], peak);
+                                const HistoryDecays& decays, float* __restrict history) {
+  const float* rows[kDelays];
+  float weights[kDelays];
+  for (std::size_t i = 0; i < kDelays; ++i) {
+    const bool exists = C14_HISTORY_DELAYS[i] <= frame;
+    rows[i] = support + CellRing::offset(exists ? frame - C14_HISTORY_DELAYS[i] : frame);
+    weights[i] = exists ? decays[i] : 0.0F;
   }
-  std::copy_n(peak.value, kLanes, history);
+  VERDEL_INDEPENDENT
+  for (std::size_t b = 0; b < kLanes; ++b) {
+    float peak = 0.0F;
+    for (std::size_t i = 0; i < kDelays; ++i) peak = larger(peak, weights[i] * rows[i][b]);
+    history[b] = peak;
+  }
 }
 
 VERDEL_INLINE void add(const float* __restrict values, Lanes& sum) {
