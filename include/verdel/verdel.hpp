@@ -140,10 +140,11 @@ class RenderCancelled : public std::runtime_error {
 /// several threads at a time do not disturb each other. The same request gives the same bits on the
 /// same machine, whatever the number of processors.
 ///
-/// Memory: two floats per sample, channel and tap and two doubles per sample and channel of the mix,
-/// beside the interval's working memory and the scratch space. The chain has some arrays of the mix's
-/// size for itself, and gives them back before the render. Throws RenderError, RenderCancelled, or
-/// std::bad_alloc; a stem that misses the mix by -140 dBFS or more is a RenderError too.
+/// Memory: two floats per sample, channel and tap and two doubles per sample and channel of the
+/// mix, beside the interval's working memory and the scratch space. The chain has some arrays of
+/// the mix's size for itself, and gives them back before the render. Throws RenderError,
+/// RenderCancelled, or std::bad_alloc; a stem that misses the mix by -140 dBFS or more is a
+/// RenderError too.
 RenderResult render(const RenderRequest& request);
 
 /// A stem to be handed over, such as one of a RenderResult.

@@ -176,10 +176,8 @@ void Delivery::require_mix_fits(const MixRounding& rounding) const {
   const double excess = dbfs(beyond.largest / job_.format.grid().steps());
   throw ValueError(
       fmt::format("{} passes full scale at {}, the first {}, by up to {:.2f} dB: integers cannot "
-                  "hold that, and "
-                  "no stem has room for what their sum has not. Turn the mix down by {:.2f} dB and "
-                  "render again, "
-                  "or pass --bits 32f.",
+                  "hold that, and no stem has room for what their sum has not. Turn the mix down "
+                  "by {:.2f} dB and render again, or pass --bits 32f.",
                   quoted_path(job_.mix.files.front()), counted(beyond.samples, "sample"), place,
                   excess, std::ceil(excess * 100.0) / 100.0));
 }
@@ -231,8 +229,7 @@ void Delivery::round_channel(const Sources& sources, std::size_t channel, std::s
   }
   throw ValueError(fmt::format(
       "the stems do not add up to the mix: they miss it by {:.1f} dBFS at {}, and what rounds to "
-      "{} "
-      "bits may miss it by {:.1f}. Deliver the stems that were rendered against this mix.",
+      "{} bits may miss it by {:.1f}. Deliver the stems that were rendered against this mix.",
       dbfs(std::abs(missed->steps) / job_.format.grid().steps()), place, job_.format.bits(),
       dbfs(kMostMissingSteps / job_.format.grid().steps())));
 }
@@ -320,8 +317,7 @@ void Delivery::prove_integers(const std::vector<StemInput>& written) {
         if (sum[i] == target[i] && mix_holds) continue;
         throw RuntimeError(
             fmt::format("the written files do not sum to the mix at {}: a file does not hold what "
-                        "was written to "
-                        "it. Check the disk and deliver again.",
+                        "was written to it. Check the disk and deliver again.",
                         place_text(first + i, c, plan_.sr)));
       }
     }
@@ -403,8 +399,7 @@ HandedOver Delivery::run(double threshold) {
     if (!(done.null_peak < threshold)) {
       throw ValueError(
           fmt::format("the stems do not add up to the mix: they miss it by {} dBFS. Deliver the "
-                      "stems that were "
-                      "rendered against this mix.",
+                      "stems that were rendered against this mix.",
                       one_decimal(done.null_peak)));
     }
   }
