@@ -166,16 +166,22 @@ std::ptrdiff_t find_lag(std::span<const double> a_mono, std::span<const double> 
   const double peak = *std::ranges::max_element(energy);
   if (peak <= kSilentEnergy) return 0;
 
+  const auto votes = [&](std::size_t i) { return energy[i] >= peak * kQuietestVoter; };
   std::array<std::ptrdiff_t, kMostSections> lags{};
   std::size_t voters = 0;
   for (std::size_t i = 0; i < count; ++i) {
-    if (energy[i] < peak * kQuietestVoter) continue;
+    if (votes(i)) ++voters;
+  }
+  if (voters < 2) return 0;
+  // Most taps stand in line with the mix: they need no vote.
+  const std::ptrdiff_t candidate = _find_lag_window(a, b, sr, max_ms, stop);
+  if (std::abs(candidate) <= kTooSmall) return 0;
+  voters = 0;
+  for (std::size_t i = 0; i < count; ++i) {
+    if (!votes(i)) continue;
     lags[voters++] =
         _find_lag_window(section_of(a, i, count), section_of(b, i, count), sr, max_ms, stop);
   }
-  if (voters < 2) return 0;
-  const std::ptrdiff_t candidate = _find_lag_window(a, b, sr, max_ms, stop);
-  if (std::abs(candidate) <= kTooSmall) return 0;
 
   const double tolerance = std::max(kSmallestTolerance, std::nearbyint(sr * kToleranceSeconds));
   const auto agreements = static_cast<std::size_t>(std::count_if(

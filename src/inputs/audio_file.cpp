@@ -21,6 +21,13 @@
 namespace verdel::internal {
 namespace {
 
+sf_count_t decode(SNDFILE* file, double* into, sf_count_t frames) {
+  return sf_readf_double(file, into, frames);
+}
+sf_count_t decode(SNDFILE* file, float* into, sf_count_t frames) {
+  return sf_readf_float(file, into, frames);
+}
+
 // A source as the decoder reads it: patched, from a current position. A failure of the source
 // waits here, because it must not pass through the decoder's C code.
 struct DecoderInput {
@@ -249,7 +256,8 @@ std::optional<BroadcastInfo> AudioFile::broadcast_info() const {
       .time_reference = std::uint64_t{info.time_reference_high} << 32 | info.time_reference_low};
 }
 
-std::size_t AudioFile::read(std::span<double> interleaved) {
+template <class Sample>
+std::size_t AudioFile::read_samples(std::span<Sample> interleaved) {
   State& state = *state_;
   std::size_t wanted = interleaved.size() / state.header.channels;
   // No more than was promised: a decoder that looks beyond would take tags behind the audio for
@@ -257,7 +265,7 @@ std::size_t AudioFile::read(std::span<double> interleaved) {
   if (state.header.frames) wanted = std::min(wanted, *state.header.frames - state.position);
   if (wanted == 0) return 0;
   const sf_count_t decoded =
-      sf_readf_double(state.file.get(), interleaved.data(), static_cast<sf_count_t>(wanted));
+      decode(state.file.get(), interleaved.data(), static_cast<sf_count_t>(wanted));
   if (state.input.failure) std::rethrow_exception(state.input.failure);
   const std::size_t count = decoded < 0 ? 0 : static_cast<std::size_t>(decoded);
   state.position += count;
@@ -266,6 +274,14 @@ std::size_t AudioFile::read(std::span<double> interleaved) {
     state.fail_at_position();
   }
   return count;
+}
+
+std::size_t AudioFile::read(std::span<double> interleaved) {
+  return read_samples(interleaved);
+}
+
+std::size_t AudioFile::read(std::span<float> interleaved) {
+  return read_samples(interleaved);
 }
 
 bool AudioFile::last_frame_is_there() {

@@ -48,6 +48,8 @@ class AudioFile {
   /// 1.0. Returns how many frames there were, 0 at the end. Throws RuntimeError if the audio cannot
   /// be decoded or ends short of what the header said.
   std::size_t read(std::span<double> interleaved);
+  /// The same, rounded to single precision.
+  std::size_t read(std::span<float> interleaved);
 
   /// Whether the last frame that the header tells of can be decoded, asked for without those before
   /// it. A quick look at compressed audio, whose bytes do not tell how much they hold: true for a
@@ -56,6 +58,9 @@ class AudioFile {
   bool last_frame_is_there();
 
  private:
+  template <class Sample>
+  std::size_t read_samples(std::span<Sample> interleaved);
+
   struct State;
   std::unique_ptr<State> state_;
 };

@@ -21,9 +21,10 @@ constexpr std::size_t kBlockSamples = 65536;
 // Lengths that differ by no more are evened out in silence.
 constexpr std::size_t kLengthTolerance = 2;
 
-std::vector<double> decoding_block(const AudioFile& file) {
+template <class Sample>
+std::vector<Sample> decoding_block(const AudioFile& file) {
   const std::size_t channels = file.header().channels;
-  return std::vector<double>(std::max<std::size_t>(kBlockSamples / channels, 1) * channels);
+  return std::vector<Sample>(std::max<std::size_t>(kBlockSamples / channels, 1) * channels);
 }
 
 template <class Sample>
@@ -38,22 +39,22 @@ Array2D<Sample> allocate(std::size_t channels, std::size_t frames, const std::st
 
 // Sorts the first frames of a block into rows, from column `first` on.
 template <class Sample>
-void deinterleave(const std::vector<double>& block, std::size_t frames, RowsView<Sample> rows,
+void deinterleave(const std::vector<Sample>& block, std::size_t frames, RowsView<Sample> rows,
                   std::size_t first) {
   const std::size_t channels = rows.rows();
   for (std::size_t c = 0; c < channels; ++c) {
     Sample* const row = rows.row(c).data() + first;
-    const double* const samples = block.data() + c;
-    for (std::size_t i = 0; i < frames; ++i) row[i] = static_cast<Sample>(samples[i * channels]);
+    const Sample* const samples = block.data() + c;
+    for (std::size_t i = 0; i < frames; ++i) row[i] = samples[i * channels];
   }
 }
 
 // Decodes a whole file, keeps as many frames as the rows hold, and returns how many there were.
 template <class Sample>
 std::size_t decode_into(AudioFile& file, RowsView<Sample> rows, const StopToken& stop) {
-  std::vector<double> block = decoding_block(file);
+  std::vector<Sample> block = decoding_block<Sample>(file);
   std::size_t total = 0;
-  while (const std::size_t count = file.read(block)) {
+  while (const std::size_t count = file.read(std::span(block))) {
     stop.check();
     if (total < rows.columns()) {
       deinterleave(block, std::min(count, rows.columns() - total), rows, total);
@@ -66,7 +67,7 @@ std::size_t decode_into(AudioFile& file, RowsView<Sample> rows, const StopToken&
 // Decodes a whole file whose length is not known for sure.
 AudioArray gather(AudioFile& file, const StopToken& stop) {
   const std::size_t channels = file.header().channels;
-  std::vector<double> block = decoding_block(file);
+  std::vector<double> block = decoding_block<double>(file);
   std::vector<AudioArray> pieces;
   std::size_t total = 0;
   while (const std::size_t count = file.read(block)) {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <utility>
 #include <vector>
 
 /// Moving averages whose every window holds exactly its own values.
@@ -26,35 +27,52 @@ inline std::size_t reflected_index(std::ptrdiff_t position, std::size_t length) 
 
 namespace detail {
 
+/// One block of a signal, read once, and the sums over its end: to_end[r] is that of r .. size - 1.
+struct SummedBlock {
+  explicit SummedBlock(std::size_t size) : values(size), to_end(size) {}
+
+  std::vector<double> values, to_end;
+};
+
+template <class Value>
+void read_block(std::ptrdiff_t first, std::size_t length, const Value& value,
+                std::vector<double>& values) {
+  const std::size_t size = values.size();
+  if (first >= 0 && static_cast<std::size_t>(first) + size <= length) {
+    const auto begin = static_cast<std::size_t>(first);
+    for (std::size_t r = 0; r < size; ++r) values[r] = static_cast<double>(value(begin + r));
+    return;
+  }
+  for (std::size_t r = 0; r < size; ++r) {
+    values[r] = static_cast<double>(
+        value(reflected_index(first + static_cast<std::ptrdiff_t>(r), length)));
+  }
+}
+
 /// The sums of the windows that begin at i - reach; `size` at least 1.
 template <class Value, class Store>
 void for_each_sum_from(std::size_t length, std::size_t reach, std::size_t size, Value value,
                        Store store) {
-  const auto n = static_cast<std::ptrdiff_t>(length);
-  const auto span = static_cast<std::ptrdiff_t>(size);
-  const auto at = [&](std::ptrdiff_t position) -> double {
-    return value(reflected_index(position, length));
+  SummedBlock block(size), next(size);
+  const auto begin_of = [&](std::size_t at) {
+    return static_cast<std::ptrdiff_t>(at) - static_cast<std::ptrdiff_t>(reach);
   };
-  std::vector<double> to_block_end(size);
-  for (std::size_t block = 0; block < length; block += size) {
-    const std::ptrdiff_t first =
-        static_cast<std::ptrdiff_t>(block) - static_cast<std::ptrdiff_t>(reach);
-    const bool interior = first >= 0 && first + 2 * span <= n;
-    double sum = 0.0;
-    for (std::ptrdiff_t r = span - 1; r >= 0; --r) {
-      sum += interior ? static_cast<double>(value(static_cast<std::size_t>(first + r)))
-                      : at(first + r);
-      to_block_end[static_cast<std::size_t>(r)] = sum;
+  read_block(begin_of(0), length, value, block.values);
+  double to_end = 0.0;
+  for (std::size_t r = size; r-- > 0;) block.to_end[r] = to_end += block.values[r];
+  for (std::size_t at = 0; at < length; at += size) {
+    read_block(begin_of(at + size), length, value, next.values);
+    // Forwards for this block's windows, backwards for the next one's, side by side: neither sum
+    // waits for the other's additions.
+    const std::size_t count = std::min(size, length - at);
+    double from_begin = 0.0;
+    to_end = 0.0;
+    for (std::size_t r = 0; r < count; ++r) {
+      store(at + r, block.to_end[r] + from_begin);
+      from_begin += next.values[r];
+      next.to_end[size - 1 - r] = to_end += next.values[size - 1 - r];
     }
-    const std::size_t count = std::min(size, length - block);
-    double from_block_begin = 0.0;
-    store(block, to_block_end[0]);
-    for (std::size_t r = 1; r < count; ++r) {
-      const std::ptrdiff_t entering = first + span + static_cast<std::ptrdiff_t>(r) - 1;
-      from_block_begin +=
-          interior ? static_cast<double>(value(static_cast<std::size_t>(entering))) : at(entering);
-      store(block + r, to_block_end[r] + from_block_begin);
-    }
+    std::swap(block, next);
   }
 }
 
@@ -62,7 +80,7 @@ void for_each_sum_from(std::size_t length, std::size_t reach, std::size_t size, 
 
 /// Hands store(i, sum) the sum of the `size` values around each i in 0 .. length - 1: of those at
 /// i - size / 2 .. i - size / 2 + size - 1, so that an even size looks one sample further back than
-/// ahead. `value(j)` gives the value at 0 <= j < length and is called about twice a
+/// ahead. `value(j)` gives the value at 0 <= j < length and is called about once a
 /// sample, in order within a block; sums are double precision. The work and the memory grow with
 /// the length alone, however large the size.
 template <class Value, class Store>
