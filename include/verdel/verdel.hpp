@@ -7,6 +7,7 @@
 #include <span>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 /// VERDEL for programs that hold their audio in memory: taps and a mix in, stems out whose sum is
@@ -146,6 +147,31 @@ class RenderCancelled : public std::runtime_error {
 /// RenderCancelled, or std::bad_alloc; a stem that misses the mix by -140 dBFS or more is a
 /// RenderError too.
 RenderResult render(const RenderRequest& request);
+
+struct CheckRequest {
+  int sample_rate = 0;           ///< Hz
+  std::vector<ChannelView> mix;  ///< one or two channels of one length
+  std::vector<TapRequest> taps;  ///< at least one
+};
+
+/// A part of the song in seconds.
+struct Stretch {
+  double from = 0.0, to = 0.0;
+};
+
+/// Something that is wrong with taps, or may be.
+struct TapFinding {
+  std::string kind;               ///< "polarity", "lag", ...: docs/checking-taps.md has them all
+  std::vector<std::string> taps;  ///< empty for what is missing
+  std::vector<Stretch> where;     ///< empty: everywhere, or nowhere in particular
+  std::string severity;           ///< "fix", "look", "note"
+  std::string text;               ///< what, the evidence, what to do
+  std::vector<std::pair<std::string, double>> figures;
+};
+
+/// What is wrong with the taps of a mix, the gravest first; what verdel-check does, without files.
+/// Throws RenderError for shapes that do not fit.
+std::vector<TapFinding> check(const CheckRequest& request);
 
 /// A stem to be handed over, such as one of a RenderResult.
 struct FloatStem {

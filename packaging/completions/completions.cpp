@@ -151,6 +151,7 @@ void write_all(const std::filesystem::path& folder) {
                                  {"verdel-engine", shown(entries_of(engine_option_table()))},
                                  {"verdel-chain", shown(entries_of(chain_option_table()))},
                                  {"verdel-deliver", shown(entries_of(deliver_option_table()))},
+                                 {"verdel-check", shown(entries_of(check_option_table()))},
                                  {"verdel-verify", shown(entries_of(verify_option_table()))}}) {
     write(folder / "bash" / program.name, bash(program));
     write(folder / "zsh" / ("_" + program.name), zsh(program));

@@ -9,6 +9,7 @@
 
 #include "driver/chain_picture.hpp"
 #include "driver/chain_stage.hpp"
+#include "driver/check_stage.hpp"
 #include "driver/deliver_stage.hpp"
 #include "driver/engine_arguments.hpp"
 #include "driver/folder_proof.hpp"
@@ -37,13 +38,13 @@ int report_failure(const RunContext& context, const char* text, int status) {
   return status;
 }
 
-/// Runs the body and turns its outcome into the exit status.
-int exit_status_of(RunContext& context, const std::function<void(OutputLines&)>& body) {
+/// Runs the body, whose status is that of a good end, and turns its outcome into the exit status.
+int exit_status_of(RunContext& context, const std::function<int(OutputLines&)>& body) {
   try {
     OutputLines lines(context.out);
-    body(lines);
+    const int status = body(lines);
     lines.flush();
-    return 0;
+    return status;
   } catch (const UsageError& error) {
     return report_failure(context, error.what(), kExitUsage);
   } catch (const Cancelled& cancelled) {
@@ -51,6 +52,14 @@ int exit_status_of(RunContext& context, const std::function<void(OutputLines&)>&
   } catch (const std::exception& failure) {
     return report_failure(context, words_for(failure), kExitFailure);
   }
+}
+
+/// The same for a body that has one good end.
+int exit_status_of(RunContext& context, const std::function<void(OutputLines&)>& body) {
+  return exit_status_of(context, std::function<int(OutputLines&)>([&](OutputLines& lines) {
+                          body(lines);
+                          return 0;
+                        }));
 }
 
 /// Answers "--version" where nothing else is asked, and tells whether it did. It stands in no table
@@ -147,6 +156,21 @@ int deliver_main(const std::vector<std::string>& arguments, RunContext& context)
     if (!options->progress_json) lines.show_stages_on(context.err);
     deliver_folder(*options, context.machine.processors(), lines, context.stop);
   });
+}
+
+int check_main(const std::vector<std::string>& arguments, RunContext& context) {
+  const auto check = [&](OutputLines& lines) {
+    if (print_version("verdel-check", arguments, lines)) return 0;
+    const CommandLine command_line(context.program_name, entries_of(check_option_table()));
+    const auto options = parse_record(command_line, check_option_table(), arguments);
+    if (!options) {
+      lines.write(command_line.help());
+      return 0;
+    }
+    lines.show_stages_on(context.err);
+    return check_taps(*options, context.machine, lines, context.stop) ? 0 : kExitFindings;
+  };
+  return exit_status_of(context, std::function<int(OutputLines&)>(check));
 }
 
 }  // namespace verdel::internal

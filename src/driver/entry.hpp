@@ -13,6 +13,7 @@ namespace verdel::internal {
 
 inline constexpr int kExitFailure = 1;
 inline constexpr int kExitUsage = 2;
+inline constexpr int kExitFindings = 3;     ///< of check_main: there is something to do
 inline constexpr int kExitCancelled = 130;  ///< as a shell reports an interrupted program
 
 /// What the user reads of a failure: its own words, or for a limit of the machine or of the
@@ -32,6 +33,9 @@ int verify_main(const std::vector<std::string>& arguments, RunContext& context);
 
 /// A render that hears the master chain first: its own lines, then those of main.
 int chain_main(const std::vector<std::string>& arguments, RunContext& context);
+
+/// Looks for what is wrong with taps. Status 3 stands for something to do.
+int check_main(const std::vector<std::string>& arguments, RunContext& context);
 
 /// Hands a folder of stems over as integers whose sum is the mix.
 int deliver_main(const std::vector<std::string>& arguments, RunContext& context);

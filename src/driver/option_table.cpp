@@ -406,6 +406,27 @@ OptionTable<DeliverOptions> make_deliver_option_table() {
   };
 }
 
+OptionTable<CheckOptions> make_check_option_table() {
+  return {
+      {.name = "--mix",
+       .field = &CheckOptions::mix,
+       .help = "the finished mix. Found automatically if there is exactly one audio file in the "
+               "mix folder.",
+       .path = PathKind::kFile},
+      {.name = "--taps",
+       .field = &CheckOptions::taps,
+       .help = "folder of taps. Found automatically.",
+       .path = PathKind::kFolder},
+      {.name = "--project",
+       .field = &CheckOptions::project,
+       .help = "folder holding your mix and taps folders",
+       .path = PathKind::kFolder},
+      {.name = "--json",
+       .field = &CheckOptions::json,
+       .help = "print one JSON object instead of lines for people"},
+  };
+}
+
 }  // namespace
 
 const OptionTable<Options>& option_table() {
@@ -433,6 +454,11 @@ const OptionTable<DeliverOptions>& deliver_option_table() {
   return table;
 }
 
+const OptionTable<CheckOptions>& check_option_table() {
+  static const OptionTable<CheckOptions> table = make_check_option_table();
+  return table;
+}
+
 std::vector<OptionEntry> entries_of(const OptionTable<Options>& table) {
   return entries_of_table(table);
 }
@@ -450,6 +476,10 @@ std::vector<OptionEntry> entries_of(const OptionTable<ChainOptions>& table) {
 }
 
 std::vector<OptionEntry> entries_of(const OptionTable<DeliverOptions>& table) {
+  return entries_of_table(table);
+}
+
+std::vector<OptionEntry> entries_of(const OptionTable<CheckOptions>& table) {
   return entries_of_table(table);
 }
 

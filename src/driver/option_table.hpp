@@ -62,6 +62,7 @@ const OptionTable<EngineOptions>& engine_option_table();
 const OptionTable<VerifyOptions>& verify_option_table();
 const OptionTable<ChainOptions>& chain_option_table();
 const OptionTable<DeliverOptions>& deliver_option_table();
+const OptionTable<CheckOptions>& check_option_table();
 
 /// The same options as plain entries, in the same order.
 std::vector<OptionEntry> entries_of(const OptionTable<Options>& table);
@@ -69,6 +70,7 @@ std::vector<OptionEntry> entries_of(const OptionTable<EngineOptions>& table);
 std::vector<OptionEntry> entries_of(const OptionTable<VerifyOptions>& table);
 std::vector<OptionEntry> entries_of(const OptionTable<ChainOptions>& table);
 std::vector<OptionEntry> entries_of(const OptionTable<DeliverOptions>& table);
+std::vector<OptionEntry> entries_of(const OptionTable<CheckOptions>& table);
 
 /// Stores a value of the option's kind in its field.
 template <class Record>

@@ -72,6 +72,13 @@ struct ChainOptions {
   std::optional<std::string> picture;  ///< the same to look at
 };
 
+/// What a look at taps before a render needs.
+struct CheckOptions {
+  std::optional<std::string> mix, taps;
+  std::string project = ".";
+  bool json = false;
+};
+
 /// What handing stems over asks for.
 struct DeliverOptions {
   std::optional<std::string> mix, stems, to;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cassert>
 #include <cmath>
+#include <limits>
 #include <numeric>
 #include <tuple>
 
@@ -88,7 +89,7 @@ MissedSample unfit_sample(const RoundingBlock& block) {
     const auto unfit = std::ranges::find_if(row, [&](double x) { return !(std::abs(x) < most); });
     first = static_cast<std::size_t>(unfit - row.begin());
   }
-  return {block.first + first, INFINITY};
+  return {block.first + first, std::numeric_limits<double>::infinity()};
 }
 
 bool all_fit(const std::vector<std::span<std::int32_t>>& rounded, IntegerGrid grid) {

@@ -53,7 +53,7 @@ one_song=$(verdel-song-memory one)
 
 with_parallel() {
   command -v parallel >/dev/null || not_tested "GNU parallel is not installed"
-  run() { VERDEL_BATCH_MEMORY=$((one_song * 3 / 2)) verdel-parallel --deliver "$@" one two three; }
+  run() { VERDEL_BATCH_MEMORY=$((one_song * 3 / 2)) verdel-parallel ${1:+--check} --deliver "$@" one two three; }
 }
 
 with_snakemake() {

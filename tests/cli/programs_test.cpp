@@ -26,6 +26,7 @@ constexpr const char* kAnswers = R"(verdel|--version|0|VERSION
 verdel-engine|--version|0|VERSION
 verdel-verify|--version|0|VERSION
 verdel-deliver|--version|0|VERSION
+verdel-check|--version|0|VERSION
 verdel|--he|0|HELP
 verdel-engine|-h|0|HELP
 verdel-verify|--help|0|HELP

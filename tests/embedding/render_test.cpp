@@ -71,6 +71,21 @@ TEST_F(Embedding, StemsAddUpAndProgressRises) {
   EXPECT_NEAR(part.stems[1].channels[0][0], result.stems[1].channels[0][9000], 1e-6F);
 }
 
+TEST_F(Embedding, ChecksTapsFromArrays) {
+  const Signal silent(kFrames);
+  CheckRequest request{.sample_rate = 2000,
+                       .mix = {mix_, mix_},
+                       .taps = {{"Low", {low_, low_}}, {"High", {high_, silent}}}};
+  const auto findings = check(request);
+  ASSERT_FALSE(findings.empty());
+  EXPECT_EQ(findings.front().kind, "sides");
+  EXPECT_EQ(findings.front().severity, "fix");
+  EXPECT_EQ(findings.front().taps, std::vector<std::string>{"High"});
+  request.taps.front().channels.pop_back();
+  EXPECT_THAT(testing::failure_of<RenderError>([&] { check(request); }),
+              "tap “Low”: channels and length must be those of the mix");
+}
+
 TEST_F(Embedding, DeliveredIntegersAreTheMix) {
   const RenderResult rendered = render(request_);
   DeliverRequest request{.bits = 16, .mix = request_.mix, .stems = {}};
