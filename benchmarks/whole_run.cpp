@@ -18,6 +18,7 @@
 #include "driver/input_stage.hpp"
 #include "driver/option_rules.hpp"
 #include "driver/option_table.hpp"
+#include "driver/run.hpp"
 #include "excerpt/excerpt_suggestion.hpp"
 #include "measures.hpp"
 #include "render/deliver_song.hpp"
@@ -31,11 +32,11 @@ namespace verdel::internal {
 namespace {
 
 constexpr const char* kUsage =
-    "usage: verdel-bench PROJECT [--hear-chain] [--no-report] [--processors N] [--excerpt "
-    "SECONDS]\n"
-    "                    [--kernels baseline|avx2|avx512] [--json FILE]\n"
+    "usage: verdel-bench PROJECT [--hear-chain] [--no-report] [--processors N] [--memory GIB]\n"
+    "                    [--excerpt SECONDS] [--kernels baseline|avx2|avx512] [--json FILE]\n"
     "  --hear-chain: hears the master chain first, a row for each of its phases\n"
-    "  --processors: play a machine with so many; --excerpt: from the middle of the song\n"
+    "  --processors, --memory: play a machine with so many, and with so much\n"
+    "  --excerpt: from the middle of the song\n"
     "  --kernels: the instruction set of the engine's own kernels; the best one without it\n"
     "Exit status: 3 if the machine is too small for the render.\n";
 constexpr int kTooLarge = 3;
@@ -44,6 +45,7 @@ struct Arguments {
   std::string project, json;
   bool chain = false, no_report = false;
   std::size_t processors = 0;  // 0: as many as there are
+  double memory = 0.0;         // GiB; 0: as much as there is
   double excerpt = 0.0;        // s; 0: the whole song
 };
 
@@ -190,7 +192,8 @@ Results measure_render(Run& run, bool chain) {
                     .sr = mix.sr,
                     .range = choose_output_range(run, mix),
                     .align = !lined_up,
-                    .tell_levels = true};
+                    .tell_levels = true,
+                    .storage = run.storage};
   Results results = results_of_job(run, mix, plan.size(), job.range);
   MeasuredSong song(measure, results);
   CoordinatedStems stems = render_song(job, taps, run.machine, song);
@@ -240,6 +243,8 @@ Arguments parse(const std::vector<std::string>& words) {
       arguments.chain = true;
     } else if (word == "--no-report") {
       arguments.no_report = true;
+    } else if (word == "--memory") {
+      arguments.memory = positive_number(value());
     } else if (word == "--processors") {
       arguments.processors = static_cast<std::size_t>(std::ceil(positive_number(value())));
     } else if (word == "--excerpt") {
@@ -260,7 +265,9 @@ Arguments parse(const std::vector<std::string>& words) {
 
 Options options_of(const Arguments& arguments) {
   Options options;
-  options.allocation = "candidate14";
+  // With it comes the engine's own refusal of what is too large; a machine that is played is to be
+  // tried.
+  if (arguments.memory == 0.0) options.allocation = "candidate14";
   options.any_channels = true;
   options.project = arguments.project;
   options.no_report = arguments.no_report;
@@ -276,11 +283,16 @@ void run(const Arguments& arguments) {
   if (arguments.processors > 0) {
     machine.processors = [count = arguments.processors] { return count; };
   }
+  if (arguments.memory > 0.0) {
+    const auto bytes = static_cast<std::uint64_t>(arguments.memory * 0x1p30);
+    machine.physical_memory = [bytes] { return bytes; };
+  }
   Run run{.options = options_of(arguments),
           .command_line = command_line,
           .machine = machine,
           .stop = {},
-          .lines = lines};
+          .lines = lines,
+          .storage = song_storage(machine)};
   apply_option_rules(run.options, command_line);
   resolve_paths(run.options, lines);
   if (arguments.excerpt > 0.0) run.options.excerpt_len = arguments.excerpt;

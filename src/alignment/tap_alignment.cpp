@@ -52,18 +52,19 @@ std::ptrdiff_t propose_lag(AudioView mono, StemView tap, int sr, AudioArray& roo
 }
 
 std::vector<std::ptrdiff_t> propose_lags(AudioView mix, const StemMap& taps, int sr,
-                                         const Machine& machine, const StopToken& stop) {
-  auto mono = AudioArray::uninitialised(1, mix.columns());
+                                         const Machine& machine, const StopToken& stop,
+                                         const SongStorage& storage) {
+  auto mono = storage.uninitialised<double>(1, mix.columns());
   make_mono(mix, mono, stop);
   const std::size_t workers =
-      std::max<std::size_t>(1, std::min({machine.processors() / 2, taps.size(), kMostWorkers}));
+      std::max<std::size_t>(1, std::min({machine.processors(), taps.size(), kMostWorkers}));
   std::optional<ThreadPool> pool;
   if (workers > 1) pool.emplace(workers, "verdel-alignment");
   std::vector<std::ptrdiff_t> lags(taps.size());
   std::atomic<std::size_t> next{0};
   run_indexed(pool ? &*pool : nullptr, workers, [&](std::size_t) {
     // One signal for all of a worker's taps: fresh pages cost more than the averaging.
-    auto room = AudioArray::uninitialised(1, mix.columns());
+    auto room = storage.uninitialised<double>(1, mix.columns());
     for (std::size_t i; (i = next++) < taps.size();) {
       lags[i] = propose_lag(mono.view(), taps[i].audio.view(), sr, room, stop);
     }
@@ -71,8 +72,9 @@ std::vector<std::ptrdiff_t> propose_lags(AudioView mix, const StemMap& taps, int
   return lags;
 }
 
-AudioArray mix_minus_taps(AudioView mix, const StemMap& taps, const StopToken& stop) {
-  auto residual = AudioArray::zeros(mix.rows(), mix.columns());
+AudioArray mix_minus_taps(AudioView mix, const StemMap& taps, const StopToken& stop,
+                          const SongStorage& storage) {
+  auto residual = storage.zeros<double>(mix.rows(), mix.columns());
   for_each_tile(mix.rows(), mix.columns(), stop,
                 [&](std::size_t row, std::size_t first, std::size_t count) {
                   const auto rest = residual.row(row).subspan(first, count);
@@ -132,12 +134,12 @@ void subtract_move(StemView tap, StemView aligned, AudioArray& residual, const S
 
 }  // namespace
 
-StemArray align_tap(StemView a, std::ptrdiff_t lag) {
+StemArray align_tap(StemView a, std::ptrdiff_t lag, const SongStorage& storage) {
   const std::size_t n = a.columns();
   // Negating as unsigned holds for the most negative lag too.
   const auto distance =
       lag < 0 ? std::size_t{0} - static_cast<std::size_t>(lag) : static_cast<std::size_t>(lag);
-  auto aligned = StemArray::zeros(a.rows(), n);
+  auto aligned = storage.zeros<float>(a.rows(), n);
   if (distance >= n) return aligned;
   for (std::size_t row = 0; row < a.rows(); ++row) {
     const auto from = a.row(row).subspan(lag < 0 ? distance : 0, n - distance);
@@ -147,7 +149,8 @@ StemArray align_tap(StemView a, std::ptrdiff_t lag) {
 }
 
 std::vector<AppliedLag> align_taps_to_mix(AudioView mix, StemMap& taps, int sr,
-                                          const Machine& machine, const StopToken& stop) {
+                                          const Machine& machine, const StopToken& stop,
+                                          const SongStorage& storage) {
   for (const auto& tap : taps) {
     if (!tap.audio.view().same_shape(mix)) {
       throw ValueError("single-band taps must match the finite full mix");
@@ -155,16 +158,16 @@ std::vector<AppliedLag> align_taps_to_mix(AudioView mix, StemMap& taps, int sr,
   }
   std::vector<AppliedLag> moves;
   if (mix.empty() || taps.empty()) return moves;
-  const auto lags = propose_lags(mix, taps, sr, machine, stop);
+  const auto lags = propose_lags(mix, taps, sr, machine, stop, storage);
   // Most projects are in line; they need no residual.
   if (std::ranges::all_of(lags, [](std::ptrdiff_t lag) { return lag == 0; })) return moves;
 
-  AudioArray residual = mix_minus_taps(mix, taps, stop);
+  AudioArray residual = mix_minus_taps(mix, taps, stop, storage);
   double energy = energy_of(residual.view(), stop);
   for (std::size_t i = 0; i < taps.size(); ++i) {
     if (lags[i] == 0) continue;
     StemArray& tap = taps[i].audio;
-    StemArray aligned = align_tap(tap.view(), lags[i]);
+    StemArray aligned = align_tap(tap.view(), lags[i], storage);
     const double new_energy =
         energy_after_move(energy, residual.view(), tap.view(), aligned.view(), stop);
     // Written so that energies that are not numbers move nothing.

@@ -102,13 +102,14 @@ void give_to_owners(StemMap& delivered, const Block& block, Scratch& scratch,
 }  // namespace
 
 struct CoordinatedStems::State {
-  State(std::vector<std::string> stem_names, AudioView whole, double null_threshold)
+  State(std::vector<std::string> stem_names, AudioView whole, double null_threshold,
+        const SongStorage& storage)
       : names(std::move(stem_names)),
         mix(whole),
         measured(null_threshold <= kDeepestUncoordinated && !names.empty()),
         target(std::pow(10.0, null_threshold / 20.0)) {
     for (const std::string& name : names) {
-      delivered.push_back({name, StemArray::uninitialised(mix.rows(), mix.columns())});
+      delivered.push_back({name, storage.uninitialised<float>(mix.rows(), mix.columns())});
     }
   }
 
@@ -148,11 +149,11 @@ void CoordinatedStems::State::take_block(const Block& block, RowsView<const doub
 }
 
 CoordinatedStems::CoordinatedStems(std::vector<std::string> names, AudioView mix,
-                                   double null_threshold) {
+                                   double null_threshold, const SongStorage& storage) {
   if (names.size() > kMostStems) {
     throw ValueError("cannot deliver more than 65536 stems at once");
   }
-  state_ = std::make_unique<State>(std::move(names), mix, null_threshold);
+  state_ = std::make_unique<State>(std::move(names), mix, null_threshold, storage);
 }
 
 CoordinatedStems::CoordinatedStems(CoordinatedStems&&) noexcept = default;

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "signal/arrays.hpp"
+#include "signal/song_storage.hpp"
 #include "support/stop_token.hpp"
 
 namespace verdel::internal {
@@ -19,7 +20,8 @@ class CoordinatedStems {
  public:
   /// `mix`: [channels][samples], the range that is delivered; it outlives this. Throws ValueError
   /// for more than 65536 stems.
-  CoordinatedStems(std::vector<std::string> names, AudioView mix, double null_threshold);
+  CoordinatedStems(std::vector<std::string> names, AudioView mix, double null_threshold,
+                   const SongStorage& storage = {});
   CoordinatedStems(CoordinatedStems&&) noexcept;
   ~CoordinatedStems();
 

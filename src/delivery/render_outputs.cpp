@@ -84,7 +84,7 @@ DeliveryVerdict write_render_outputs(const RenderOutputs& outputs, CoordinatedSt
   }
   delivered.clear();  // the proof needs nothing but the files
   begin(Stage::kProving);
-  const auto residual = written_residual(stems, outputs.mix, outputs.sr, stop);
+  const auto residual = written_residual(stems, outputs.mix, outputs.sr, stop, outputs.storage);
   if (outputs.write_null) write_file(files.back(), outputs.sr, residual.view(), stop);
   Proof proof = prove(residual.view(), outputs.null_threshold);
   line("");

@@ -22,6 +22,7 @@ struct RenderOutputs {
   AudioView mix;
   double null_threshold = -100.0;  ///< dB
   StageSink begin = {};            ///< may be empty
+  SongStorage storage = {};        ///< where what the files leave of the mix stands
 };
 
 struct DeliveryVerdict {

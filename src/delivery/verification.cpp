@@ -107,8 +107,8 @@ bool is_null_residual(const StemInput& stem, const StopToken& stop) {
 }
 
 AudioArray written_residual(const std::vector<StemInput>& stems, AudioView mix, int sr,
-                            const StopToken& stop) {
-  auto residual = AudioArray::zeros(mix.rows(), mix.columns());
+                            const StopToken& stop, const SongStorage& storage) {
+  auto residual = storage.zeros<double>(mix.rows(), mix.columns());
   for (const auto& stem : stems) add_stem(stem, sr, residual, stop);
   for (std::size_t channel = 0; channel < mix.rows(); ++channel) {
     stop.check();

@@ -6,6 +6,7 @@
 #include "inputs/input_planning.hpp"
 #include "signal/arrays.hpp"
 #include "signal/levels.hpp"
+#include "signal/song_storage.hpp"
 #include "support/stop_token.hpp"
 
 /// The proof that files add up to a mix, whoever wrote them.
@@ -27,7 +28,7 @@ bool is_null_residual(const StemInput& stem, const StopToken& stop = {});
 /// channels or length are not those of the mix; OSError or RuntimeError with the file's name for
 /// one that cannot be read whole; Cancelled by `stop`.
 AudioArray written_residual(const std::vector<StemInput>& stems, AudioView mix, int sr,
-                            const StopToken& stop = {});
+                            const StopToken& stop = {}, const SongStorage& storage = {});
 
 struct ChannelProof {
   Levels difference;      ///< dB; both NaN if a sample is not a number

@@ -49,7 +49,7 @@ void resolve_paths(Options& options, OutputLines& lines) {
 Mix read_mix(const Run& run) {
   const std::string& path = *run.options.mix;
   Mix mix{.input = plan_mix_input(path), .audio = {}};
-  LoadedAudio loaded = load_audio_input(mix.input, run.stop);
+  LoadedAudio loaded = load_audio_input(mix.input, run.stop, run.storage);
   mix.audio = std::move(loaded.audio);
   mix.sr = loaded.sr;
 
@@ -78,7 +78,8 @@ StemMap read_taps(const Run& run, const Mix& mix, const std::vector<StemInput>& 
                             .mix_frames = mix.frames(),
                             .any_channels = run.options.any_channels,
                             .strict_inputs = run.options.strict_inputs,
-                            .workers = std::min(run.machine.processors(), kMostDecoders)};
+                            .workers = std::min(run.machine.processors(), kMostDecoders),
+                            .storage = run.storage};
   return load_stem_inputs(
       plan, loading, [&run](std::string_view line) { run.lines.print(line); }, run.stop);
 }

@@ -14,6 +14,9 @@
 namespace verdel::internal {
 namespace {
 
+// The share of the machine's memory that whole songs may take; beyond it they stand in files.
+constexpr double kSongMemory = 0.4;
+
 void print_suggestion(const Run& run, const Mix& mix) {
   const ExcerptSuggestion found =
       suggest_excerpt(mix.audio.view(), mix.sr, run.options.suggest_excerpt, run.stop);
@@ -21,14 +24,16 @@ void print_suggestion(const Run& run, const Mix& mix) {
       suggestion_line(found.start, found.length, mix.sr, found.bpm, found.bars, found.confidence));
 }
 
-SongJob song_job(const Options& options, const Mix& mix, SampleSpan range) {
+SongJob song_job(const Run& run, const Mix& mix, SampleSpan range) {
+  const Options& options = run.options;
   return {.mix = mix.audio.view(),
           .sr = mix.sr,
           .range = range,
           .profile = {.gain_window_ms = options.gain_window,
                       .gain_smooth_ms = *options.gain_smooth,
                       .report_bands = static_cast<std::size_t>(*options.bands)},
-          .tell_levels = true};
+          .tell_levels = true,
+          .storage = run.storage};
 }
 
 /// A failure that an input's samples explain names the file on a second line.
@@ -71,7 +76,13 @@ void deliver(const Run& run, const SongJob& job, const StemMap& taps, Coordinate
 
 }  // namespace
 
+SongStorage song_storage(const Machine& machine) {
+  const double bytes = kSongMemory * static_cast<double>(machine.physical_memory());
+  return {static_cast<std::uint64_t>(bytes), machine.temporary_folder()};
+}
+
 void run_engine(Run run) {
+  run.storage = song_storage(run.machine);
   apply_option_rules(run.options, run.command_line);
   resolve_paths(run.options, run.lines);
   const bool only_suggest = run.options.suggest_excerpt > 0.0;
@@ -88,7 +99,7 @@ void run_engine(Run run) {
   run.lines.stage(name_of(Stage::kReadingTaps));
   StemMap taps = read_taps(run, mix, plan);
   require_known_low_resolution(run.options, names_of(taps), run.command_line);
-  SongJob job = song_job(run.options, mix, choose_output_range(run, mix));
+  SongJob job = song_job(run, mix, choose_output_range(run, mix));
 
   SongLines lines(run, mix.channels(), names_of(taps));
   if (run.chain != nullptr) {

@@ -8,4 +8,7 @@ namespace verdel::internal {
 /// the options leave open. Throws what stops it: UsageError, the four kinds of failure, Cancelled.
 void run_engine(Run run);
 
+/// Where a run on this machine keeps what is as long as its song.
+SongStorage song_storage(const Machine& machine);
+
 }  // namespace verdel::internal

@@ -6,6 +6,7 @@
 #include "driver/option_parser.hpp"
 #include "driver/options.hpp"
 #include "driver/output_lines.hpp"
+#include "signal/song_storage.hpp"
 #include "support/machine.hpp"
 #include "support/stop_token.hpp"
 
@@ -29,6 +30,7 @@ struct Run {
   const Machine& machine;
   StopToken stop;
   OutputLines& lines;
+  SongStorage storage = {};             ///< where what is as long as the song stands
   const ChainOptions* chain = nullptr;  ///< if the master chain is to be heard first
 };
 

@@ -24,16 +24,14 @@ void check_every_stride(const StopToken& stop, std::size_t sample) {
   if (sample % kStopStride == 0) stop.check();
 }
 
-std::vector<double> moving_average(const std::vector<double>& g, std::size_t size,
-                                   const StopToken& stop) {
-  std::vector<double> smoothed(g.size());
+void moving_average(std::span<const double> g, std::size_t size, std::span<double> smoothed,
+                    const StopToken& stop) {
   for_each_window_sum(
       g.size(), size, [&](std::size_t i) { return g[i]; },
       [&](std::size_t i, double sum) {
         check_every_stride(stop, i);
         smoothed[i] = sum / static_cast<double>(size);
       });
-  return smoothed;
 }
 
 // The level of each block in dB; the last block is filled up with the curve's last value.
@@ -71,39 +69,41 @@ std::vector<double> attack_release(std::span<const double> x, double attack, dou
 
 }  // namespace
 
-std::vector<double> ls_gain(std::span<const double> bm, std::span<const double> bt,
-                            const GainCurveSettings& settings, const StopToken& stop) {
-  assert(bm.size() == bt.size() && settings.gw >= 1);
+void ls_gain(std::span<const double> bm, std::span<const double> bt,
+             const GainCurveSettings& settings, std::span<double> gain, const StopToken& stop) {
+  assert(bm.size() == bt.size() && bm.size() == gain.size() && settings.gw >= 1);
   const std::size_t gw = settings.gw;
   const double count = static_cast<double>(gw);
-  std::vector<double> gain(bm.size());
+  std::vector<double> raw(bm.size());
   for_each_window_sum(
       bm.size(), gw, [&](std::size_t i) { return bm[i] * bt[i]; },
       [&](std::size_t i, double sum) {
         check_every_stride(stop, i);
-        gain[i] = sum / count;
+        raw[i] = sum / count;
       });
   for_each_window_sum(
       bt.size(), gw, [&](std::size_t i) { return bt[i] * bt[i]; },
       [&](std::size_t i, double sum) {
         check_every_stride(stop, i);
         const double power = sum / count;
-        const double fit = power > kSmallestDenominator ? gain[i] / power : kSilentGain;
-        gain[i] = std::clamp(fit, kSmallestGain, kLargestGain);
+        const double fit = power > kSmallestDenominator ? raw[i] / power : kSilentGain;
+        raw[i] = std::clamp(fit, kSmallestGain, kLargestGain);
       });
-  return finish_gain(std::move(gain), settings, stop);
+  finish_gain(std::move(raw), settings, gain, stop);
 }
 
-std::vector<double> finish_gain(std::vector<double> g, const GainCurveSettings& settings,
-                                const StopToken& stop) {
+void finish_gain(std::vector<double> g, const GainCurveSettings& settings, std::span<double> gain,
+                 const StopToken& stop) {
   if (settings.attack_ms > 0.0 && settings.release_ms > 0.0) {
     const double lookahead_ms =
         settings.lookahead_ms < 0.0 ? settings.attack_ms : settings.lookahead_ms;
-    return ballistic_smooth(std::move(g), settings.sr, settings.attack_ms, settings.release_ms,
-                            lookahead_ms, stop);
+    g = ballistic_smooth(std::move(g), settings.sr, settings.attack_ms, settings.release_ms,
+                         lookahead_ms, stop);
+  } else if (settings.sw != 0) {
+    moving_average(g, settings.sw, gain, stop);
+    return;
   }
-  if (settings.sw != 0) return moving_average(g, settings.sw, stop);
-  return g;
+  std::ranges::copy(g, gain.begin());
 }
 
 std::vector<double> ballistic_smooth(std::vector<double> g, double sr, double attack_ms,

@@ -7,8 +7,7 @@
 
 #include "support/stop_token.hpp"
 
-/// Gain curves: one plain factor per sample, measured on a pair of signals and smoothed. Curves are
-/// handed in by value and handed on: a stage that changes nothing returns the storage it was given.
+/// Gain curves: one plain factor per sample, measured on a pair of signals and smoothed.
 namespace verdel::internal {
 
 /// How a gain curve is measured and smoothed.
@@ -24,13 +23,15 @@ struct GainCurveSettings {
 /// The gain that maps `bt` onto `bm` with the least squared error within gw samples around each
 /// sample, held to 0.02 .. 50 and smoothed; 1 where bt is silent.
 ///
-/// Shapes: bm, bt and the result have one length. Errors: none; Cancelled by `stop`.
-std::vector<double> ls_gain(std::span<const double> bm, std::span<const double> bt,
-                            const GainCurveSettings& settings, const StopToken& stop = {});
+/// Shapes: bm, bt and `gain`, which may be bt itself, have one length. Errors: none; Cancelled by
+/// `stop`.
+void ls_gain(std::span<const double> bm, std::span<const double> bt,
+             const GainCurveSettings& settings, std::span<double> gain, const StopToken& stop = {});
 
-/// Smooths a raw curve: by ballistics, else by the moving average, else not at all.
-std::vector<double> finish_gain(std::vector<double> g, const GainCurveSettings& settings,
-                                const StopToken& stop = {});
+/// Smooths a raw curve into `gain`, of its length: by ballistics, else by the moving average, else
+/// not at all.
+void finish_gain(std::vector<double> g, const GainCurveSettings& settings, std::span<double> gain,
+                 const StopToken& stop = {});
 
 /// A one-pole smoother with attack and release, run in dB on the geometric means of blocks of a
 /// quarter of a millisecond and interpolated back to samples. Each block's value stands at the

@@ -60,14 +60,15 @@ VERDEL_INLINE void subtract_from(const double* __restrict whole, std::size_t cou
 
 }  // namespace
 
-AudioArray sum_of_taps(AudioView mix, const StemMap& taps, const StopToken& stop) {
+AudioArray sum_of_taps(AudioView mix, const StemMap& taps, const StopToken& stop,
+                       const SongStorage& storage) {
   if (mix.empty() || taps.empty()) {
     throw ValueError("single-band model needs channels, samples and taps");
   }
   for (const auto& tap : taps) {
     if (!mix.same_shape(tap.audio.view())) refuse_tap();
   }
-  return sum_of(taps, mix.rows(), mix.columns(), stop);
+  return sum_of(taps, mix.rows(), mix.columns(), stop, storage);
 }
 
 AudioArray shared_single_band_gain(AudioView mix, AudioArray tap_sum, int sr, double gain_window_ms,
@@ -81,7 +82,7 @@ AudioArray shared_single_band_gain(AudioView mix, AudioArray tap_sum, int sr, do
       .sr = static_cast<double>(sr)};
   for (std::size_t channel = 0; channel < mix.rows(); ++channel) {
     const auto row = tap_sum.row(channel);
-    std::ranges::copy(ls_gain(mix.row(channel), row, settings, stop), row.begin());
+    ls_gain(mix.row(channel), row, settings, row, stop);
   }
   // Where the gain is finite so is every model: their samples are floats.
   require_finite(tap_sum.view(), stop,

@@ -2,6 +2,7 @@
 
 #include "signal/arrays.hpp"
 #include "signal/profile.hpp"
+#include "signal/song_storage.hpp"
 #include "support/stop_token.hpp"
 
 /// What stands in for the master chain: one gain curve per channel, the same for every tap. A tap
@@ -12,7 +13,8 @@ namespace verdel::internal {
 /// tells of a tap that is not.
 ///
 /// Errors: ValueError for an empty mix, no taps, or a tap of another shape; Cancelled by `stop`.
-AudioArray sum_of_taps(AudioView mix, const StemMap& taps, const StopToken& stop = {});
+AudioArray sum_of_taps(AudioView mix, const StemMap& taps, const StopToken& stop = {},
+                       const SongStorage& storage = {});
 
 /// Fits the sum of the taps to the mix by a least-squares gain, measured over gain_window_ms and
 /// averaged over gain_smooth_ms (0 or below: not averaged). Returns plain factors within

@@ -28,9 +28,10 @@ std::vector<Sample> decoding_block(const AudioFile& file) {
 }
 
 template <class Sample>
-Array2D<Sample> allocate(std::size_t channels, std::size_t frames, const std::string& path) {
+Array2D<Sample> allocate(std::size_t channels, std::size_t frames, const std::string& path,
+                         const SongStorage& storage = {}) {
   try {
-    return Array2D<Sample>::uninitialised(channels, frames);
+    return storage.uninitialised<Sample>(channels, frames);
   } catch (const std::bad_alloc&) {
     throw RuntimeError(fmt::format("{} does not fit into memory: {} of {}.", quoted_path(path),
                                    counted(channels, "channel"), counted(frames, "frame")));
@@ -65,18 +66,18 @@ std::size_t decode_into(AudioFile& file, RowsView<Sample> rows, const StopToken&
 }
 
 // Decodes a whole file whose length is not known for sure.
-AudioArray gather(AudioFile& file, const StopToken& stop) {
+AudioArray gather(AudioFile& file, const SongStorage& storage, const StopToken& stop) {
   const std::size_t channels = file.header().channels;
   std::vector<double> block = decoding_block<double>(file);
   std::vector<AudioArray> pieces;
   std::size_t total = 0;
   while (const std::size_t count = file.read(block)) {
     stop.check();
-    pieces.push_back(allocate<double>(channels, count, file.path()));
+    pieces.push_back(allocate<double>(channels, count, file.path(), storage));
     deinterleave(block, count, pieces.back().view(), 0);
     total += count;
   }
-  AudioArray whole = allocate<double>(channels, total, file.path());
+  AudioArray whole = allocate<double>(channels, total, file.path(), storage);
   std::size_t first = 0;
   for (AudioArray& piece : pieces) {
     for (std::size_t c = 0; c < channels; ++c) {
@@ -102,8 +103,10 @@ struct FittedAudio {
 
 template <class Sample>
 FittedAudio<Sample> decode_fitted(OpenAudioInput& opened, const StemInput& input,
-                                  std::size_t frames, const StopToken& stop) {
-  FittedAudio<Sample> fitted{allocate<Sample>(opened.header.channels, frames, input.files.front())};
+                                  std::size_t frames, const SongStorage& storage,
+                                  const StopToken& stop) {
+  FittedAudio<Sample> fitted{
+      allocate<Sample>(opened.header.channels, frames, input.files.front(), storage)};
   if (opened.files.size() == 1) {
     fitted.frames = decode_into(opened.files[0], fitted.audio.view(), stop);
   } else {
@@ -117,22 +120,24 @@ FittedAudio<Sample> decode_fitted(OpenAudioInput& opened, const StemInput& input
   return fitted;
 }
 
-AudioArray decode_whole(AudioFile& file, const StopToken& stop) {
-  if (!file.length_is_verified()) return gather(file, stop);
-  AudioArray audio = allocate<double>(file.header().channels, *file.header().frames, file.path());
+AudioArray decode_whole(AudioFile& file, const SongStorage& storage, const StopToken& stop) {
+  if (!file.length_is_verified()) return gather(file, storage, stop);
+  AudioArray audio =
+      allocate<double>(file.header().channels, *file.header().frames, file.path(), storage);
   decode_into(file, audio.view(), stop);
   return audio;
 }
 
-AudioArray decode_pair(OpenAudioInput& pair, const StemInput& input, const StopToken& stop) {
+AudioArray decode_pair(OpenAudioInput& pair, const StemInput& input, const SongStorage& storage,
+                       const StopToken& stop) {
   const auto is_verified = [](const AudioFile& file) { return file.length_is_verified(); };
   if (std::ranges::all_of(pair.files, is_verified)) {
-    return decode_fitted<double>(pair, input, *pair.header.frames, stop).audio;
+    return decode_fitted<double>(pair, input, *pair.header.frames, storage, stop).audio;
   }
-  const AudioArray left = decode_whole(pair.files[0], stop);
-  const AudioArray right = decode_whole(pair.files[1], stop);
+  const AudioArray left = decode_whole(pair.files[0], storage, stop);
+  const AudioArray right = decode_whole(pair.files[1], storage, stop);
   require_equal_lengths(input, left.columns(), right.columns());
-  AudioArray both = allocate<double>(2, left.columns(), input.files.front());
+  AudioArray both = allocate<double>(2, left.columns(), input.files.front(), storage);
   std::ranges::copy(left.flat(), both.row(0).begin());
   std::ranges::copy(right.flat(), both.row(1).begin());
   return both;
@@ -218,7 +223,7 @@ DecodedStem decode_stem(const StemInput& stem, const AudioHeader& judged,
   const LineSink warn = [&](std::string_view line) { decoded.warnings.emplace_back(line); };
   OpenAudioInput opened = open_audio_input(stem);
   if (opened.header != judged) require_fit(stem, opened.header, loading, warn);
-  auto fitted = decode_fitted<float>(opened, stem, loading.mix_frames, stop);
+  auto fitted = decode_fitted<float>(opened, stem, loading.mix_frames, loading.storage, stop);
   if (!opened.header.frames) {
     require_fit(stem, {opened.header.sr, opened.header.channels, fitted.frames}, loading, warn);
   }
@@ -228,15 +233,16 @@ DecodedStem decode_stem(const StemInput& stem, const AudioHeader& judged,
 
 }  // namespace
 
-LoadedAudio load(const std::string& path, const StopToken& stop) {
+LoadedAudio load(const std::string& path, const StopToken& stop, const SongStorage& storage) {
   AudioFile file(path);
-  return {decode_whole(file, stop), file.header().sr};
+  return {decode_whole(file, storage, stop), file.header().sr};
 }
 
-LoadedAudio load_audio_input(const StemInput& input, const StopToken& stop) {
-  if (input.files.size() == 1) return load(input.files.front(), stop);
+LoadedAudio load_audio_input(const StemInput& input, const StopToken& stop,
+                             const SongStorage& storage) {
+  if (input.files.size() == 1) return load(input.files.front(), stop, storage);
   OpenAudioInput pair = open_audio_input(input);
-  return {decode_pair(pair, input, stop), pair.header.sr};
+  return {decode_pair(pair, input, storage, stop), pair.header.sr};
 }
 
 StemMap load_stem_inputs(const std::vector<StemInput>& plan, const StemLoading& loading,

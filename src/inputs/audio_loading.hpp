@@ -7,6 +7,7 @@
 #include "inputs/audio_header.hpp"
 #include "inputs/input_planning.hpp"
 #include "signal/arrays.hpp"
+#include "signal/song_storage.hpp"
 #include "support/line_sink.hpp"
 #include "support/stop_token.hpp"
 
@@ -21,11 +22,13 @@ struct LoadedAudio {
 /// The whole of one audio file, decoded. Throws OSError or RuntimeError, naming the file, if it
 /// cannot be read to the end that its header tells. Memory is taken for samples that are there,
 /// never for what a header claims.
-LoadedAudio load(const std::string& path, const StopToken& stop = {});
+LoadedAudio load(const std::string& path, const StopToken& stop = {},
+                 const SongStorage& storage = {});
 
 /// The whole of one input, a pair as two rows, left first. Errors as those of load and
 /// open_audio_input.
-LoadedAudio load_audio_input(const StemInput& input, const StopToken& stop = {});
+LoadedAudio load_audio_input(const StemInput& input, const StopToken& stop = {},
+                             const SongStorage& storage = {});
 
 /// What stems are held against.
 struct StemLoading {
@@ -35,6 +38,7 @@ struct StemLoading {
   bool any_channels = false;   ///< lets stems of another channel count through
   bool strict_inputs = false;  ///< refuses stems of another length
   std::size_t workers = 1;     ///< stems decoded at once; no figure and no order depends on it
+  SongStorage storage = {};
 };
 
 /// The stems of a plan, in its order, rounded to single precision, which holds 24 bits and all

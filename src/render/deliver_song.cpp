@@ -24,7 +24,8 @@ DeliveryVerdict deliver_song(const SongJob& job, const StemMap& taps, Coordinate
                               .sr = job.sr,
                               .mix = job.mix.column_range(job.range.first, job.range.stop),
                               .null_threshold = job.profile.null_threshold,
-                              .begin = [&observer](Stage stage) { observer.begin(stage); }};
+                              .begin = [&observer](Stage stage) { observer.begin(stage); },
+                              .storage = job.storage};
   StemReport print_report;
   if (files.report) {
     print_report = [&](const StemViews& written) {

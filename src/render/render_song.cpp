@@ -16,13 +16,13 @@ void align(const SongJob& job, StemMap& taps, const Machine& machine, SongObserv
            const StopToken& stop) {
   if (!job.align) return;
   observer.begin(Stage::kAligning);
-  observer.aligned(align_taps_to_mix(job.mix, taps, job.sr, machine, stop));
+  observer.aligned(align_taps_to_mix(job.mix, taps, job.sr, machine, stop, job.storage));
 }
 
 /// Fits the whole mix; the model is of the part that a render of the range looks at.
 Model fit(const SongJob& job, const StemMap& taps, SongObserver& observer, const StopToken& stop) {
   const double mix_rms = job.tell_levels ? levels(job.mix).rms : 0.0;
-  AudioArray sum = sum_of_taps(job.mix, taps, stop);
+  AudioArray sum = sum_of_taps(job.mix, taps, stop, job.storage);
   if (job.tell_levels) {
     observer.raw_difference(levels_of_difference(job.mix, sum.view()).rms - mix_rms);
   }
@@ -40,7 +40,7 @@ CoordinatedStems unfilled_stems(const SongJob& job, const StemMap& taps) {
   std::vector<std::string> names;
   for (const auto& tap : taps) names.push_back(tap.name);
   return {std::move(names), job.mix.column_range(job.range.first, job.range.stop),
-          job.profile.null_threshold};
+          job.profile.null_threshold, job.storage};
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 #include "delivery/coordinated_float32.hpp"
 #include "signal/arrays.hpp"
 #include "signal/profile.hpp"
+#include "signal/song_storage.hpp"
 #include "support/machine.hpp"
 #include "support/stage.hpp"
 #include "support/stop_token.hpp"
@@ -23,6 +24,7 @@ struct SongJob {
   Profile profile = {};
   bool align = true;         ///< whether taps may be moved
   bool tell_levels = false;  ///< whether the two levels below are worth a pass over all samples
+  SongStorage storage = {};  ///< where sums, gain, moved taps and stems stand
 };
 
 /// Hears how a render gets on. Calls come from the thread of the render, in the order in which they

@@ -56,7 +56,8 @@ class RowsView {
   std::size_t rows_ = 0, columns_ = 0, stride_ = 0;
 };
 
-/// Owner of [rows][columns] values without gaps, on aligned memory.
+/// Owner of [rows][columns] values without gaps, on aligned memory of its own or on storage that it
+/// keeps.
 template <class T>
 class Array2D {
   static_assert(std::is_trivially_copyable_v<T>);
@@ -80,6 +81,14 @@ class Array2D {
     }
     array.data_.reset(static_cast<T*>(
         ::operator new (rows* columns * sizeof(T), std::align_val_t{kArrayAlignment})));
+    return array;
+  }
+  /// On somebody else's storage, aligned for vectors, which goes with the array.
+  static Array2D on(std::shared_ptr<void> storage, T* data, std::size_t rows, std::size_t columns) {
+    Array2D array;
+    array.data_ = {data, Release{std::move(storage)}};
+    array.rows_ = rows;
+    array.columns_ = columns;
     return array;
   }
   static Array2D zeros(std::size_t rows, std::size_t columns) {
@@ -112,8 +121,13 @@ class Array2D {
 
  private:
   struct Release {
-    void operator()(T* data) const {
-      ::operator delete (static_cast<void*>(data), std::align_val_t{kArrayAlignment});
+    std::shared_ptr<void> storage = {};  // empty: the values stand on memory of their own
+    void operator()(T* data) {
+      if (storage) {
+        storage.reset();
+      } else {
+        ::operator delete (static_cast<void*>(data), std::align_val_t{kArrayAlignment});
+      }
     }
   };
   std::unique_ptr<T, Release> data_;

@@ -29,8 +29,8 @@ void subtract_from(std::span<const double> whole, std::span<double> part) {
 }  // namespace
 
 AudioArray sum_of(const StemMap& stems, std::size_t channels, std::size_t frames,
-                  const StopToken& stop) {
-  AudioArray sum = AudioArray::zeros(channels, frames);
+                  const StopToken& stop, const SongStorage& storage) {
+  auto sum = storage.zeros<double>(channels, frames);
   for (std::size_t channel = 0; channel < channels; ++channel) {
     for (std::size_t first = 0; first < frames; first += kBlock) {
       stop.check();
