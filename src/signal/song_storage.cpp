@@ -54,8 +54,9 @@ std::shared_ptr<void> map_nameless_file(const std::string& folder, std::size_t b
   const Descriptor file(open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
   if (!file) throw OSError("cannot create the temporary file " + printable(path), errno);
   if (const int error = reserve_space(file.get(), bytes); error != 0) {
-    throw OSError("cannot reserve " + std::to_string(bytes >> 20) + " MiB of temporary space for " +
-                      printable(path),
+    throw OSError("cannot reserve " + std::to_string(bytes >> 20) +
+                      " MiB for a song that does not fit into memory in " + quoted_path(folder) +
+                      " (TMPDIR names a folder with more room)",
                   error);
   }
   void* const data = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, file.get(), 0);
