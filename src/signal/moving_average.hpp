@@ -44,8 +44,8 @@ void read_block(std::ptrdiff_t first, std::size_t length, const Value& value,
     return;
   }
   for (std::size_t r = 0; r < size; ++r) {
-    values[r] = static_cast<double>(
-        value(reflected_index(first + static_cast<std::ptrdiff_t>(r), length)));
+    values[r] =
+        static_cast<double>(value(reflected_index(first + static_cast<std::ptrdiff_t>(r), length)));
   }
 }
 

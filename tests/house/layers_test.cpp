@@ -42,10 +42,10 @@ std::vector<std::string> behind(const std::string& begin, char end, const std::s
 
 TEST(House, FoldersIncludeOnlyLowerLayers) {
   const std::map<std::string, int> layer = {
-      {"support", 0},    {"signal", 1},        {"inputs", 2},    {"alignment", 2}, {"gain", 2},
-      {"allocation", 3}, {"contamination", 3}, {"chain", 3},     {"delivery", 3},  {"excerpt", 3},
-      {"render", 4},     {"handover", 4},      {"diagnosis", 4}, {"driver", 5},    {"embedding", 5},
-      {"apps", 6}};
+      {"support", 0},   {"signal", 1},     {"inputs", 2},        {"alignment", 2},
+      {"gain", 2},      {"allocation", 3}, {"contamination", 3}, {"chain", 3},
+      {"delivery", 3},  {"excerpt", 3},    {"render", 4},        {"handover", 4},
+      {"diagnosis", 4}, {"driver", 5},     {"embedding", 5},     {"apps", 6}};
   for (const SourceFile& file : sources()) {
     for (const std::string& header : behind("#include \"", '"', file.text)) {
       const std::string folder = fs::path(header).parent_path().string();
