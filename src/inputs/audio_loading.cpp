@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <new>
+#include <span>
 #include <string>
 #include <utility>
 #include <vector>
@@ -40,7 +41,7 @@ Array2D<Sample> allocate(std::size_t channels, std::size_t frames, const std::st
 
 // Sorts the first frames of a block into rows, from column `first` on.
 template <class Sample>
-void deinterleave(const std::vector<Sample>& block, std::size_t frames, RowsView<Sample> rows,
+void deinterleave(std::span<const Sample> block, std::size_t frames, RowsView<Sample> rows,
                   std::size_t first) {
   const std::size_t channels = rows.rows();
   for (std::size_t c = 0; c < channels; ++c) {
@@ -58,32 +59,45 @@ std::size_t decode_into(AudioFile& file, RowsView<Sample> rows, const StopToken&
   while (const std::size_t count = file.read(std::span(block))) {
     stop.check();
     if (total < rows.columns()) {
-      deinterleave(block, std::min(count, rows.columns() - total), rows, total);
+      deinterleave(std::span<const Sample>(block), std::min(count, rows.columns() - total), rows,
+                   total);
     }
     total += count;
   }
   return total;
 }
 
-// Decodes a whole file whose length is not known for sure.
+// Decodes a whole file whose length is not known for sure: into pieces each as long as all before
+// it, so that they are few however long the file is.
 AudioArray gather(AudioFile& file, const SongStorage& storage, const StopToken& stop) {
   const std::size_t channels = file.header().channels;
   std::vector<double> block = decoding_block<double>(file);
   std::vector<AudioArray> pieces;
-  std::size_t total = 0;
+  std::size_t total = 0, room = 0;  // room: frames that the last piece has left
   while (const std::size_t count = file.read(block)) {
     stop.check();
-    pieces.push_back(allocate<double>(channels, count, file.path(), storage));
-    deinterleave(block, count, pieces.back().view(), 0);
-    total += count;
+    for (std::size_t done = 0; done < count;) {
+      if (room == 0) {
+        room = std::max(total, count);
+        pieces.push_back(allocate<double>(channels, room, file.path(), storage));
+      }
+      AudioArray& piece = pieces.back();
+      const std::size_t taken = std::min(count - done, room);
+      deinterleave(std::span<const double>(block).subspan(done * channels), taken, piece.view(),
+                   piece.columns() - room);
+      room -= taken;
+      done += taken;
+      total += taken;
+    }
   }
   AudioArray whole = allocate<double>(channels, total, file.path(), storage);
   std::size_t first = 0;
   for (AudioArray& piece : pieces) {
+    const std::size_t frames = std::min(piece.columns(), total - first);
     for (std::size_t c = 0; c < channels; ++c) {
-      std::copy_n(piece.row(c).data(), piece.columns(), whole.row(c).data() + first);
+      std::copy_n(piece.row(c).data(), frames, whole.row(c).data() + first);
     }
-    first += piece.columns();
+    first += frames;
     piece = AudioArray();  // given back as soon as it has been copied
   }
   return whole;

@@ -75,12 +75,14 @@ std::shared_ptr<void> SongStorage::take(std::size_t bytes) const {
     ::operator delete (data, std::align_val_t{kArrayAlignment});
     budget->give_back(bytes);
   };
+  void* data = nullptr;
   try {
-    return {::operator new (bytes, std::align_val_t{kArrayAlignment}), release};
+    data = ::operator new (bytes, std::align_val_t{kArrayAlignment});
   } catch (const std::bad_alloc&) {
     budget_->give_back(bytes);
     throw;
   }
+  return {data, release};
 }
 
 }  // namespace verdel::internal
